@@ -1,0 +1,264 @@
+#pragma once
+// Entities, their notifiees, and the accessor families.
+//
+// An entity that others watch derives from Kiv::Entity<Self> and declares a nested NotifieeConst
+// with one callback family per watched attribute. Its collections and scalars are declared with
+// one macro line each; the macro names the accessor family and the templates do the work:
+//
+//   class SegmentStatus : public Kiv::Entity<SegmentStatus> {
+//    public:
+//     class NotifieeConst : public Kiv::NotifieeConstBase<SegmentStatus> {
+//      public:
+//       KIV_NOTIFIEE_COLLECTION(designatedForwarderTep, DesignatedForwarderTep, Bridging::VlanId)
+//     };
+//     explicit SegmentStatus(const Quil::IntfId& intf) : intfId_(intf) {}
+//     KIV_KEY(intfId, Quil::IntfId)
+//     KIV_WATCHED_COLLECTION(designatedForwarderTep, DesignatedForwarderTep, Bridging::VlanId,
+//                            Quil::IntfId)
+//   };
+//
+// That gives, for a collection `x` keyed by K with values V:
+//   x(k)         the value (std::optional<V>), or the child (Kiv::Ptr<C>, null when absent)
+//   xHas(k)      presence;  xs()  the number of elements;  xWalk()  a change-tolerant walk
+//   xIs(k, v)    insert or overwrite (child collections: xIs(k) creates the child if absent and
+//                returns it; a present child is returned unchanged)
+//   xDel(k)      remove (absent: nothing);  xDelAll()  remove every element
+//   xNotify(k)   tell the notifiees onX(k) without changing anything
+// A watched collection tells its notifiees onX(k) after every insert, change of value and removal
+// (an overwrite with an equal value is no change). Plain collections (KIV_COLLECTION, the owned
+// sets and a machine's internal state) notify nobody, and their xNotify does nothing.
+//
+// Scalars: KIV_SCALAR stores only; KIV_WATCHED_SCALAR stores and notifies onX() only when the
+// value changes; KIV_WATCHED_COUNTER adds xInc(n).
+//
+// Each macro leaves the class section public.
+//
+// Notifiees: a NotifieeConst registers with notifierIs(entity) and unregisters on destruction or
+// notifierIs(nullptr). Delivery is synchronous, allocates nothing, and tolerates a notifiee that
+// removes itself or another (or adds one: a notifiee added during a delivery is not told of it).
+// The whole-collection callback onX() is mapped onto onX(k) for every key present, and
+// onXkivImmediate() onto onX(): a notifiee that overrides only the per-key callback hears
+// everything.
+
+#include <cstdint>
+#include <vector>
+
+#include "Kiv/Collection.h"
+#include "Kiv/Ptr.h"
+
+namespace Kiv {
+
+// The registered notifiees of one entity. Removal during a delivery leaves a hole that the
+// delivery skips; the holes are compacted when the last delivery ends.
+template <class N>
+class NotifieeList {
+ public:
+  void add(N* n) { slots_.push_back(n); }
+  void remove(N* n) {
+    for (auto& s : slots_) {
+      if (s != n) continue;
+      if (delivering_) {
+        s = nullptr;
+        ++holes_;
+      } else {
+        s = slots_.back();
+        slots_.pop_back();
+      }
+      return;
+    }
+  }
+  std::size_t size() const { return slots_.size() - holes_; }
+
+  template <class F>
+  void deliver(F&& f) {
+    const std::size_t end = slots_.size();
+    ++delivering_;
+    for (std::size_t i = 0; i < end; ++i) {
+      if (N* n = slots_[i]) f(n);
+    }
+    if (--delivering_ == 0 && holes_) {
+      std::erase(slots_, nullptr);
+      holes_ = 0;
+    }
+  }
+
+ private:
+  std::vector<N*> slots_;
+  std::uint32_t delivering_ = 0;
+  std::uint32_t holes_ = 0;
+};
+
+template <class Self>
+class Entity;
+
+// Base of every entity's NotifieeConst: the registration with one notifier.
+template <class Self>
+class NotifieeConstBase {
+ public:
+  using Notifier = Self;
+
+  NotifieeConstBase() = default;
+  NotifieeConstBase(const NotifieeConstBase&) = delete;
+  NotifieeConstBase& operator=(const NotifieeConstBase&) = delete;
+  virtual ~NotifieeConstBase() { notifierIs(nullptr); }
+
+  const Ptr<const Self>& notifier() const { return notifier_; }
+  void notifierIs(const Ptr<const Self>& n) {
+    if (n == notifier_) return;
+    if (notifier_) notifier_->kivNotifiees_.remove(this);
+    notifier_ = n;
+    if (notifier_) notifier_->kivNotifiees_.add(this);
+  }
+
+ private:
+  Ptr<const Self> notifier_;
+};
+
+// Base of an entity that others watch.
+template <class Self>
+class Entity : public PtrInterface {
+ public:
+  std::size_t notifieeCount() const { return kivNotifiees_.size(); }
+
+ protected:
+  // Calls f(notifiee) for every registered Self::NotifieeConst. The entity stays alive for the
+  // whole delivery even if a notifiee drops the last other reference to it.
+  template <class F>
+  void kivDeliver(F&& f) const {
+    if (!kivNotifiees_.size()) return;
+    Ptr<const PtrInterface> keep = keepAlive(this);
+    kivNotifiees_.deliver([&](NotifieeConstBase<Self>* n) {
+      f(static_cast<typename Self::NotifieeConst*>(n));
+    });
+  }
+
+ private:
+  friend class NotifieeConstBase<Self>;
+  mutable NotifieeList<NotifieeConstBase<Self>> kivNotifiees_;
+};
+
+}  // namespace Kiv
+
+// ---- naming layer ---------------------------------------------------------------------------
+
+// The key of a child entity, fixed at construction; fwkKey() is what reactor collections key on.
+#define KIV_KEY(attr, K)                            \
+ public:                                            \
+  const K& attr() const { return attr##_; }         \
+  const K& fwkKey() const { return attr##_; }       \
+                                                    \
+ private:                                           \
+  const K attr##_;                                  \
+                                                    \
+ public:
+
+// Read side and removal, shared by every collection kind.
+#define KIV_COLLECTION_COMMON_(attr, K, ...)                                            \
+ public:                                                                                 \
+  auto attr(const K& k) const { return ::Kiv::lookup(attr##_, k); }                      \
+  bool attr##Has(const K& k) const { return attr##_.contains(k); }                       \
+  std::size_t attr##s() const { return attr##_.size(); }                                 \
+  typename __VA_ARGS__::Walk attr##Walk() const { return attr##_.walk(::Kiv::keepAlive(this)); } \
+  void attr##Del(const K& k) {                                                           \
+    if (attr##_.erase(k)) attr##Changed_(k);                                             \
+  }                                                                                      \
+  void attr##DelAll() {                                                                  \
+    for (auto&& kivE : attr##_.walk(::Kiv::keepAlive(this))) attr##Del(kivE.key);         \
+  }                                                                                      \
+  void attr##Notify(const K& k) { attr##Changed_(k); }                                   \
+                                                                                         \
+ private:                                                                                \
+  __VA_ARGS__ attr##_;                                                                   \
+                                                                                         \
+ public:
+
+#define KIV_VALUE_COLLECTION_(attr, K, V, ...)                    \
+  KIV_COLLECTION_COMMON_(attr, K, __VA_ARGS__)                            \
+  void attr##Is(const K& k, const V& v) {                          \
+    if (attr##_.put(k, v) != ::Kiv::Change::none) attr##Changed_(k); \
+  }
+
+#define KIV_CHILD_COLLECTION_(attr, K, C, ...)                                             \
+  KIV_COLLECTION_COMMON_(attr, K, __VA_ARGS__)                                                     \
+  ::Kiv::Ptr<C> attr##Is(const K& k) {                                                      \
+    auto [kivChild, kivMade] = attr##_.findOrMake(k, [&] { return ::Kiv::Ptr<C>(new C(k)); }); \
+    ::Kiv::Ptr<C> kivResult = *kivChild;                                                    \
+    if (kivMade) attr##Changed_(k);                                                         \
+    return kivResult;                                                                       \
+  }
+
+#define KIV_UNWATCHED_(attr, K) \
+ private:                       \
+  void attr##Changed_(const K&) {} \
+                                \
+ public:
+
+#define KIV_WATCHED_(attr, Attr, K)                                              \
+ private:                                                                        \
+  void attr##Changed_(const K& k) {                                              \
+    this->kivDeliver([&](auto* kivN) { kivN->on##Attr(k); });                    \
+  }                                                                              \
+                                                                                 \
+ public:
+
+// Plain collections: a machine's internal state and the owned sets. They notify nobody.
+#define KIV_COLLECTION(attr, K, V) \
+  KIV_UNWATCHED_(attr, K)          \
+  KIV_VALUE_COLLECTION_(attr, K, V, ::Kiv::HashMap<K, V>)
+#define KIV_ORDERED_COLLECTION(attr, K, V) \
+  KIV_UNWATCHED_(attr, K)                  \
+  KIV_VALUE_COLLECTION_(attr, K, V, ::Kiv::OrderedMap<K, V>)
+#define KIV_CHILD_COLLECTION(attr, K, C) \
+  KIV_UNWATCHED_(attr, K)                \
+  KIV_CHILD_COLLECTION_(attr, K, C, ::Kiv::HashMap<K, ::Kiv::Ptr<C>>)
+
+// Watched collections of an entity derived from Kiv::Entity<Self>.
+#define KIV_WATCHED_COLLECTION(attr, Attr, K, V) \
+  KIV_WATCHED_(attr, Attr, K)                    \
+  KIV_VALUE_COLLECTION_(attr, K, V, ::Kiv::HashMap<K, V>)
+#define KIV_WATCHED_ORDERED_COLLECTION(attr, Attr, K, V) \
+  KIV_WATCHED_(attr, Attr, K)                            \
+  KIV_VALUE_COLLECTION_(attr, K, V, ::Kiv::OrderedMap<K, V>)
+#define KIV_WATCHED_CHILD_COLLECTION(attr, Attr, K, C) \
+  KIV_WATCHED_(attr, Attr, K)                          \
+  KIV_CHILD_COLLECTION_(attr, K, C, ::Kiv::HashMap<K, ::Kiv::Ptr<C>>)
+
+// Scalars.
+#define KIV_SCALAR(attr, T, ...)                 \
+ public:                                         \
+  const T& attr() const { return attr##_; }      \
+  void attr##Is(const T& v) { attr##_ = v; }     \
+                                                 \
+ private:                                        \
+  T attr##_ = __VA_ARGS__;                       \
+                                                 \
+ public:
+
+#define KIV_WATCHED_SCALAR(attr, Attr, T, ...)                         \
+ public:                                                               \
+  const T& attr() const { return attr##_; }                            \
+  void attr##Is(const T& v) {                                          \
+    if (attr##_ == v) return;                                          \
+    attr##_ = v;                                                       \
+    this->kivDeliver([](auto* kivN) { kivN->on##Attr(); });            \
+  }                                                                    \
+                                                                       \
+ private:                                                              \
+  T attr##_ = __VA_ARGS__;                                             \
+                                                                       \
+ public:
+
+#define KIV_WATCHED_COUNTER(attr, Attr, T, ...)    \
+  KIV_WATCHED_SCALAR(attr, Attr, T, __VA_ARGS__)   \
+  void attr##Inc(T n = 1) { attr##Is(static_cast<T>(attr##_ + n)); }
+
+// Inside an entity's NotifieeConst: the callbacks of one watched collection or scalar.
+#define KIV_NOTIFIEE_COLLECTION(attr, Attr, K)                                         \
+  virtual void on##Attr(const K&) {}                                                   \
+  virtual void on##Attr() {                                                            \
+    if (auto kivN = this->notifier()) {                                                \
+      for (auto&& kivE : kivN->attr##Walk()) this->on##Attr(kivE.key);                 \
+    }                                                                                  \
+  }                                                                                    \
+  virtual void on##Attr##kivImmediate() { this->on##Attr(); }
+#define KIV_NOTIFIEE_SCALAR(Attr) virtual void on##Attr() {}
