@@ -89,7 +89,7 @@ class NotifieeList {
 };
 
 template <class Self>
-class Entity;
+class Notifier;
 
 // Base of every entity's NotifieeConst: the registration with one notifier.
 template <class Self>
@@ -114,9 +114,10 @@ class NotifieeConstBase {
   Ptr<const Self> notifier_;
 };
 
-// Base of an entity that others watch.
+// The notifiee list of an entity that others watch, and its delivery. Entity<Self> is the usual
+// base; a class that already derives from a counted base (a helper stub) mixes Notifier<Self> in.
 template <class Self>
-class Entity : public PtrInterface {
+class Notifier {
  public:
   std::size_t notifieeCount() const { return kivNotifiees_.size(); }
 
@@ -126,7 +127,7 @@ class Entity : public PtrInterface {
   template <class F>
   void kivDeliver(F&& f) const {
     if (!kivNotifiees_.size()) return;
-    Ptr<const PtrInterface> keep = keepAlive(this);
+    Ptr<const PtrInterface> keep = keepAlive(static_cast<const Self*>(this));
     kivNotifiees_.deliver([&](NotifieeConstBase<Self>* n) {
       f(static_cast<typename Self::NotifieeConst*>(n));
     });
@@ -136,6 +137,9 @@ class Entity : public PtrInterface {
   friend class NotifieeConstBase<Self>;
   mutable NotifieeList<NotifieeConstBase<Self>> kivNotifiees_;
 };
+
+template <class Self>
+class Entity : public PtrInterface, public Notifier<Self> {};
 
 }  // namespace Kiv
 

@@ -1,0 +1,61 @@
+#pragma once
+// What every state machine shares: the common data entity of the agent (of which the library
+// reads only the LAG membership), the LAG test, and the trace conventions.
+//
+// Each machine's source defines its own trace handle, named after the source, and traces with
+// OBA_TRACE8 (entry into a handler, with its arguments) and OBA_TRACE5 (events and outcomes).
+// Level-5 events also go to the Quiktrace ring with their static text and, where they have one,
+// a numeric value (OBA_QTRACE5 / OBA_QTRACE5_VALUE).
+
+#include <ostream>
+#include <vector>
+
+#include "Kiv/Entity.h"
+#include "Kiv/Trace.h"
+#include "Kiv/Types.h"
+#include "Oba/ObaExport.h"
+#include "Quil/IntfId.h"
+
+namespace Oba {
+
+// The member ports of one LAG: an immutable list, replaced whole when the membership changes, so
+// that a reader is told once per LAG and never sees a half-updated list.
+class OBA_EXPORT ObaLagPortList : public Kiv::PtrInterface {
+ public:
+  explicit ObaLagPortList(std::vector<Quil::IntfId> ports);
+  const std::vector<Quil::IntfId>& ports() const { return ports_; }  // in interface order
+  std::size_t size() const { return ports_.size(); }
+  bool empty() const { return ports_.empty(); }
+  bool has(const Quil::IntfId& port) const;
+
+ private:
+  std::vector<Quil::IntfId> ports_;
+};
+OBA_EXPORT std::ostream& operator<<(std::ostream& os, const ObaLagPortList& l);
+
+// The agent's common data. Other attributes exist in the switch; the library reads only the LAG
+// membership, and is told per LAG when its member list is set, replaced or removed.
+class OBA_EXPORT ObaCommonSmData : public Kiv::Entity<ObaCommonSmData> {
+ public:
+  class NotifieeConst : public Kiv::NotifieeConstBase<ObaCommonSmData> {
+   public:
+    KIV_NOTIFIEE_COLLECTION(lagToPort, LagToPort, Quil::IntfId)
+  };
+  KIV_WATCHED_COLLECTION(lagToPort, LagToPort, Quil::IntfId, Kiv::Ptr<const ObaLagPortList>)
+};
+
+inline bool isLag(const Quil::IntfId& intf) { return intf.isPortChannel(); }
+
+}  // namespace Oba
+
+#define OBA_TRACE8(handle, expr) KIV_TRACE(handle, 8, expr)
+#define OBA_TRACE5(handle, text, expr) \
+  do {                                 \
+    KIV_QTRACE(handle, text);          \
+    KIV_TRACE(handle, 5, expr);        \
+  } while (0)
+#define OBA_TRACE5_VALUE(handle, text, value, expr) \
+  do {                                              \
+    KIV_QTRACE_VALUE(handle, text, value);          \
+    KIV_TRACE(handle, 5, expr);                     \
+  } while (0)

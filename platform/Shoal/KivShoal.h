@@ -1,0 +1,61 @@
+#pragma once
+// The KivShoal glue: embeds a Shoal table in a Kiv entity as an attribute `x` of rows keyed by K.
+//
+// In the entity:    KIV_SHOAL_TABLE(x, X, K, Row)
+// In its notifiee:  KIV_NOTIFIEE_SHOAL_TABLE(x, X, K)
+//
+// Writer side: xIs(row) inserts or overwrites, xDel(k) removes, xDelAll() removes every row,
+// xCommit(row) publishes a row written in place; each notifies onX(key) after the write (even when
+// nothing changed: a reader re-reads the row). Reader side: x(k) answers a Shoal::Lookup (row and
+// found flag, never throws), xs() counts rows, xWalk() walks them; xNotify(k),
+// xNotifyCollection() and xNotifyMountStatus() deliver per-key, whole-collection and mount-state
+// notifications; xControl() is the table's control block.
+
+#include "Kiv/Entity.h"
+#include "Shoal/Table.h"
+
+#define KIV_SHOAL_TABLE(attr, Attr, K, Row)                                              \
+ public:                                                                                 \
+  ::Shoal::Lookup<Row> attr(const K& k) const { return attr##_.find(k); }                \
+  std::size_t attr##s() const { return attr##_.size(); }                                 \
+  typename ::Kiv::HashMap<K, Row>::Walk attr##Walk() const { return attr##_.walk(); }     \
+  const ::Kiv::Ptr<::Shoal::TableControl>& attr##Control() const {                       \
+    return attr##_.control();                                                            \
+  }                                                                                      \
+  void attr##Mount(::Shoal::Role role) { attr##_.mount(role); }                          \
+  void attr##Is(const Row& row) {                                                        \
+    attr##_.put(row);                                                                    \
+    attr##Notify(row.key());                                                             \
+  }                                                                                      \
+  void attr##Commit(const Row& row) { attr##Is(row); }                                   \
+  void attr##Del(const K& k) {                                                           \
+    attr##_.erase(k);                                                                    \
+    attr##Notify(k);                                                                     \
+  }                                                                                      \
+  void attr##DelAll() {                                                                  \
+    for (auto&& kivE : attr##_.walk()) attr##Del(kivE.key);                              \
+  }                                                                                      \
+  void attr##Notify(const K& k) const {                                                  \
+    this->kivDeliver([&](auto* kivN) { kivN->on##Attr(k); });                            \
+  }                                                                                      \
+  void attr##NotifyCollection() const {                                                  \
+    this->kivDeliver([](auto* kivN) { kivN->on##Attr(); });                              \
+  }                                                                                      \
+  void attr##NotifyMountStatus() const {                                                 \
+    this->kivDeliver([](auto* kivN) { kivN->on##Attr##MountStatus(); });                 \
+  }                                                                                      \
+                                                                                         \
+ private:                                                                                \
+  ::Shoal::Table<K, Row> attr##_;                                                        \
+                                                                                         \
+ public:
+
+#define KIV_NOTIFIEE_SHOAL_TABLE(attr, Attr, K)                                    \
+  virtual void on##Attr(const K&) {}                                               \
+  virtual void on##Attr() {                                                        \
+    if (auto kivN = this->notifier()) {                                            \
+      for (auto&& kivE : kivN->attr##Walk()) this->on##Attr(kivE.key);           \
+    }                                                                              \
+  }                                                                                \
+  virtual void on##Attr##kivImmediate() { this->on##Attr(); }                      \
+  virtual void on##Attr##MountStatus() {}
