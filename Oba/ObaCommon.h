@@ -10,10 +10,12 @@
 #include <ostream>
 #include <vector>
 
+#include "Kiv/Clock.h"
 #include "Kiv/Entity.h"
 #include "Kiv/Trace.h"
 #include "Kiv/Types.h"
 #include "Oba/ObaExport.h"
+#include "Mox/TimerTask.h"
 #include "Quil/IntfId.h"
 
 namespace Oba {
@@ -45,6 +47,17 @@ class OBA_EXPORT ObaCommonSmData : public Kiv::Entity<ObaCommonSmData> {
 };
 
 inline bool isLag(const Quil::IntfId& intf) { return intf.isPortChannel(); }
+
+// The retry interval of the machines that program the chip, and their review task's identity.
+inline constexpr Kiv::Seconds unprogrammedRetryIntervalDefault = 5.0;
+inline constexpr int reviewUnprogrammedPriority = 2;
+inline constexpr const char* reviewUnprogrammedName = "reviewUnprogrammed";
+
+// The one place a machine schedules its unprogrammed review: at once when `immediate` (released
+// hardware may let waiting work succeed now), otherwise after `interval` unless a review is
+// already due. Traces under the machine's own handle.
+void scheduleUnprogrammedReview(Mox::TimerTask& task, bool immediate, Kiv::Seconds interval,
+                                const Kiv::TraceHandle& th);
 
 }  // namespace Oba
 

@@ -35,15 +35,16 @@
 #include <vector>
 
 #include "Kiv/Types.h"
+#include "Oba/ObaExport.h"
 
 namespace Oba {
 
 // Splits "Value('<typeName>', ** {'a': x, 'b': y})" into the field texts, in order. Nested
 // brackets and parentheses in a field's text (a destination "mpls(Tunnel1.7, 1001)") stay whole.
 // Throws Kiv::RangeException naming the type when the text is not of that form.
-std::vector<std::string_view> splitValueText(std::string_view text, std::string_view typeName,
+OBA_EXPORT std::vector<std::string_view> splitValueText(std::string_view text, std::string_view typeName,
                                              const char* const* names, std::size_t count);
-[[noreturn]] void throwBadValueText(std::string_view text, std::string_view typeName);
+[[noreturn]] OBA_EXPORT void throwBadValueText(std::string_view text, std::string_view typeName);
 
 template <class T>
 T parseField(std::string_view s, std::string_view typeName) {
