@@ -1,0 +1,393 @@
+#include "ObaEvpn/ObaEvpnFloodingEsiSm.h"
+
+namespace Oba {
+
+static Kiv::TraceHandle th("ObaEvpnFloodingEsiSm");
+
+Kiv::Ptr<EvpnFloodingEsiSm> EvpnFloodingEsiSm::EvpnFloodingEsiSmIs(
+    const Kiv::Ptr<ObaHelper::EvpnFloodingSmHelper>& floodingHelper,
+    const Kiv::Ptr<Mox::TaskScheduler>& scheduler, const Kiv::Ptr<const ObaCommonSmData>& acsd,
+    const Kiv::Ptr<const Evpn::EvpnStatus>& evpnStatus,
+    const Kiv::Ptr<const TunnelIdToHwTunnelIdMapping>& tunnelIdHwTunnelId) {
+  return new EvpnFloodingEsiSm(floodingHelper, scheduler, acsd, evpnStatus, tunnelIdHwTunnelId);
+}
+
+Kiv::Ptr<EvpnFloodingEsiSm> evpnFloodingEsiSmFactory(
+    const Kiv::Ptr<ObaHelper::EvpnFloodingSmHelper>& floodingHelper,
+    const Kiv::Ptr<Mox::TaskScheduler>& scheduler, const Kiv::Ptr<const ObaCommonSmData>& acsd,
+    const Kiv::Ptr<const Evpn::EvpnStatus>& evpnStatus,
+    const Kiv::Ptr<const TunnelIdToHwTunnelIdMapping>& tunnelIdHwTunnelId) {
+  return EvpnFloodingEsiSm::EvpnFloodingEsiSmIs(floodingHelper, scheduler, acsd, evpnStatus,
+                                                tunnelIdHwTunnelId);
+}
+
+EvpnFloodingEsiSm::EvpnFloodingEsiSm(
+    const Kiv::Ptr<ObaHelper::EvpnFloodingSmHelper>& floodingHelper,
+    const Kiv::Ptr<Mox::TaskScheduler>& scheduler, const Kiv::Ptr<const ObaCommonSmData>& acsd,
+    const Kiv::Ptr<const Evpn::EvpnStatus>& evpnStatus,
+    const Kiv::Ptr<const TunnelIdToHwTunnelIdMapping>& tunnelIdHwTunnelId)
+    : helper_(floodingHelper), scheduler_(scheduler) {
+  if (acsd) acsdIs(acsd);
+  if (evpnStatus) evpnStatusIs(evpnStatus);
+  if (tunnelIdHwTunnelId) tunnelIdHwTunnelIdIs(tunnelIdHwTunnelId);
+  defaultUnprogrammedRetryIntervalIs(unprogrammedRetryIntervalDefault);
+  handleInitialized();
+  for (auto [intf, ess] : evpnStatus->segmentStatusWalk()) segmentStatusIs(ess);
+  for (auto [intf, reactor] : segmentStatusWalk()) {
+    if (!evpnStatus->segmentStatusHas(intf)) segmentStatusDel(intf);
+  }
+}
+
+void EvpnFloodingEsiSm::handleInitialized() {
+  OBA_TRACE8(th, "handleInitialized");
+  KIV_ASSERT(floodingHelper());
+  KIV_ASSERT(scheduler());
+  KIV_ASSERT(evpnStatus());
+  KIV_ASSERT(tunnelIdHwTunnelId());
+  KIV_ASSERT(acsd());
+  reviewUnprogrammedIs(scheduler(), Mox::TaskPriority(reviewUnprogrammedPriority),
+                       reviewUnprogrammedName);
+  initializedIs(true);
+  for (auto [intf, ess] : evpnStatus()->segmentStatusWalk()) {
+    for (auto [vlan, tep] : ess->designatedForwarderTepWalk()) addIntfVlanMapping(intf, vlan);
+  }
+}
+
+void EvpnFloodingEsiSm::KivEvpnStatus::onSegmentStatus(const Quil::IntfId& intf) {
+  EvpnFloodingEsiSm* sm = owner();
+  if (auto ess = entity()->segmentStatus(intf)) {
+    sm->segmentStatusIs(ess);
+  } else {
+    sm->segmentStatusDel(intf);  // the retired reactor's last pass unprograms the segment
+  }
+}
+
+void EvpnFloodingEsiSm::KivSegmentStatus::handleSegmentStatus() {
+  Quil::IntfId intf = fwkKey();
+  OBA_TRACE8(th, "handleSegmentStatus " << intf);
+  EvpnFloodingEsiSm* sm = owner();
+  if (!sm->initialized()) return;
+  auto ess = sm->evpnStatus()->segmentStatus(intf);
+  if (!ess) {
+    if (auto ivs = sm->intfVlanSet(intf)) {
+      for (auto [vlan, member] : ivs->vlanIdWalk()) sm->deleteIntfVlanMapping(intf, vlan);
+    }
+    return;
+  }
+  for (auto [vlan, tep] : ess->designatedForwarderTepWalk()) sm->addIntfVlanMapping(intf, vlan);
+}
+
+void EvpnFloodingEsiSm::KivSegmentStatus::handleDFTep(Bridging::VlanId vlan) {
+  OBA_TRACE8(th, "handleDFTep " << fwkKey() << " vlan " << vlan);
+  if (!owner()->initialized()) return;
+  if (entity()->designatedForwarderTepHas(vlan)) {
+    owner()->addIntfVlanMapping(fwkKey(), vlan);
+  } else {
+    owner()->deleteIntfVlanMapping(fwkKey(), vlan);
+  }
+}
+
+void EvpnFloodingEsiSm::KivSegmentStatus::handleLabel(Quil::IntfId tepIntf) {
+  OBA_TRACE8(th, "handleLabel " << fwkKey() << " tunnel " << tepIntf);
+  EvpnFloodingEsiSm* sm = owner();
+  if (!sm->initialized()) return;
+  TunnelId tunnel(Quil::DynamicTunnelIntfId::tunnelId(tepIntf));
+  if (auto itvs = sm->intfTunnelVlanSet(IntfTunnelKey(fwkKey(), tunnel))) {
+    for (auto [vlan, member] : itvs->vlanIdWalk()) sm->processIntfVlan(fwkKey(), vlan);
+  }
+}
+
+void EvpnFloodingEsiSm::handleLocalEsiLabel(Quil::IntfId intf) {
+  OBA_TRACE8(th, "handleLocalEsiLabel " << intf);
+  if (!initialized()) return;
+  auto ivs = intfVlanSet(intf);
+  if (!ivs) return;
+  if (evpnStatus()->localEsiLabelHas(intf)) {
+    for (auto [vlan, member] : ivs->vlanIdWalk()) addIntfVlanMapping(intf, vlan);
+  } else {
+    for (auto [vlan, member] : ivs->vlanIdWalk()) deleteIntfVlanTunnelMapping(intf, vlan);
+  }
+}
+
+void EvpnFloodingEsiSm::handleLagPort(Quil::IntfId lag) {
+  OBA_TRACE8(th, "handleLagPort " << lag);
+  if (!initialized()) return;
+  if (auto ivs = intfVlanSet(lag)) {
+    for (auto [vlan, member] : ivs->vlanIdWalk()) processIntfVlan(lag, vlan);
+  }
+}
+
+// No initialized() test: before initialization tunnelIntfVlanSet is empty, so nothing is found.
+void EvpnFloodingEsiSm::handleTunnelIdMapping(const TunnelId& tunnel) {
+  OBA_TRACE8(th, "handleTunnelIdMapping tunnelId " << tunnel);
+  auto tivs = tunnelIntfVlanSet(tunnel);
+  if (!tivs) return;
+  if (tunnelIdHwTunnelId()->tunnelIdToHwTunnelId(tunnel).found) {
+    for (auto [key, member] : tivs->intfVlanWalk()) addIntfVlanMapping(key.intfId(), key.vlanId());
+  } else {
+    for (auto [key, member] : tivs->intfVlanWalk()) {
+      deleteIntfVlanTunnelMapping(key.intfId(), key.vlanId());
+    }
+  }
+}
+
+void EvpnFloodingEsiSm::addIntfVlanMapping(Quil::IntfId intf, Bridging::VlanId vlan) {
+  OBA_TRACE8(th, "addIntfVlanMapping " << intf << " vlan " << vlan);
+  KIV_ASSERT(initialized());
+  intfVlanSetIs(intf)->vlanIdIs(vlan, true);
+  vlanIntfSetIs(vlan)->intfIdIs(intf, true);
+  processIntfVlan(intf, vlan);
+}
+
+void EvpnFloodingEsiSm::deleteIntfVlanMapping(Quil::IntfId intf, Bridging::VlanId vlan) {
+  OBA_TRACE8(th, "deleteIntfVlanMapping " << intf << " vlan " << vlan);
+  KIV_ASSERT(initialized());
+  auto vis = vlanIntfSet(vlan);
+  KIV_ASSERT(vis);
+  if (auto ivs = intfVlanSet(intf)) {
+    ivs->vlanIdDel(vlan);
+    if (!ivs->vlanIds()) intfVlanSetDel(intf);
+  }
+  vis->intfIdDel(intf);
+  if (!vis->intfIds()) vlanIntfSetDel(vlan);
+  processIntfVlan(intf, vlan);
+}
+
+void EvpnFloodingEsiSm::processIntfVlan(Quil::IntfId intf, Bridging::VlanId vlan) {
+  OBA_TRACE8(th, "processIntfVlan " << intf << " vlan " << vlan);
+  KIV_ASSERT(initialized());
+  auto ess = evpnStatus()->segmentStatus(intf);
+  if (!ess) {
+    OBA_TRACE5(th, "no segment status", "no segment status");
+    deleteIntfVlanTunnelMapping(intf, vlan);
+    return;
+  }
+  auto tep = ess->designatedForwarderTep(vlan);
+  if (!tep) {
+    OBA_TRACE5(th, "no designated forwarder tep", "no designated forwarder tep");
+    deleteIntfVlanTunnelMapping(intf, vlan);
+    return;
+  }
+  // An endpoint out of the tunnel-id range throws here, before anything of the pair changes.
+  TunnelId tunnel(Quil::DynamicTunnelIntfId::tunnelId(*tep));
+  addOrUpdateIntfVlanTunnelMapping(intf, vlan, tunnel);
+  auto label = ess->remoteEsiLabel(*tep);
+  if (!label) {
+    OBA_TRACE5(th, "no esi label", "no esi label");
+    deleteIntfVlanTunnelLabelMapping(intf, vlan, tunnel);
+    return;
+  }
+  if (label->encapType() != Evpn::EncapTypeLabel::encapTypeMpls) {
+    // A label of another encapsulation is not ours to program; what is programmed stays.
+    OBA_TRACE5_VALUE(th, "incorrect encap type ", label->encapType(),
+                     "incorrect encap type " << static_cast<int>(label->encapType()));
+    return;
+  }
+  addOrUpdateIntfVlanTunnelLabelMapping(intf, vlan, tunnel, label->mplsLabel());
+}
+
+void EvpnFloodingEsiSm::addOrUpdateIntfVlanTunnelMapping(Quil::IntfId intf, Bridging::VlanId vlan,
+                                                         const TunnelId& tunnel) {
+  OBA_TRACE8(
+      th, "addOrUpdateIntfVlanTunnelMapping " << intf << " vlan " << vlan << " tunnel " << tunnel);
+  KIV_ASSERT(initialized());
+  IntfVlanKey key(intf, vlan);
+  if (auto current = intfVlanTunnel(key); current && *current != tunnel) {
+    deleteIntfVlanTunnelMapping(intf, vlan);  // the designated forwarder moved
+  }
+  intfVlanTunnelIs(key, tunnel);
+  tunnelIntfVlanSetIs(tunnel)->intfVlanIs(key, true);
+  intfTunnelVlanSetIs(IntfTunnelKey(intf, tunnel))->vlanIdIs(vlan, true);
+}
+
+void EvpnFloodingEsiSm::deleteIntfVlanTunnelMapping(Quil::IntfId intf, Bridging::VlanId vlan) {
+  OBA_TRACE8(th, "deleteIntfVlanTunnelMapping " << intf << " vlan " << vlan);
+  KIV_ASSERT(initialized());
+  IntfVlanKey key(intf, vlan);
+  auto tunnel = intfVlanTunnel(key);
+  if (!tunnel) return;
+  intfVlanTunnelDel(key);
+  IntfTunnelKey intfTunnel(intf, *tunnel);
+  auto itvs = intfTunnelVlanSet(intfTunnel);
+  KIV_ASSERT(itvs);
+  itvs->vlanIdDel(vlan);
+  if (!itvs->vlanIds()) intfTunnelVlanSetDel(intfTunnel);
+  auto tivs = tunnelIntfVlanSet(*tunnel);
+  KIV_ASSERT(tivs);
+  tivs->intfVlanDel(key);
+  if (!tivs->intfVlans()) tunnelIntfVlanSetDel(*tunnel);
+  deleteIntfVlanTunnelLabelMapping(intf, vlan, *tunnel);
+}
+
+void EvpnFloodingEsiSm::addOrUpdateIntfVlanTunnelLabelMapping(Quil::IntfId intf,
+                                                              Bridging::VlanId vlan,
+                                                              const TunnelId& tunnel,
+                                                              Quil::MplsLabel label) {
+  OBA_TRACE8(th, "addOrUpdateIntfVlanTunnelLabelMapping " << intf << " vlan " << vlan << " tunnel "
+                                                          << tunnel << " label " << label);
+  KIV_ASSERT(initialized());
+  IntfVlanTunnelKey labelKey(intf, vlan, tunnel);
+  if (auto current = intfVlanTunnelLabel(labelKey); current && *current != label) {
+    deleteIntfVlanTunnelLabelMapping(intf, vlan, tunnel);
+  }
+  intfVlanTunnelLabelIs(labelKey, label);
+  programEsi(intf, vlan, label);  // ports already programmed are cut short per port
+}
+
+void EvpnFloodingEsiSm::deleteIntfVlanTunnelLabelMapping(Quil::IntfId intf, Bridging::VlanId vlan,
+                                                         const TunnelId& tunnel) {
+  OBA_TRACE8(
+      th, "deleteIntfVlanTunnelLabelMapping " << intf << " vlan " << vlan << " tunnel " << tunnel);
+  KIV_ASSERT(initialized());
+  IntfVlanTunnelKey labelKey(intf, vlan, tunnel);
+  if (!intfVlanTunnelLabelHas(labelKey)) return;
+  intfVlanTunnelLabelDel(labelKey);
+  unprogramEsi(intf, vlan);
+}
+
+void EvpnFloodingEsiSm::programEsi(Quil::IntfId intf, Bridging::VlanId vlan,
+                                   Quil::MplsLabel label) {
+  OBA_TRACE8(th, "programEsi " << intf << " vlan " << vlan << " label " << label);
+  KIV_ASSERT(initialized());
+  if (!isLag(intf)) {
+    programEsiHelper(intf, intf, vlan, label);
+    return;
+  }
+  auto members = acsd()->lagToPort(intf);
+  if (!members) {
+    OBA_TRACE5(th, "no lag configuration", "no lag configuration");
+    unprogramEsi(intf, vlan);
+    return;
+  }
+  if (members->empty()) {
+    OBA_TRACE5(th, "no lag members", "no lag members");
+    unprogramEsi(intf, vlan);
+    return;
+  }
+  IntfVlanKey key(intf, vlan);
+  unprogrammedEsiDel(key);  // every member is tried again below
+  if (auto es = esiStatus(key)) {
+    es->unprogrammedDelAll();
+    for (auto [port, member] : es->programmedWalk()) {
+      if (members->has(port)) continue;
+      OBA_TRACE5(th, "stale lag member, delete", "stale lag member, delete");
+      unprogramEsiHelper(intf, port, vlan);
+    }
+  }
+  for (Quil::IntfId port : members->ports()) programEsiHelper(intf, port, vlan, label);
+}
+
+void EvpnFloodingEsiSm::programEsiHelper(Quil::IntfId logical, Quil::IntfId phy,
+                                         Bridging::VlanId vlan, Quil::MplsLabel label) {
+  OBA_TRACE8(th, "programEsiHelper logical intf " << logical << " phy intf " << phy << " vlan "
+                                                  << vlan << " label " << label);
+  KIV_ASSERT(initialized());
+  IntfVlanKey key(logical, vlan);
+  KIV_ASSERT_TEXT(intfVlanTunnelHas(key), "intfVlanTunnelHas( key )");
+  TunnelId tunnel = *intfVlanTunnel(key);
+  auto hwTunnel = tunnelIdHwTunnelId()->tunnelIdToHwTunnelId(tunnel);
+  if (!hwTunnel.found) {
+    // Not a failure: the id's publication re-drives the pair (handleTunnelIdMapping).
+    OBA_TRACE5(th, "hw tunnel id not published", "hw tunnel id not published");
+    return;
+  }
+  auto localLabel = evpnStatus()->localEsiLabel(logical);
+  if (!localLabel || *localLabel == Evpn::EncapTypeLabel()) {
+    // Not a failure either: the label's arrival re-drives the pair (handleLocalEsiLabel).
+    OBA_TRACE5(th, "local label not published", "local label not published");
+    return;
+  }
+  IntfVlanTunnelKey labelKey(logical, vlan, tunnel);
+  KIV_ASSERT_TEXT(intfVlanTunnelLabelHas(labelKey), "intfVlanTunnelLabelHas( labelKey )");
+  auto es = esiStatusIs(key);
+  if (es->programmedHas(phy)) {
+    OBA_TRACE5(th, "already programmed", "already programmed");
+    return;
+  }
+  es->unprogrammedDel(phy);
+  if (!es->unprogrammeds()) unprogrammedEsiDel(key);
+  switch (floodingHelper()->createEsiData(phy, vlan, tunnel, hwTunnel.row.hwTunnelId(), label,
+                                          localLabel->mplsLabel())) {
+    case HwProgrammingStatus::programmed:
+      OBA_TRACE5(th, "programmed esi", "programmed esi");
+      es->programmedIs(phy, true);
+      break;
+    case HwProgrammingStatus::notProgrammed:
+      OBA_TRACE5(th, "failed to program esi", "failed to program esi");
+      unprogrammedEsiIs(key, true);
+      es->unprogrammedIs(phy, true);
+      maybeScheduleUnprogrammedReview(false);
+      break;
+    case HwProgrammingStatus::invalidHwId:
+      // The ids handed over come from the published mapping: the chip refusing one is a bug.
+      OBA_TRACE5(th, "invalid hwId, failed to program", "invalid hwId, failed to program");
+      KIV_ASSERT(0);
+      break;
+    default:
+      break;  // an answer the chip layer does not define: nothing to record
+  }
+}
+
+void EvpnFloodingEsiSm::unprogramEsi(Quil::IntfId intf, Bridging::VlanId vlan) {
+  OBA_TRACE8(th, "unprogramEsi " << intf << " vlan " << vlan);
+  KIV_ASSERT(initialized());
+  IntfVlanKey key(intf, vlan);
+  unprogrammedEsiDel(key);
+  if (auto es = esiStatus(key)) {
+    for (auto [port, member] : es->programmedWalk()) unprogramEsiHelper(intf, port, vlan);
+    // The entries freed in the chip may let the waiting pairs through now.
+    if (unprogrammedEsis()) maybeScheduleUnprogrammedReview(true);
+  } else {
+    OBA_TRACE5(th, "not programmed", "not programmed");
+  }
+  esiStatusDel(key);
+}
+
+void EvpnFloodingEsiSm::unprogramEsiHelper(Quil::IntfId logical, Quil::IntfId phy,
+                                           Bridging::VlanId vlan) {
+  OBA_TRACE8(
+      th, "unprogramEsiHelper logical intf " << logical << " phy intf " << phy << " vlan " << vlan);
+  KIV_ASSERT(initialized());
+  auto es = esiStatus(IntfVlanKey(logical, vlan));
+  if (!es) {
+    OBA_TRACE5(th, "not programmed", "not programmed");
+    return;
+  }
+  es->unprogrammedDel(phy);
+  if (!es->programmedHas(phy)) {
+    OBA_TRACE5(th, "not programmed", "not programmed");
+    return;
+  }
+  es->programmedDel(phy);
+  floodingHelper()->deleteEsiData(phy, vlan);
+}
+
+void EvpnFloodingEsiSm::maybeScheduleUnprogrammedReview(bool immediate) {
+  if (!initialized()) return;
+  KIV_ASSERT_TEXT(reviewUnprogrammed(), "task");
+  scheduleUnprogrammedReview(*reviewUnprogrammed()->task(), immediate,
+                             defaultUnprogrammedRetryInterval(), th);
+}
+
+void EvpnFloodingEsiSm::doReviewUnprogrammed() {
+  OBA_TRACE8(th, "doReviewUnprogrammed");
+  KIV_ASSERT(initialized());
+  Mox::TimerTask* task = reviewUnprogrammed() ? reviewUnprogrammed()->task().ptr() : nullptr;
+  KIV_ASSERT(task);
+  auto walk = unprogrammedEsiWalk();
+  for (auto it = walk.begin(); it != walk.end();) {
+    IntfVlanKey key = (*it).key;
+    auto es = esiStatus(key);
+    KIV_ASSERT(es);
+    KIV_ASSERT(es->unprogrammeds());
+    processIntfVlan(key.intfId(), key.vlanId());
+    task->taskWorkCountInc(1);
+    if (++it == walk.end()) break;
+    if (task->taskShouldYield()) {
+      task->scheduleTaskDelay(defaultUnprogrammedRetryInterval());
+      return;
+    }
+  }
+}
+
+}  // namespace Oba

@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# One command from a fresh clone: install what is missing, build, replay the built-in scenario.
+# Arguments are passed to oba-evpn-sim (e.g. scripts/run.sh --check scenarios/*.yaml).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/deps.sh
+cmake --preset default >/dev/null
+cmake --build --preset default --target oba-evpn-sim >/dev/null
+exec build/default/bin/oba-evpn-sim "$@"

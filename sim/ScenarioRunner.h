@@ -1,0 +1,32 @@
+#pragma once
+// Replays a scenario through a host agent: the initial inputs, the agent's start, then each step
+// at its virtual time (time advances first, running the review tasks that fall due on the way),
+// its actions, the tasks due at once, and its expectations.
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "sim/HostAgent.h"
+#include "sim/Scenario.h"
+#include "sim/SimLog.h"
+
+namespace Sim {
+
+struct RunOptions {
+  bool check = false;  // evaluate expectations; a chip violation not expected is a failure too
+  bool state = false;  // print the chip's tables and the output table at the end
+};
+
+struct RunResult {
+  std::vector<std::string> failures;  // "<file>:<line>: ..." with expected and actual
+  bool ok() const { return failures.empty(); }
+};
+
+RunResult runScenario(const Scenario& scenario, SimLog& log, const RunOptions& options,
+                      std::ostream* stateOut = nullptr);
+
+// The final state as text: chip tables and the mapping table.
+void printState(const HostAgent& agent, std::ostream& os);
+
+}  // namespace Sim
