@@ -8,9 +8,12 @@ namespace Oba {
 
 const char* toString(HwProgrammingStatus s) {
   switch (s) {
-    case HwProgrammingStatus::programmed: return "programmed";
-    case HwProgrammingStatus::notProgrammed: return "notProgrammed";
-    case HwProgrammingStatus::invalidHwId: return "invalidHwId";
+    case HwProgrammingStatus::programmed:
+      return "programmed";
+    case HwProgrammingStatus::notProgrammed:
+      return "notProgrammed";
+    case HwProgrammingStatus::invalidHwId:
+      return "invalidHwId";
   }
   return "HwProgrammingStatus(?)";
 }

@@ -14,8 +14,8 @@
 #include "Kiv/Entity.h"
 #include "Kiv/Trace.h"
 #include "Kiv/Types.h"
-#include "Oba/ObaExport.h"
 #include "Mox/TimerTask.h"
+#include "Oba/ObaExport.h"
 #include "Quil/IntfId.h"
 
 namespace Oba {
@@ -58,6 +58,23 @@ inline constexpr const char* reviewUnprogrammedName = "reviewUnprogrammed";
 // already due. Traces under the machine's own handle.
 void scheduleUnprogrammedReview(Mox::TimerTask& task, bool immediate, Kiv::Seconds interval,
                                 const Kiv::TraceHandle& th);
+
+// A review's walk: `retry(key)` for every key of the unprogrammed collection, one unit of task
+// work each. When keys remain and the scheduler asks the task to yield, the review reschedules
+// itself after `interval` and stops, so a large backlog never holds the event loop. The retry may
+// change the collection (a success removes its own key).
+template <class Walk, class Retry>
+void reviewEach(const Walk& walk, Mox::TimerTask& task, Kiv::Seconds interval, Retry retry) {
+  for (auto it = walk.begin(); it != walk.end();) {
+    retry((*it).key);
+    task.taskWorkCountInc(1);
+    if (++it == walk.end()) return;
+    if (task.taskShouldYield()) {
+      task.scheduleTaskDelay(interval);
+      return;
+    }
+  }
+}
 
 }  // namespace Oba
 

@@ -15,8 +15,7 @@ struct IntfVlanKeyFields {
   static constexpr const char* typeName = "Oba::IntfVlanKey";
   static constexpr std::array<const char*, 2> names{"intfId", "vlanId"};
 };
-class IntfVlanKey
-    : public Value<IntfVlanKey, IntfVlanKeyFields, Quil::IntfId, Bridging::VlanId> {
+class IntfVlanKey : public Value<IntfVlanKey, IntfVlanKeyFields, Quil::IntfId, Bridging::VlanId> {
  public:
   using Value::Value;
   Quil::IntfId intfId() const { return field<0>(); }

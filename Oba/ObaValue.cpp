@@ -5,8 +5,7 @@
 namespace Oba {
 
 void throwBadValueText(std::string_view text, std::string_view typeName) {
-  throw Kiv::RangeException("cannot parse '" + std::string(text) + "' as " +
-                            std::string(typeName));
+  throw Kiv::RangeException("cannot parse '" + std::string(text) + "' as " + std::string(typeName));
 }
 
 std::vector<std::string_view> splitValueText(std::string_view text, std::string_view typeName,

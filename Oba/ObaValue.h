@@ -42,8 +42,10 @@ namespace Oba {
 // Splits "Value('<typeName>', ** {'a': x, 'b': y})" into the field texts, in order. Nested
 // brackets and parentheses in a field's text (a destination "mpls(Tunnel1.7, 1001)") stay whole.
 // Throws Kiv::RangeException naming the type when the text is not of that form.
-OBA_EXPORT std::vector<std::string_view> splitValueText(std::string_view text, std::string_view typeName,
-                                             const char* const* names, std::size_t count);
+OBA_EXPORT std::vector<std::string_view> splitValueText(std::string_view text,
+                                                        std::string_view typeName,
+                                                        const char* const* names,
+                                                        std::size_t count);
 [[noreturn]] OBA_EXPORT void throwBadValueText(std::string_view text, std::string_view typeName);
 
 template <class T>
@@ -126,8 +128,8 @@ class Value {
 }  // namespace Oba
 
 // Every value type is a key of the standard hash containers through its hash().
-#define OBA_VALUE_STD_HASH(T)                                                   \
-  template <>                                                                   \
-  struct std::hash<T> {                                                         \
-    std::size_t operator()(const T& v) const noexcept { return v.hash(); }      \
+#define OBA_VALUE_STD_HASH(T)                                              \
+  template <>                                                              \
+  struct std::hash<T> {                                                    \
+    std::size_t operator()(const T& v) const noexcept { return v.hash(); } \
   };

@@ -22,8 +22,8 @@ struct TunnelIdToHwTunnelIdFields {
   static constexpr std::array<const char*, 2> names{"key", "hwTunnelId"};
 };
 class OBA_EXPORT TunnelIdToHwTunnelId
-    : public Value<TunnelIdToHwTunnelId, TunnelIdToHwTunnelIdFields,
-                   Tunnel::TunnelTable::TunnelId, HwTunnelId> {
+    : public Value<TunnelIdToHwTunnelId, TunnelIdToHwTunnelIdFields, Tunnel::TunnelTable::TunnelId,
+                   HwTunnelId> {
  public:
   using Value::Value;
   Tunnel::TunnelTable::TunnelId key() const { return field<0>(); }

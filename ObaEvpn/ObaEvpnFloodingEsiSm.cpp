@@ -32,10 +32,8 @@ EvpnFloodingEsiSm::EvpnFloodingEsiSm(
   if (tunnelIdHwTunnelId) tunnelIdHwTunnelIdIs(tunnelIdHwTunnelId);
   defaultUnprogrammedRetryIntervalIs(unprogrammedRetryIntervalDefault);
   handleInitialized();
-  for (auto [intf, ess] : evpnStatus->segmentStatusWalk()) segmentStatusIs(ess);
-  for (auto [intf, reactor] : segmentStatusWalk()) {
-    if (!evpnStatus->segmentStatusHas(intf)) segmentStatusDel(intf);
-  }
+  segmentStatusSync(evpnStatus->segmentStatusWalk(),
+                    [&](const Quil::IntfId& intf) { return evpnStatus->segmentStatusHas(intf); });
 }
 
 void EvpnFloodingEsiSm::handleInitialized() {
@@ -54,12 +52,8 @@ void EvpnFloodingEsiSm::handleInitialized() {
 }
 
 void EvpnFloodingEsiSm::KivEvpnStatus::onSegmentStatus(const Quil::IntfId& intf) {
-  EvpnFloodingEsiSm* sm = owner();
-  if (auto ess = entity()->segmentStatus(intf)) {
-    sm->segmentStatusIs(ess);
-  } else {
-    sm->segmentStatusDel(intf);  // the retired reactor's last pass unprograms the segment
-  }
+  // A retired reactor's last pass unprograms the interface.
+  owner()->segmentStatusTrack(intf, entity()->segmentStatus(intf));
 }
 
 void EvpnFloodingEsiSm::KivSegmentStatus::handleSegmentStatus() {
@@ -374,20 +368,13 @@ void EvpnFloodingEsiSm::doReviewUnprogrammed() {
   KIV_ASSERT(initialized());
   Mox::TimerTask* task = reviewUnprogrammed() ? reviewUnprogrammed()->task().ptr() : nullptr;
   KIV_ASSERT(task);
-  auto walk = unprogrammedEsiWalk();
-  for (auto it = walk.begin(); it != walk.end();) {
-    IntfVlanKey key = (*it).key;
-    auto es = esiStatus(key);
-    KIV_ASSERT(es);
-    KIV_ASSERT(es->unprogrammeds());
-    processIntfVlan(key.intfId(), key.vlanId());
-    task->taskWorkCountInc(1);
-    if (++it == walk.end()) break;
-    if (task->taskShouldYield()) {
-      task->scheduleTaskDelay(defaultUnprogrammedRetryInterval());
-      return;
-    }
-  }
+  reviewEach(unprogrammedEsiWalk(), *task, defaultUnprogrammedRetryInterval(),
+             [this](const IntfVlanKey& key) {
+               auto es = esiStatus(key);
+               KIV_ASSERT(es);
+               KIV_ASSERT(es->unprogrammeds());
+               processIntfVlan(key.intfId(), key.vlanId());
+             });
 }
 
 }  // namespace Oba

@@ -35,10 +35,8 @@ EvpnHwTunnelIdSm::EvpnHwTunnelIdSm(
   defaultUnprogrammedRetryIntervalIs(unprogrammedRetryIntervalDefault);
   handleInitialized();
   if (!evpnStatus) return;
-  for (auto [intf, ess] : evpnStatus->segmentStatusWalk()) segmentStatusIs(ess);
-  for (auto [intf, reactor] : segmentStatusWalk()) {
-    if (!evpnStatus->segmentStatusHas(intf)) segmentStatusDel(intf);
-  }
+  segmentStatusSync(evpnStatus->segmentStatusWalk(),
+                    [&](const Quil::IntfId& intf) { return evpnStatus->segmentStatusHas(intf); });
 }
 
 void EvpnHwTunnelIdSm::handleInitialized() {
@@ -57,12 +55,8 @@ void EvpnHwTunnelIdSm::handleInitialized() {
 }
 
 void EvpnHwTunnelIdSm::KivEvpnStatus::onSegmentStatus(const Quil::IntfId& intf) {
-  EvpnHwTunnelIdSm* sm = owner();
-  if (auto ess = entity()->segmentStatus(intf)) {
-    sm->segmentStatusIs(ess);
-  } else {
-    sm->segmentStatusDel(intf);  // the retired reactor's last pass unprograms the interface
-  }
+  // A retired reactor's last pass unprograms the interface.
+  owner()->segmentStatusTrack(intf, entity()->segmentStatus(intf));
 }
 
 void EvpnHwTunnelIdSm::KivSegmentStatus::handleSegmentStatus() {
@@ -168,16 +162,8 @@ void EvpnHwTunnelIdSm::doReviewUnprogrammed() {
   KIV_ASSERT(initialized());
   Mox::TimerTask* task = reviewUnprogrammed() ? reviewUnprogrammed()->task().ptr() : nullptr;
   KIV_ASSERT(task);
-  auto walk = unprogrammedTunnelWalk();
-  for (auto it = walk.begin(); it != walk.end();) {
-    publishHwTunnelId((*it).key);
-    task->taskWorkCountInc(1);
-    if (++it == walk.end()) break;
-    if (task->taskShouldYield()) {
-      task->scheduleTaskDelay(defaultUnprogrammedRetryInterval());
-      return;
-    }
-  }
+  reviewEach(unprogrammedTunnelWalk(), *task, defaultUnprogrammedRetryInterval(),
+             [this](const TunnelId& tunnel) { publishHwTunnelId(tunnel); });
 }
 
 }  // namespace Oba

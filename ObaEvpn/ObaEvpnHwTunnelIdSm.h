@@ -69,10 +69,10 @@ class OBA_EXPORT EvpnHwTunnelIdSm : public Kiv::PtrInterface {
   MOX_TASK_REACTOR(reviewUnprogrammed, KivReviewUnprogrammed)
 
   // Internal state.
-  KIV_CHILD_COLLECTION(intfVlanSet, Quil::IntfId, IntfVlanSet)   // VLANs of an interface in use
-  KIV_COLLECTION(intfVlanTunnel, IntfVlanKey, TunnelId)          // the tunnel of a pair
+  KIV_CHILD_COLLECTION(intfVlanSet, Quil::IntfId, IntfVlanSet)  // VLANs of an interface in use
+  KIV_COLLECTION(intfVlanTunnel, IntfVlanKey, TunnelId)         // the tunnel of a pair
   KIV_CHILD_COLLECTION(tunnelIntfVlanSet, TunnelId, TunnelIntfVlanSet)  // the users of a tunnel
-  KIV_COLLECTION(unprogrammedTunnel, TunnelId, bool)             // tunnels waiting for an id
+  KIV_COLLECTION(unprogrammedTunnel, TunnelId, bool)                    // tunnels waiting for an id
   KIV_SCALAR(initialized, bool, false)
   KIV_SCALAR(defaultUnprogrammedRetryInterval, double, unprogrammedRetryIntervalDefault)
 

@@ -37,23 +37,16 @@ VlanFloodSetFilterSm::VlanFloodSetFilterSm(L2Rib::DestType destType,
                                            Kiv::Ptr<L2Rib::FloodSetOutput> outFloodSetOutput)
     : destType_(destType), outFloodSetOutput_(std::move(outFloodSetOutput)) {
   inFloodSetOutputIs(inFloodSetOutput);
-  for (auto [vlan, vlanFloodSet] : inFloodSetOutput->vlanFloodSetWalk()) {
-    vlanFloodSetIs(vlanFloodSet);
-  }
-  for (auto [vlan, reactor] : vlanFloodSetWalk()) {
-    if (!inFloodSetOutput->vlanFloodSetHas(vlan)) vlanFloodSetDel(vlan);
-  }
+  vlanFloodSetSync(inFloodSetOutput->vlanFloodSetWalk(), [&](const Bridging::VlanId& vlan) {
+    return inFloodSetOutput->vlanFloodSetHas(vlan);
+  });
   handleInitialized();
 }
 
 // ---- reactors --------------------------------------------------------------------------------
 
 void VlanFloodSetFilterSm::KivInFloodSetOutput::onVlanFloodSet(const Bridging::VlanId& vlan) {
-  if (auto vlanFloodSet = entity()->vlanFloodSet(vlan)) {
-    owner()->vlanFloodSetIs(vlanFloodSet);
-  } else {
-    owner()->vlanFloodSetDel(vlan);
-  }
+  owner()->vlanFloodSetTrack(vlan, entity()->vlanFloodSet(vlan));
 }
 
 VlanFloodSetFilterSm::KivVlanFloodSet::KivVlanFloodSet(
@@ -63,11 +56,7 @@ VlanFloodSetFilterSm::KivVlanFloodSet::KivVlanFloodSet(
 }
 
 void VlanFloodSetFilterSm::KivVlanFloodSet::onFloodSet(const Quil::EthAddr& mac) {
-  if (auto floodSet = entity()->floodSet(mac)) {
-    floodSetIs(floodSet);
-  } else {
-    floodSetDel(mac);
-  }
+  floodSetTrack(mac, entity()->floodSet(mac));
 }
 
 // ---- handlers --------------------------------------------------------------------------------

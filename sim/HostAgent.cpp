@@ -50,13 +50,13 @@ HostAgent::~HostAgent() {
 }
 
 void HostAgent::startHwTunnelIdSm() {
-  hwTunnelIdSm = Oba::evpnHwTunnelIdSmFactory(chip->hwTunnelIdHelper(), scheduler, acsd,
-                                              evpnStatus, mapping);
+  hwTunnelIdSm =
+      Oba::evpnHwTunnelIdSmFactory(chip->hwTunnelIdHelper(), scheduler, acsd, evpnStatus, mapping);
 }
 
 void HostAgent::startFloodingEsiSm() {
-  floodingEsiSm = Oba::evpnFloodingEsiSmFactory(chip->floodingHelper(), scheduler, acsd,
-                                                evpnStatus, mapping);
+  floodingEsiSm =
+      Oba::evpnFloodingEsiSmFactory(chip->floodingHelper(), scheduler, acsd, evpnStatus, mapping);
 }
 
 void HostAgent::start() {

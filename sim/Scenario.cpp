@@ -217,15 +217,16 @@ Action Reader::action(const YAML::Node& n) const {
                                              "createVlanToDot1qMapping", "createEsiPortMap"};
       a.refusal.op = scalar(field(v, "op"), "a chip operation");
       if (!ops.count(a.refusal.op)) {
-        fail(v["op"], "expected a chip operation (getHwTunnelId, createEsiData, "
-                      "createVlanToDot1qMapping or createEsiPortMap)");
+        fail(v["op"],
+             "expected a chip operation (getHwTunnelId, createEsiData, "
+             "createVlanToDot1qMapping or createEsiPortMap)");
       }
       if (v["port"]) a.refusal.port = parsed(v["port"], "an interface", Quil::IntfId::parse);
       if (v["vlan"]) a.refusal.vlan = vlan(v["vlan"]);
       if (v["times"]) a.refusal.times = count(v["times"], "a number of calls");
       if (v["rc"]) {
-        a.refusal.rc = parsed(v["rc"], "notProgrammed or invalidHwId",
-                              Oba::parseHwProgrammingStatus);
+        a.refusal.rc =
+            parsed(v["rc"], "notProgrammed or invalidHwId", Oba::parseHwProgrammingStatus);
       }
       break;
     }
@@ -261,12 +262,18 @@ Expectation Reader::expectation(const std::string& key, const YAML::Node& n) con
 
 std::string expectationName(Expectation::Kind k) {
   switch (k) {
-    case Expectation::Kind::calls: return "calls";
-    case Expectation::Kind::callsAnyOrder: return "callsAnyOrder";
-    case Expectation::Kind::esiData: return "esiData";
-    case Expectation::Kind::mapping: return "mapping";
-    case Expectation::Kind::hwTunnelIds: return "hwTunnelIds";
-    case Expectation::Kind::violations: return "violations";
+    case Expectation::Kind::calls:
+      return "calls";
+    case Expectation::Kind::callsAnyOrder:
+      return "callsAnyOrder";
+    case Expectation::Kind::esiData:
+      return "esiData";
+    case Expectation::Kind::mapping:
+      return "mapping";
+    case Expectation::Kind::hwTunnelIds:
+      return "hwTunnelIds";
+    case Expectation::Kind::violations:
+      return "violations";
   }
   return "?";
 }
@@ -312,7 +319,8 @@ Scenario parseScenario(const std::string& text, const std::string& file) {
     if (YAML::Node e = n["expect"]) {
       r.onlyKeys(e, {"calls", "callsAnyOrder", "esiData", "mapping", "hwTunnelIds", "violations"},
                  "'expect'");
-      for (const auto& kv : e) step.expectations.push_back(r.expectation(kv.first.Scalar(), kv.second));
+      for (const auto& kv : e)
+        step.expectations.push_back(r.expectation(kv.first.Scalar(), kv.second));
     }
     s.steps.push_back(std::move(step));
   }

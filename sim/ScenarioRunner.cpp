@@ -25,11 +25,16 @@ std::vector<std::string> actual(const Expectation& e, const HostAgent& agent,
                                 const std::vector<std::string>& calls) {
   switch (e.kind) {
     case Expectation::Kind::calls:
-    case Expectation::Kind::callsAnyOrder: return calls;
-    case Expectation::Kind::esiData: return agent.esiDataLines();
-    case Expectation::Kind::mapping: return agent.mappingLines();
-    case Expectation::Kind::hwTunnelIds: return agent.hwTunnelIdLines();
-    case Expectation::Kind::violations: return agent.violationLines();
+    case Expectation::Kind::callsAnyOrder:
+      return calls;
+    case Expectation::Kind::esiData:
+      return agent.esiDataLines();
+    case Expectation::Kind::mapping:
+      return agent.mappingLines();
+    case Expectation::Kind::hwTunnelIds:
+      return agent.hwTunnelIdLines();
+    case Expectation::Kind::violations:
+      return agent.violationLines();
   }
   return {};
 }
@@ -68,7 +73,8 @@ RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
          due = agent.scheduler->nextDueTime()) {
       agent.scheduler->advanceTo(*due);
     }
-    log.add(step.at, "step", step.note.empty() ? "step at line " + std::to_string(step.line) : step.note);
+    log.add(step.at, "step",
+            step.note.empty() ? "step at line " + std::to_string(step.line) : step.note);
     agent.scheduler->advanceTo(step.at);
     for (const Action& a : step.actions) agent.apply(a);
     agent.scheduler->runDue();
@@ -79,8 +85,8 @@ RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
     bool consumedCalls = false;
     for (const Expectation& e : step.expectations) {
       std::vector<std::string> want = e.lines, got = actual(e, agent, calls);
-      consumedCalls |= e.kind == Expectation::Kind::calls ||
-                       e.kind == Expectation::Kind::callsAnyOrder;
+      consumedCalls |=
+          e.kind == Expectation::Kind::calls || e.kind == Expectation::Kind::callsAnyOrder;
       bool ordered = e.kind == Expectation::Kind::calls;
       if (!ordered) {
         want = sorted(want);

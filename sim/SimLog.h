@@ -3,8 +3,8 @@
 // --trace) per library trace line, each stamped with the virtual time, aligned for reading, or
 // as JSON lines for tools.
 //
-//       5.000  chip        createEsiData Ethernet2 vlan 10 tunnel Tunnel1.1 hw 1 label ... -> programmed
-//       5.000  mapping     Tunnel1.1 -> 1
+//       5.000  chip        createEsiData Ethernet2 vlan 10 tunnel Tunnel1.1 hw 1 label ... ->
+//       programmed 5.000  mapping     Tunnel1.1 -> 1
 
 #include <ostream>
 #include <string_view>

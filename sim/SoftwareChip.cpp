@@ -63,26 +63,36 @@ constexpr const char* kGone = "software chip destroyed while a machine still hol
 // The helpers the machines hold. Each forwards to the chip; the chip owns them and cuts the link
 // when it goes, so a late call aborts instead of touching freed memory.
 
-class SoftwareChip::HwTunnelIdAdaptor : public ObaHelper::EvpnHwTunnelIdSmHelper {
+namespace {
+// The link from a helper back to its chip.
+template <class Interface>
+class ChipLink : public Interface {
  public:
-  explicit HwTunnelIdAdaptor(SoftwareChip* chip)
-      : EvpnHwTunnelIdSmHelper("SoftwareChip.hwTunnelIdHelper"), chip_(chip) {}
-  Oba::HwTunnelId getHwTunnelId() override { return chip().getHwTunnelId(); }
-  void releaseHwTunnelId(Oba::HwTunnelId id) override { chip().releaseHwTunnelId(id); }
+  ChipLink(const char* name, SoftwareChip* chip) : Interface(name), chip_(chip) {}
   void detach() { chip_ = nullptr; }
 
- private:
+ protected:
   SoftwareChip& chip() {
     KIV_ASSERT_TEXT(chip_, kGone);
     return *chip_;
   }
+
+ private:
   SoftwareChip* chip_;
 };
+}  // namespace
 
-class SoftwareChip::FloodingAdaptor : public ObaHelper::EvpnFloodingSmHelper {
+class SoftwareChip::HwTunnelIdAdaptor : public ChipLink<ObaHelper::EvpnHwTunnelIdSmHelper> {
  public:
-  explicit FloodingAdaptor(SoftwareChip* chip)
-      : EvpnFloodingSmHelper("SoftwareChip.floodingHelper"), chip_(chip) {}
+  explicit HwTunnelIdAdaptor(SoftwareChip* chip)
+      : ChipLink("SoftwareChip.hwTunnelIdHelper", chip) {}
+  Oba::HwTunnelId getHwTunnelId() override { return chip().getHwTunnelId(); }
+  void releaseHwTunnelId(Oba::HwTunnelId id) override { chip().releaseHwTunnelId(id); }
+};
+
+class SoftwareChip::FloodingAdaptor : public ChipLink<ObaHelper::EvpnFloodingSmHelper> {
+ public:
+  explicit FloodingAdaptor(SoftwareChip* chip) : ChipLink("SoftwareChip.floodingHelper", chip) {}
   Oba::HwProgrammingStatus createVlanToDot1qMapping(Quil::IntfId port, Bridging::VlanId vlan,
                                                     Bridging::VlanIdOrNone dot1q) override {
     return chip().createVlanToDot1qMapping(port, vlan, dot1q);
@@ -100,20 +110,12 @@ class SoftwareChip::FloodingAdaptor : public ObaHelper::EvpnFloodingSmHelper {
   void deleteEsiData(Quil::IntfId port, Bridging::VlanId vlan) override {
     chip().deleteEsiData(port, vlan);
   }
-  void detach() { chip_ = nullptr; }
-
- private:
-  SoftwareChip& chip() {
-    KIV_ASSERT_TEXT(chip_, kGone);
-    return *chip_;
-  }
-  SoftwareChip* chip_;
 };
 
-class SoftwareChip::DecapAdaptor : public ObaHelper::EsiFilteringDecapHelper {
+class SoftwareChip::DecapAdaptor : public ChipLink<ObaHelper::EsiFilteringDecapHelper> {
  public:
   explicit DecapAdaptor(SoftwareChip* chip)
-      : EsiFilteringDecapHelper("SoftwareChip.esiFilteringDecapHelper"), chip_(chip) {}
+      : ChipLink("SoftwareChip.esiFilteringDecapHelper", chip) {}
   Mpls::LfibHwProgrammingReturnCode createEsiPortMap(Quil::MplsLabel label,
                                                      Quil::IntfId port) override {
     return chip().createEsiPortMap(label, port);
@@ -121,14 +123,6 @@ class SoftwareChip::DecapAdaptor : public ObaHelper::EsiFilteringDecapHelper {
   void deleteEsiPortMap(Quil::MplsLabel label, Quil::IntfId port) override {
     chip().deleteEsiPortMap(label, port);
   }
-  void detach() { chip_ = nullptr; }
-
- private:
-  SoftwareChip& chip() {
-    KIV_ASSERT_TEXT(chip_, kGone);
-    return *chip_;
-  }
-  SoftwareChip* chip_;
 };
 
 SoftwareChip::SoftwareChip(Kiv::Ptr<Kiv::Clock> clock)

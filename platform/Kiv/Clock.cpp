@@ -12,6 +12,8 @@ static long long monotonicNs() {
 
 MonotonicClock::MonotonicClock() : startNs_(monotonicNs()) {}
 
-Seconds MonotonicClock::now() const { return static_cast<Seconds>(monotonicNs() - startNs_) * 1e-9; }
+Seconds MonotonicClock::now() const {
+  return static_cast<Seconds>(monotonicNs() - startNs_) * 1e-9;
+}
 
 }  // namespace Kiv

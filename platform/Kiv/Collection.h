@@ -39,8 +39,10 @@ struct Entry {
 
 // Keys with a member hash() use it; others use std::hash.
 template <class K>
-using DefaultHash =
-    std::conditional_t<requires(const K& k) { k.hash(); }, MemberHash, std::hash<K>>;
+using DefaultHash = std::conditional_t < requires(const K& k) {
+  k.hash();
+}
+, MemberHash, std::hash < K >> ;
 
 // The result of a lookup: the child pointer itself for child entities (null when absent),
 // std::optional for plain values.

@@ -128,9 +128,8 @@ class Notifier {
   void kivDeliver(F&& f) const {
     if (!kivNotifiees_.size()) return;
     Ptr<const PtrInterface> keep = keepAlive(static_cast<const Self*>(this));
-    kivNotifiees_.deliver([&](NotifieeConstBase<Self>* n) {
-      f(static_cast<typename Self::NotifieeConst*>(n));
-    });
+    kivNotifiees_.deliver(
+        [&](NotifieeConstBase<Self>* n) { f(static_cast<typename Self::NotifieeConst*>(n)); });
   }
 
  private:
@@ -146,63 +145,63 @@ class Entity : public PtrInterface, public Notifier<Self> {};
 // ---- naming layer ---------------------------------------------------------------------------
 
 // The key of a child entity, fixed at construction; fwkKey() is what reactor collections key on.
-#define KIV_KEY(attr, K)                            \
- public:                                            \
-  const K& attr() const { return attr##_; }         \
-  const K& fwkKey() const { return attr##_; }       \
-                                                    \
- private:                                           \
-  const K attr##_;                                  \
-                                                    \
+#define KIV_KEY(attr, K)                      \
+ public:                                      \
+  const K& attr() const { return attr##_; }   \
+  const K& fwkKey() const { return attr##_; } \
+                                              \
+ private:                                     \
+  const K attr##_;                            \
+                                              \
  public:
 
 // Read side and removal, shared by every collection kind.
-#define KIV_COLLECTION_COMMON_(attr, K, ...)                                            \
- public:                                                                                 \
-  auto attr(const K& k) const { return ::Kiv::lookup(attr##_, k); }                      \
-  bool attr##Has(const K& k) const { return attr##_.contains(k); }                       \
-  std::size_t attr##s() const { return attr##_.size(); }                                 \
+#define KIV_COLLECTION_COMMON_(attr, K, ...)                                                     \
+ public:                                                                                         \
+  auto attr(const K& k) const { return ::Kiv::lookup(attr##_, k); }                              \
+  bool attr##Has(const K& k) const { return attr##_.contains(k); }                               \
+  std::size_t attr##s() const { return attr##_.size(); }                                         \
   typename __VA_ARGS__::Walk attr##Walk() const { return attr##_.walk(::Kiv::keepAlive(this)); } \
-  void attr##Del(const K& k) {                                                           \
-    if (attr##_.erase(k)) attr##Changed_(k);                                             \
-  }                                                                                      \
-  void attr##DelAll() {                                                                  \
-    for (auto&& kivE : attr##_.walk(::Kiv::keepAlive(this))) attr##Del(kivE.key);         \
-  }                                                                                      \
-  void attr##Notify(const K& k) { attr##Changed_(k); }                                   \
-                                                                                         \
- private:                                                                                \
-  __VA_ARGS__ attr##_;                                                                   \
-                                                                                         \
+  void attr##Del(const K& k) {                                                                   \
+    if (attr##_.erase(k)) attr##Changed_(k);                                                     \
+  }                                                                                              \
+  void attr##DelAll() {                                                                          \
+    for (auto&& kivE : attr##_.walk(::Kiv::keepAlive(this))) attr##Del(kivE.key);                \
+  }                                                                                              \
+  void attr##Notify(const K& k) { attr##Changed_(k); }                                           \
+                                                                                                 \
+ private:                                                                                        \
+  __VA_ARGS__ attr##_;                                                                           \
+                                                                                                 \
  public:
 
-#define KIV_VALUE_COLLECTION_(attr, K, V, ...)                    \
-  KIV_COLLECTION_COMMON_(attr, K, __VA_ARGS__)                            \
-  void attr##Is(const K& k, const V& v) {                          \
+#define KIV_VALUE_COLLECTION_(attr, K, V, ...)                       \
+  KIV_COLLECTION_COMMON_(attr, K, __VA_ARGS__)                       \
+  void attr##Is(const K& k, const V& v) {                            \
     if (attr##_.put(k, v) != ::Kiv::Change::none) attr##Changed_(k); \
   }
 
-#define KIV_CHILD_COLLECTION_(attr, K, C, ...)                                             \
-  KIV_COLLECTION_COMMON_(attr, K, __VA_ARGS__)                                                     \
-  ::Kiv::Ptr<C> attr##Is(const K& k) {                                                      \
+#define KIV_CHILD_COLLECTION_(attr, K, C, ...)                                                 \
+  KIV_COLLECTION_COMMON_(attr, K, __VA_ARGS__)                                                 \
+  ::Kiv::Ptr<C> attr##Is(const K& k) {                                                         \
     auto [kivChild, kivMade] = attr##_.findOrMake(k, [&] { return ::Kiv::Ptr<C>(new C(k)); }); \
-    ::Kiv::Ptr<C> kivResult = *kivChild;                                                    \
-    if (kivMade) attr##Changed_(k);                                                         \
-    return kivResult;                                                                       \
+    ::Kiv::Ptr<C> kivResult = *kivChild;                                                       \
+    if (kivMade) attr##Changed_(k);                                                            \
+    return kivResult;                                                                          \
   }
 
-#define KIV_UNWATCHED_(attr, K) \
- private:                       \
+#define KIV_UNWATCHED_(attr, K)    \
+ private:                          \
   void attr##Changed_(const K&) {} \
-                                \
+                                   \
  public:
 
-#define KIV_WATCHED_(attr, Attr, K)                                              \
- private:                                                                        \
-  void attr##Changed_(const K& k) {                                              \
-    this->kivDeliver([&](auto* kivN) { kivN->on##Attr(k); });                    \
-  }                                                                              \
-                                                                                 \
+#define KIV_WATCHED_(attr, Attr, K)                           \
+ private:                                                     \
+  void attr##Changed_(const K& k) {                           \
+    this->kivDeliver([&](auto* kivN) { kivN->on##Attr(k); }); \
+  }                                                           \
+                                                              \
  public:
 
 // Plain collections: a machine's internal state and the owned sets. They notify nobody.
@@ -228,41 +227,42 @@ class Entity : public PtrInterface, public Notifier<Self> {};
   KIV_CHILD_COLLECTION_(attr, K, C, ::Kiv::HashMap<K, ::Kiv::Ptr<C>>)
 
 // Scalars.
-#define KIV_SCALAR(attr, T, ...)                 \
- public:                                         \
-  const T& attr() const { return attr##_; }      \
-  void attr##Is(const T& v) { attr##_ = v; }     \
-                                                 \
- private:                                        \
-  T attr##_ = __VA_ARGS__;                       \
-                                                 \
+#define KIV_SCALAR(attr, T, ...)             \
+ public:                                     \
+  const T& attr() const { return attr##_; }  \
+  void attr##Is(const T& v) { attr##_ = v; } \
+                                             \
+ private:                                    \
+  T attr##_ = __VA_ARGS__;                   \
+                                             \
  public:
 
-#define KIV_WATCHED_SCALAR(attr, Attr, T, ...)                         \
- public:                                                               \
-  const T& attr() const { return attr##_; }                            \
-  void attr##Is(const T& v) {                                          \
-    if (attr##_ == v) return;                                          \
-    attr##_ = v;                                                       \
-    this->kivDeliver([](auto* kivN) { kivN->on##Attr(); });            \
-  }                                                                    \
-                                                                       \
- private:                                                              \
-  T attr##_ = __VA_ARGS__;                                             \
-                                                                       \
+#define KIV_WATCHED_SCALAR(attr, Attr, T, ...)              \
+ public:                                                    \
+  const T& attr() const { return attr##_; }                 \
+  void attr##Is(const T& v) {                               \
+    if (attr##_ == v) return;                               \
+    attr##_ = v;                                            \
+    this->kivDeliver([](auto* kivN) { kivN->on##Attr(); }); \
+  }                                                         \
+                                                            \
+ private:                                                   \
+  T attr##_ = __VA_ARGS__;                                  \
+                                                            \
  public:
 
-#define KIV_WATCHED_COUNTER(attr, Attr, T, ...)    \
-  KIV_WATCHED_SCALAR(attr, Attr, T, __VA_ARGS__)   \
+#define KIV_WATCHED_COUNTER(attr, Attr, T, ...)  \
+  KIV_WATCHED_SCALAR(attr, Attr, T, __VA_ARGS__) \
   void attr##Inc(T n = 1) { attr##Is(static_cast<T>(attr##_ + n)); }
 
 // Inside an entity's NotifieeConst: the callbacks of one watched collection or scalar.
-#define KIV_NOTIFIEE_COLLECTION(attr, Attr, K)                                         \
-  virtual void on##Attr(const K&) {}                                                   \
-  virtual void on##Attr() {                                                            \
-    if (auto kivN = this->notifier()) {                                                \
-      for (auto&& kivE : kivN->attr##Walk()) this->on##Attr(kivE.key);                 \
-    }                                                                                  \
-  }                                                                                    \
+#define KIV_NOTIFIEE_COLLECTION(attr, Attr, K)                         \
+  virtual void on##Attr(const K&) {}                                   \
+  virtual void on##Attr() {                                            \
+    if (auto kivN = this->notifier()) {                                \
+      for (auto&& kivE : kivN->attr##Walk()) this->on##Attr(kivE.key); \
+    }                                                                  \
+  }                                                                    \
   virtual void on##Attr##kivImmediate() { this->on##Attr(); }
-#define KIV_NOTIFIEE_SCALAR(Attr) virtual void on##Attr() {}
+#define KIV_NOTIFIEE_SCALAR(Attr) \
+  virtual void on##Attr() {}

@@ -133,42 +133,59 @@ class ReactorSlot {
 // A collection of child reactors: attr(k), attrs(), attrWalk(), attrIs(entity), attrDel(k),
 // attrDelAll(). `handler` is the reactor's whole-child handler; `Qualified` names the owner class
 // in the null-parameter error.
-#define KIV_REACTOR_COLLECTION(attr, K, R, handler, Qualified)                          \
- public:                                                                                \
-  ::Kiv::Ptr<R> attr(const K& k) const { return attr##_.get(k); }                       \
-  std::size_t attr##s() const { return attr##_.size(); }                                \
-  auto attr##Walk() const { return attr##_.walk(::Kiv::keepAlive(this)); }              \
-  ::Kiv::Ptr<R> attr##Is(const ::Kiv::Ptr<const typename R::Entity>& e) {               \
-    if (!e) ::Kiv::throwNullMutator(#attr, Qualified);                                  \
-    return attr##_.set(e, this, [](R& r) { r.handler(); });                             \
-  }                                                                                     \
-  void attr##Del(const K& k) {                                                          \
-    attr##_.del(k, [](R& r) { r.handler(); });                                          \
-  }                                                                                     \
-  void attr##DelAll() {                                                                 \
-    attr##_.delAll([](R& r) { r.handler(); });                                          \
-  }                                                                                     \
-                                                                                        \
- private:                                                                               \
-  ::Kiv::ReactorMap<K, R> attr##_;                                                      \
-                                                                                        \
+#define KIV_REACTOR_COLLECTION(attr, K, R, handler, Qualified)                            \
+ public:                                                                                  \
+  ::Kiv::Ptr<R> attr(const K& k) const { return attr##_.get(k); }                         \
+  std::size_t attr##s() const { return attr##_.size(); }                                  \
+  auto attr##Walk() const { return attr##_.walk(::Kiv::keepAlive(this)); }                \
+  ::Kiv::Ptr<R> attr##Is(const ::Kiv::Ptr<const typename R::Entity>& e) {                 \
+    if (!e) ::Kiv::throwNullMutator(#attr, Qualified);                                    \
+    return attr##_.set(e, this, [](R& r) { r.handler(); });                               \
+  }                                                                                       \
+  void attr##Del(const K& k) {                                                            \
+    attr##_.del(k, [](R& r) { r.handler(); });                                            \
+  }                                                                                       \
+  void attr##DelAll() {                                                                   \
+    attr##_.delAll([](R& r) { r.handler(); });                                            \
+  }                                                                                       \
+  /* Follows one key of the input: a reactor over `e`, or none when the child is gone. */ \
+  void attr##Track(const K& k, const ::Kiv::Ptr<const typename R::Entity>& e) {           \
+    if (e) {                                                                              \
+      attr##Is(e);                                                                        \
+    } else {                                                                              \
+      attr##Del(k);                                                                       \
+    }                                                                                     \
+  }                                                                                       \
+  /* Brings the reactors in line with the input's children: one per child present (the    \
+     input's walk), none for a key that `has(k)` says is gone. */                         \
+  template <class KivWalk, class KivHas>                                                  \
+  void attr##Sync(const KivWalk& children, KivHas has) {                                  \
+    for (auto&& kivE : children) attr##Is(kivE.value);                                    \
+    for (auto&& kivE : attr##_.walk(nullptr)) {                                           \
+      if (!has(kivE.key)) attr##Del(kivE.key);                                            \
+    }                                                                                     \
+  }                                                                                       \
+                                                                                          \
+ private:                                                                                 \
+  ::Kiv::ReactorMap<K, R> attr##_;                                                        \
+                                                                                          \
  public:
 
 // A single reactor over a top-level input: attr() is the input, attrReactor() the reactor,
 // attrIs(entity) makes or replaces it, attrDel() retires it.
-#define KIV_REACTOR(attr, R, Qualified)                                                   \
- public:                                                                                  \
-  ::Kiv::Ptr<const typename R::Entity> attr() const {                                     \
-    return attr##_.get() ? attr##_.get()->entity() : nullptr;                             \
-  }                                                                                       \
-  const ::Kiv::Ptr<R>& attr##Reactor() const { return attr##_.get(); }                    \
-  void attr##Is(const ::Kiv::Ptr<const typename R::Entity>& e) {                          \
-    if (!e) ::Kiv::throwNullMutator(#attr, Qualified);                                    \
-    attr##_.set(e, this);                                                                 \
-  }                                                                                       \
-  void attr##Del() { attr##_.reset(); }                                                   \
-                                                                                          \
- private:                                                                                 \
-  ::Kiv::ReactorSlot<R> attr##_;                                                          \
-                                                                                          \
+#define KIV_REACTOR(attr, R, Qualified)                                \
+ public:                                                               \
+  ::Kiv::Ptr<const typename R::Entity> attr() const {                  \
+    return attr##_.get() ? attr##_.get()->entity() : nullptr;          \
+  }                                                                    \
+  const ::Kiv::Ptr<R>& attr##Reactor() const { return attr##_.get(); } \
+  void attr##Is(const ::Kiv::Ptr<const typename R::Entity>& e) {       \
+    if (!e) ::Kiv::throwNullMutator(#attr, Qualified);                 \
+    attr##_.set(e, this);                                              \
+  }                                                                    \
+  void attr##Del() { attr##_.reset(); }                                \
+                                                                       \
+ private:                                                              \
+  ::Kiv::ReactorSlot<R> attr##_;                                       \
+                                                                       \
  public:

@@ -95,16 +95,17 @@ class Quiktrace {
 
 }  // namespace Kiv
 
-#define KIV_TRACE(handle, lvl, expr)                    \
-  do {                                                  \
-    if ((handle).enabled(lvl)) {                        \
-      std::ostringstream kivTraceOs_;                   \
-      kivTraceOs_ << expr;                              \
+#define KIV_TRACE(handle, lvl, expr)                     \
+  do {                                                   \
+    if ((handle).enabled(lvl)) {                         \
+      std::ostringstream kivTraceOs_;                    \
+      kivTraceOs_ << expr;                               \
       (handle).write(lvl, __LINE__, kivTraceOs_.view()); \
-    }                                                   \
+    }                                                    \
   } while (0)
 
-#define KIV_QTRACE(handle, text) ::Kiv::Quiktrace::instance().record((handle).source(), __LINE__, text)
-#define KIV_QTRACE_VALUE(handle, text, value)                                         \
+#define KIV_QTRACE(handle, text) \
+  ::Kiv::Quiktrace::instance().record((handle).source(), __LINE__, text)
+#define KIV_QTRACE_VALUE(handle, text, value)                            \
   ::Kiv::Quiktrace::instance().record((handle).source(), __LINE__, text, \
                                       static_cast<std::uint64_t>(value))

@@ -36,16 +36,16 @@ class TaskReactor : public TimerTask::Notifiee, public Kiv::PtrInterface {
 
 // A machine's review-task attribute: attr() is the reactor (its task()), attrIs(scheduler,
 // priority, name) makes the task and attaches the reactor R, attrDel() drops both.
-#define MOX_TASK_REACTOR(attr, R)                                                          \
- public:                                                                                   \
-  const ::Kiv::Ptr<R>& attr() const { return attr##_; }                                    \
-  void attr##Is(const ::Kiv::Ptr<::Mox::TaskScheduler>& kivScheduler,                      \
-                ::Mox::TaskPriority kivPriority, const ::Kiv::Name& kivName) {             \
+#define MOX_TASK_REACTOR(attr, R)                                                             \
+ public:                                                                                      \
+  const ::Kiv::Ptr<R>& attr() const { return attr##_; }                                       \
+  void attr##Is(const ::Kiv::Ptr<::Mox::TaskScheduler>& kivScheduler,                         \
+                ::Mox::TaskPriority kivPriority, const ::Kiv::Name& kivName) {                \
     attr##_ = new R(::Mox::TimerTask::TimerTaskIs(kivScheduler, kivPriority, kivName), this); \
-  }                                                                                        \
-  void attr##Del() { attr##_ = nullptr; }                                                  \
-                                                                                           \
- private:                                                                                  \
-  ::Kiv::Ptr<R> attr##_;                                                                   \
-                                                                                           \
+  }                                                                                           \
+  void attr##Del() { attr##_ = nullptr; }                                                     \
+                                                                                              \
+ private:                                                                                     \
+  ::Kiv::Ptr<R> attr##_;                                                                      \
+                                                                                              \
  public:

@@ -14,48 +14,40 @@
 #include "Kiv/Entity.h"
 #include "Shoal/Table.h"
 
-#define KIV_SHOAL_TABLE(attr, Attr, K, Row)                                              \
- public:                                                                                 \
-  ::Shoal::Lookup<Row> attr(const K& k) const { return attr##_.find(k); }                \
-  std::size_t attr##s() const { return attr##_.size(); }                                 \
-  typename ::Kiv::HashMap<K, Row>::Walk attr##Walk() const { return attr##_.walk(); }     \
-  const ::Kiv::Ptr<::Shoal::TableControl>& attr##Control() const {                       \
-    return attr##_.control();                                                            \
-  }                                                                                      \
-  void attr##Mount(::Shoal::Role role) { attr##_.mount(role); }                          \
-  void attr##Is(const Row& row) {                                                        \
-    attr##_.put(row);                                                                    \
-    attr##Notify(row.key());                                                             \
-  }                                                                                      \
-  void attr##Commit(const Row& row) { attr##Is(row); }                                   \
-  void attr##Del(const K& k) {                                                           \
-    attr##_.erase(k);                                                                    \
-    attr##Notify(k);                                                                     \
-  }                                                                                      \
-  void attr##DelAll() {                                                                  \
-    for (auto&& kivE : attr##_.walk()) attr##Del(kivE.key);                              \
-  }                                                                                      \
-  void attr##Notify(const K& k) const {                                                  \
-    this->kivDeliver([&](auto* kivN) { kivN->on##Attr(k); });                            \
-  }                                                                                      \
-  void attr##NotifyCollection() const {                                                  \
-    this->kivDeliver([](auto* kivN) { kivN->on##Attr(); });                              \
-  }                                                                                      \
-  void attr##NotifyMountStatus() const {                                                 \
-    this->kivDeliver([](auto* kivN) { kivN->on##Attr##MountStatus(); });                 \
-  }                                                                                      \
-                                                                                         \
- private:                                                                                \
-  ::Shoal::Table<K, Row> attr##_;                                                        \
-                                                                                         \
+#define KIV_SHOAL_TABLE(attr, Attr, K, Row)                                                    \
+ public:                                                                                       \
+  ::Shoal::Lookup<Row> attr(const K& k) const { return attr##_.find(k); }                      \
+  std::size_t attr##s() const { return attr##_.size(); }                                       \
+  typename ::Kiv::HashMap<K, Row>::Walk attr##Walk() const { return attr##_.walk(); }          \
+  const ::Kiv::Ptr<::Shoal::TableControl>& attr##Control() const { return attr##_.control(); } \
+  void attr##Mount(::Shoal::Role role) { attr##_.mount(role); }                                \
+  void attr##Is(const Row& row) {                                                              \
+    attr##_.put(row);                                                                          \
+    attr##Notify(row.key());                                                                   \
+  }                                                                                            \
+  void attr##Commit(const Row& row) { attr##Is(row); }                                         \
+  void attr##Del(const K& k) {                                                                 \
+    attr##_.erase(k);                                                                          \
+    attr##Notify(k);                                                                           \
+  }                                                                                            \
+  void attr##DelAll() {                                                                        \
+    for (auto&& kivE : attr##_.walk()) attr##Del(kivE.key);                                    \
+  }                                                                                            \
+  void attr##Notify(const K& k) const {                                                        \
+    this->kivDeliver([&](auto* kivN) { kivN->on##Attr(k); });                                  \
+  }                                                                                            \
+  void attr##NotifyCollection() const {                                                        \
+    this->kivDeliver([](auto* kivN) { kivN->on##Attr(); });                                    \
+  }                                                                                            \
+  void attr##NotifyMountStatus() const {                                                       \
+    this->kivDeliver([](auto* kivN) { kivN->on##Attr##MountStatus(); });                       \
+  }                                                                                            \
+                                                                                               \
+ private:                                                                                      \
+  ::Shoal::Table<K, Row> attr##_;                                                              \
+                                                                                               \
  public:
 
-#define KIV_NOTIFIEE_SHOAL_TABLE(attr, Attr, K)                                    \
-  virtual void on##Attr(const K&) {}                                               \
-  virtual void on##Attr() {                                                        \
-    if (auto kivN = this->notifier()) {                                            \
-      for (auto&& kivE : kivN->attr##Walk()) this->on##Attr(kivE.key);           \
-    }                                                                              \
-  }                                                                                \
-  virtual void on##Attr##kivImmediate() { this->on##Attr(); }                      \
+#define KIV_NOTIFIEE_SHOAL_TABLE(attr, Attr, K) \
+  KIV_NOTIFIEE_COLLECTION(attr, Attr, K)        \
   virtual void on##Attr##MountStatus() {}

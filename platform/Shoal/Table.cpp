@@ -4,9 +4,12 @@ namespace Shoal {
 
 std::ostream& operator<<(std::ostream& os, MountState s) {
   switch (s) {
-    case MountState::unmounted: return os << "unmounted";
-    case MountState::mounted: return os << "mounted";
-    case MountState::failed: return os << "failed";
+    case MountState::unmounted:
+      return os << "unmounted";
+    case MountState::mounted:
+      return os << "mounted";
+    case MountState::failed:
+      return os << "failed";
   }
   return os << "MountState(" << static_cast<int>(s) << ")";
 }

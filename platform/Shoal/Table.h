@@ -115,8 +115,9 @@ class Table {
 
  private:
   void writable() const {
-    KIV_ASSERT_TEXT(control_->mountState() == MountState::mounted && control_->role() == Role::writer,
-                    "table mounted as writer");
+    KIV_ASSERT_TEXT(
+        control_->mountState() == MountState::mounted && control_->role() == Role::writer,
+        "table mounted as writer");
   }
   std::unique_ptr<Backing<K, Row>> backing_;
   Kiv::Ptr<TableControl> control_;

@@ -2,6 +2,8 @@
 // drive it, over a recording chip stub and virtual time.
 #include <gtest/gtest.h>
 
+#include "TraceCapture.h"
+
 #include <algorithm>
 #include <functional>
 #include <map>
@@ -64,15 +66,7 @@ class LedgerStub : public ObaHelper::EvpnFloodingSmHelperStub {
 
 class FloodingEsiSmTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    Kiv::traceConfigIs("ObaEvpnFloodingEsiSm/8");
-    Kiv::traceSinkIs([this](const Kiv::TraceLine& l) { traces.emplace_back(l.text); });
-  }
-  void TearDown() override {
-    check();
-    Kiv::traceSinkIs(nullptr);
-    Kiv::traceConfigIs("");
-  }
+  void TearDown() override { check(); }
 
   void start() {
     sm = Oba::evpnFloodingEsiSmFactory(stub, scheduler, acsd, evpn, mapping);
@@ -118,9 +112,7 @@ class FloodingEsiSmTest : public ::testing::Test {
                 " local ", local);
   }
   std::string del(IntfId port, int vlan) { return text("delete ", port, " vlan ", vlan); }
-  bool traced(const std::string& t) const {
-    return std::find(traces.begin(), traces.end(), t) != traces.end();
-  }
+  bool traced(const std::string& t) const { return traces.has(t); }
 
   // The relations mirror each other, no emptied set lingers, a label lives only with its tunnel,
   // a pair is parked exactly while a port of it waits, and the chip holds exactly what the machine
@@ -176,7 +168,7 @@ class FloodingEsiSmTest : public ::testing::Test {
       new Oba::TunnelIdToHwTunnelIdMapping("tunnelIdToHwTunnelId");
   Kiv::Ptr<LedgerStub> stub = new LedgerStub;
   Kiv::Ptr<Oba::EvpnFloodingEsiSm> sm;
-  Strings traces;
+  TraceCapture traces{"ObaEvpnFloodingEsiSm/8"};
 };
 
 TEST_F(FloodingEsiSmTest, StartingOverAnExistingWorldProgramsEachPortOnce) {

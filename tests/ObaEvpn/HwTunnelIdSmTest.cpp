@@ -2,6 +2,8 @@
 // chip stub and virtual time.
 #include <gtest/gtest.h>
 
+#include "TraceCapture.h"
+
 #include <map>
 #include <string>
 #include <vector>
@@ -26,8 +28,8 @@ class LedgerStub : public ObaHelper::EvpnHwTunnelIdSmHelperStub {
  public:
   LedgerStub() : EvpnHwTunnelIdSmHelperStub("chip") {}
   HwTunnelId getHwTunnelId() override {
-    rowsAtFirstGet = rowsAtFirstGet < 0 ? static_cast<int>(mapping->tunnelIdToHwTunnelIds())
-                                        : rowsAtFirstGet;
+    rowsAtFirstGet =
+        rowsAtFirstGet < 0 ? static_cast<int>(mapping->tunnelIdToHwTunnelIds()) : rowsAtFirstGet;
     HwTunnelId id = EvpnHwTunnelIdSmHelperStub::getHwTunnelId();
     calls.push_back("get " + std::to_string(id.value()));
     if (id.isValid()) handedOut.push_back(id);
@@ -51,20 +53,10 @@ class LedgerStub : public ObaHelper::EvpnHwTunnelIdSmHelperStub {
 
 class HwTunnelIdSmTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    stub->mapping = mapping;
-    Kiv::traceConfigIs("ObaEvpnHwTunnelIdSm/5");
-    Kiv::traceSinkIs([this](const Kiv::TraceLine& l) { traces.emplace_back(l.text); });
-  }
-  void TearDown() override {
-    checkInvariants();
-    Kiv::traceSinkIs(nullptr);
-    Kiv::traceConfigIs("");
-  }
+  void SetUp() override { stub->mapping = mapping; }
+  void TearDown() override { checkInvariants(); }
 
-  void start() {
-    sm = Oba::evpnHwTunnelIdSmFactory(stub, scheduler, acsd, evpn, mapping);
-  }
+  void start() { sm = Oba::evpnHwTunnelIdSmFactory(stub, scheduler, acsd, evpn, mapping); }
   Kiv::Ptr<Evpn::EthernetSegmentStatus> segment(std::uint32_t lag) {
     return evpn->segmentStatusIs(IntfId::portChannel(lag));
   }
@@ -72,12 +64,7 @@ class HwTunnelIdSmTest : public ::testing::Test {
     auto l = mapping->tunnelIdToHwTunnelId(tunnelTo(tepIndex));
     return l.found ? std::optional(l.row.hwTunnelId()) : std::nullopt;
   }
-  bool traced(const std::string& text) {
-    for (auto& t : traces) {
-      if (t == text) return true;
-    }
-    return false;
-  }
+  bool traced(const std::string& text) const { return traces.has(text); }
 
   // The machine's own invariants, and the balance of ids between the chip and the table.
   void checkInvariants() {
@@ -90,8 +77,7 @@ class HwTunnelIdSmTest : public ::testing::Test {
     }
     for (auto [tunnel, tivs] : sm->tunnelIntfVlanSetWalk()) {
       if (!tivs->intfVlans()) continue;
-      EXPECT_TRUE(mapping->tunnelIdToHwTunnelId(tunnel).found ||
-                  sm->unprogrammedTunnelHas(tunnel))
+      EXPECT_TRUE(mapping->tunnelIdToHwTunnelId(tunnel).found || sm->unprogrammedTunnelHas(tunnel))
           << tunnel;
     }
     for (HwTunnelId id : stub->handedOut) {
@@ -111,7 +97,7 @@ class HwTunnelIdSmTest : public ::testing::Test {
       new Oba::TunnelIdToHwTunnelIdMapping("tunnelIdToHwTunnelId");
   Kiv::Ptr<LedgerStub> stub = new LedgerStub;
   Kiv::Ptr<Oba::EvpnHwTunnelIdSm> sm;
-  std::vector<std::string> traces;
+  TraceCapture traces{"ObaEvpnHwTunnelIdSm/5"};
 };
 
 TEST_F(HwTunnelIdSmTest, VlansSharingAnEndpointShareOneHardwareId) {

@@ -23,8 +23,8 @@ TEST(KivHashMap, WalkSurvivesEveryKindOfChange) {
   for (auto [k, v] : m.walk()) {
     seen.push_back(k);
     EXPECT_EQ(v, "v" + std::to_string(k));
-    if (k == 2) m.erase(2);             // the current element
-    if (k == 3) m.erase(5);             // one not reached yet: must not be visited
+    if (k == 2) m.erase(2);  // the current element
+    if (k == 3) m.erase(5);  // one not reached yet: must not be visited
     if (k == 4) {
       m.put(100, "late");  // added during the walk: not visited
       EXPECT_EQ(*m.find(100), "late");
@@ -66,9 +66,9 @@ TEST(KivOrderedMap, WalksInKeyOrderWhileTheBodyRemovesAndAdds) {
   std::vector<int> seen;
   for (auto [k, v] : m.walk()) {
     seen.push_back(k);
-    m.erase(k);                 // a successful retry removes its own key
-    if (k == 2) m.erase(3);     // and may take another with it
-    if (k == 4) m.put(0, 0);    // behind the walk: not visited
+    m.erase(k);               // a successful retry removes its own key
+    if (k == 2) m.erase(3);   // and may take another with it
+    if (k == 4) m.put(0, 0);  // behind the walk: not visited
   }
   EXPECT_EQ(seen, (std::vector<int>{1, 2, 4, 5}));
   EXPECT_EQ(keysOf(m), (std::vector<int>{0}));
@@ -114,17 +114,17 @@ TEST(KivEntity, WatchedAttributesTellTheirNotifieesExactlyWhenSomethingChanged) 
   Kiv::Ptr<Port> port = new Port(7);
   Recorder r;
   r.notifierIs(port);
-  port->vlanIs(10, "a");   // insert
-  port->vlanIs(10, "a");   // same value: nothing to tell
-  port->vlanIs(10, "b");   // overwrite
-  port->vlanNotify(10);    // told without a change
-  port->vlanDel(11);       // absent: nothing
-  port->vlanDel(10);       // removal
-  port->speedIs(0);        // unchanged
+  port->vlanIs(10, "a");  // insert
+  port->vlanIs(10, "a");  // same value: nothing to tell
+  port->vlanIs(10, "b");  // overwrite
+  port->vlanNotify(10);   // told without a change
+  port->vlanDel(11);      // absent: nothing
+  port->vlanDel(10);      // removal
+  port->speedIs(0);       // unchanged
   port->speedInc(25);
   port->speedIs(25);
-  EXPECT_EQ(r.log, (std::vector<std::string>{"vlan 10", "vlan 10", "vlan 10", "vlan 10",
-                                             "speed 25"}));
+  EXPECT_EQ(r.log,
+            (std::vector<std::string>{"vlan 10", "vlan 10", "vlan 10", "vlan 10", "speed 25"}));
 
   // DelAll tells each key; the whole-collection callback replays every key present.
   r.log.clear();
@@ -176,7 +176,7 @@ TEST(KivEntity, PlainSetsAndChildrenFollowTheFamilyRules) {
   Kiv::Ptr<Owner> owner = new Owner;
   Kiv::Ptr<Member> m = owner->memberIs(3);
   EXPECT_EQ(owner->memberIs(3), m);  // a present child is returned unchanged
-  m->flagIs(1, false);                // stored with false: still a member
+  m->flagIs(1, false);               // stored with false: still a member
   EXPECT_EQ(m->flags(), 1u);
   EXPECT_TRUE(m->flag(1).has_value());
   EXPECT_FALSE(*m->flag(1));

@@ -68,7 +68,7 @@ class MiniSm : public Kiv::PtrInterface {
 
   KIV_REACTOR(fabric, KivFabric, "Test::MiniSm")
   KIV_REACTOR_COLLECTION(segment, int, KivSegment, handleSegment, "Test::MiniSm")
-  KIV_COLLECTION(programmed, int, int)      // segment * 10000 + vlan -> endpoint
+  KIV_COLLECTION(programmed, int, int)  // segment * 10000 + vlan -> endpoint
   KIV_ORDERED_COLLECTION(unprogrammed, int, bool)
 
   void handleSegment(int id) {

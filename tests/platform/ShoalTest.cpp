@@ -41,7 +41,7 @@ TEST(ShoalTable, ReadersSeeEveryWriteAndLookupsNeverThrow) {
   m->rowIs(Row{1, 10});
   m->rowIs(Row{1, 11});  // overwrite: one notification for the key
   m->rowCommit(Row{2, 20});
-  m->rowDel(3);          // absent: only the notification
+  m->rowDel(3);  // absent: only the notification
   EXPECT_EQ(r.log, (std::vector<std::string>{"1=10", "1=11", "2=20", "3 gone"}));
   EXPECT_FALSE(m->row(3).found);
   EXPECT_EQ(m->row(3).row.v, 0);

@@ -34,8 +34,8 @@ TEST(Scenario, MistakesNameTheLineAndWhatWasExpected) {
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    expect:\n      esiDta: none\n"),
             "s.yaml:4: unknown key 'esiDta' in 'expect' (expected: calls, callsAnyOrder, esiData, "
             "mapping, hwTunnelIds, violations)");
-  EXPECT_NE(errorOf("steps:\n  - at: 1\n    do:\n      - dfSet: {}\n").find(
-                "s.yaml:4: unknown action 'dfSet'"),
+  EXPECT_NE(errorOf("steps:\n  - at: 1\n    do:\n      - dfSet: {}\n")
+                .find("s.yaml:4: unknown action 'dfSet'"),
             std::string::npos);
   EXPECT_NE(errorOf("steps: [\n").find("s.yaml:"), std::string::npos);
   EXPECT_EQ(errorOf("initial:\n  - restart: agent\nsteps: []\n"),
@@ -67,7 +67,8 @@ TEST(Scenario, TheBuiltInScenarioTellsTheTypicalEventAndEndsClean) {
   Sim::Scenario s = Sim::parseScenario(Sim::defaultScenarioText, Sim::defaultScenarioName);
   std::ostringstream log, state;
   Sim::SimLog text(&log);
-  Sim::RunResult r = Sim::runScenario(s, text, Sim::RunOptions{.check = true, .state = true}, &state);
+  Sim::RunResult r =
+      Sim::runScenario(s, text, Sim::RunOptions{.check = true, .state = true}, &state);
   EXPECT_TRUE(r.ok()) << (r.failures.empty() ? "" : r.failures[0]);
   // The story in order: id, ESI data, refusal, retry five seconds later, deletion, release.
   std::string l = log.str();

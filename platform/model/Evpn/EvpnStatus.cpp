@@ -10,9 +10,12 @@ namespace Evpn {
 namespace {
 const char* encapName(EncapTypeLabel::EncapType t) {
   switch (t) {
-    case EncapTypeLabel::encapTypeNone: return "none";
-    case EncapTypeLabel::encapTypeMpls: return "mpls";
-    case EncapTypeLabel::encapTypeVxlan: return "vxlan";
+    case EncapTypeLabel::encapTypeNone:
+      return "none";
+    case EncapTypeLabel::encapTypeMpls:
+      return "mpls";
+    case EncapTypeLabel::encapTypeVxlan:
+      return "vxlan";
   }
   return nullptr;
 }
