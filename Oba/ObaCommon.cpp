@@ -25,17 +25,15 @@ void scheduleUnprogrammedReview(Mox::TimerTask& task, bool immediate, Kiv::Secon
                                 const Kiv::TraceHandle& th) {
   if (immediate) {
     task.scheduleTask();
-    OBA_TRACE5(th, "schedule immediate unprogrammed review",
-               "schedule immediate unprogrammed review");
+    OBA_TRACE5(th, "schedule immediate unprogrammed review");
     return;
   }
   if (task.taskScheduled()) {
-    OBA_TRACE5(th, "already scheduled", "already scheduled");
+    OBA_TRACE5(th, "already scheduled");
     return;
   }
   task.scheduleTaskDelay(interval);
-  OBA_TRACE5(th, "next unprogrammed review at ",
-             "next unprogrammed review at " << task.scheduler()->now() + interval);
+  OBA_TRACE5(th, "next unprogrammed review at ", task.scheduler()->now() + interval);
 }
 
 }  // namespace Oba

@@ -3,9 +3,10 @@
 // reads only the LAG membership), the LAG test, and the trace conventions.
 //
 // Each machine's source defines its own trace handle, named after the source, and traces with
-// OBA_TRACE8 (entry into a handler, with its arguments) and OBA_TRACE5 (events and outcomes).
-// Level-5 events also go to the Quiktrace ring with their static text and, where they have one,
-// a numeric value (OBA_QTRACE5 / OBA_QTRACE5_VALUE).
+// OBA_TRACE8 (entry into a handler, with its arguments) and OBA_TRACE5 / OBA_TRACE5_VALUE (events
+// and outcomes). Each takes the static text that goes to the always-on Quiktrace ring (with a
+// numeric value where the event has one) and the stream expression of the full trace line, which
+// is built only when the level is enabled.
 
 #include <ostream>
 #include <vector>
@@ -78,14 +79,21 @@ void reviewEach(const Walk& walk, Mox::TimerTask& task, Kiv::Seconds interval, R
 
 }  // namespace Oba
 
-#define OBA_TRACE8(handle, expr) KIV_TRACE(handle, 8, expr)
-#define OBA_TRACE5(handle, text, expr) \
-  do {                                 \
-    KIV_QTRACE(handle, text);          \
-    KIV_TRACE(handle, 5, expr);        \
+// Each takes the static text of the event, which the Quiktrace ring keeps, and optionally what
+// follows it on the trace line (a stream expression, built only when the level is enabled).
+#define OBA_TRACE8(handle, text, ...)                      \
+  do {                                                     \
+    KIV_QTRACE(handle, text);                              \
+    KIV_TRACE(handle, 8, text __VA_OPT__(<< __VA_ARGS__)); \
   } while (0)
-#define OBA_TRACE5_VALUE(handle, text, value, expr) \
-  do {                                              \
-    KIV_QTRACE_VALUE(handle, text, value);          \
-    KIV_TRACE(handle, 5, expr);                     \
+#define OBA_TRACE5(handle, text, ...)                      \
+  do {                                                     \
+    KIV_QTRACE(handle, text);                              \
+    KIV_TRACE(handle, 5, text __VA_OPT__(<< __VA_ARGS__)); \
+  } while (0)
+// An event with a numeric value, which the ring keeps beside the text.
+#define OBA_TRACE5_VALUE(handle, text, value, ...)         \
+  do {                                                     \
+    KIV_QTRACE_VALUE(handle, text, value);                 \
+    KIV_TRACE(handle, 5, text __VA_OPT__(<< __VA_ARGS__)); \
   } while (0)

@@ -58,7 +58,7 @@ void EvpnFloodingEsiSm::KivEvpnStatus::onSegmentStatus(const Quil::IntfId& intf)
 
 void EvpnFloodingEsiSm::KivSegmentStatus::handleSegmentStatus() {
   Quil::IntfId intf = fwkKey();
-  OBA_TRACE8(th, "handleSegmentStatus " << intf);
+  OBA_TRACE8(th, "handleSegmentStatus", " " << intf);
   EvpnFloodingEsiSm* sm = owner();
   if (!sm->initialized()) return;
   auto ess = sm->evpnStatus()->segmentStatus(intf);
@@ -72,7 +72,7 @@ void EvpnFloodingEsiSm::KivSegmentStatus::handleSegmentStatus() {
 }
 
 void EvpnFloodingEsiSm::KivSegmentStatus::handleDFTep(Bridging::VlanId vlan) {
-  OBA_TRACE8(th, "handleDFTep " << fwkKey() << " vlan " << vlan);
+  OBA_TRACE8(th, "handleDFTep", " " << fwkKey() << " vlan " << vlan);
   if (!owner()->initialized()) return;
   if (entity()->designatedForwarderTepHas(vlan)) {
     owner()->addIntfVlanMapping(fwkKey(), vlan);
@@ -82,7 +82,7 @@ void EvpnFloodingEsiSm::KivSegmentStatus::handleDFTep(Bridging::VlanId vlan) {
 }
 
 void EvpnFloodingEsiSm::KivSegmentStatus::handleLabel(Quil::IntfId tepIntf) {
-  OBA_TRACE8(th, "handleLabel " << fwkKey() << " tunnel " << tepIntf);
+  OBA_TRACE8(th, "handleLabel", " " << fwkKey() << " tunnel " << tepIntf);
   EvpnFloodingEsiSm* sm = owner();
   if (!sm->initialized()) return;
   TunnelId tunnel(Quil::DynamicTunnelIntfId::tunnelId(tepIntf));
@@ -92,7 +92,7 @@ void EvpnFloodingEsiSm::KivSegmentStatus::handleLabel(Quil::IntfId tepIntf) {
 }
 
 void EvpnFloodingEsiSm::handleLocalEsiLabel(Quil::IntfId intf) {
-  OBA_TRACE8(th, "handleLocalEsiLabel " << intf);
+  OBA_TRACE8(th, "handleLocalEsiLabel", " " << intf);
   if (!initialized()) return;
   auto ivs = intfVlanSet(intf);
   if (!ivs) return;
@@ -104,7 +104,7 @@ void EvpnFloodingEsiSm::handleLocalEsiLabel(Quil::IntfId intf) {
 }
 
 void EvpnFloodingEsiSm::handleLagPort(Quil::IntfId lag) {
-  OBA_TRACE8(th, "handleLagPort " << lag);
+  OBA_TRACE8(th, "handleLagPort", " " << lag);
   if (!initialized()) return;
   if (auto ivs = intfVlanSet(lag)) {
     for (auto [vlan, member] : ivs->vlanIdWalk()) processIntfVlan(lag, vlan);
@@ -113,7 +113,7 @@ void EvpnFloodingEsiSm::handleLagPort(Quil::IntfId lag) {
 
 // No initialized() test: before initialization tunnelIntfVlanSet is empty, so nothing is found.
 void EvpnFloodingEsiSm::handleTunnelIdMapping(const TunnelId& tunnel) {
-  OBA_TRACE8(th, "handleTunnelIdMapping tunnelId " << tunnel);
+  OBA_TRACE8(th, "handleTunnelIdMapping", " tunnelId " << tunnel);
   auto tivs = tunnelIntfVlanSet(tunnel);
   if (!tivs) return;
   if (tunnelIdHwTunnelId()->tunnelIdToHwTunnelId(tunnel).found) {
@@ -126,7 +126,7 @@ void EvpnFloodingEsiSm::handleTunnelIdMapping(const TunnelId& tunnel) {
 }
 
 void EvpnFloodingEsiSm::addIntfVlanMapping(Quil::IntfId intf, Bridging::VlanId vlan) {
-  OBA_TRACE8(th, "addIntfVlanMapping " << intf << " vlan " << vlan);
+  OBA_TRACE8(th, "addIntfVlanMapping", " " << intf << " vlan " << vlan);
   KIV_ASSERT(initialized());
   intfVlanSetIs(intf)->vlanIdIs(vlan, true);
   vlanIntfSetIs(vlan)->intfIdIs(intf, true);
@@ -134,7 +134,7 @@ void EvpnFloodingEsiSm::addIntfVlanMapping(Quil::IntfId intf, Bridging::VlanId v
 }
 
 void EvpnFloodingEsiSm::deleteIntfVlanMapping(Quil::IntfId intf, Bridging::VlanId vlan) {
-  OBA_TRACE8(th, "deleteIntfVlanMapping " << intf << " vlan " << vlan);
+  OBA_TRACE8(th, "deleteIntfVlanMapping", " " << intf << " vlan " << vlan);
   KIV_ASSERT(initialized());
   auto vis = vlanIntfSet(vlan);
   KIV_ASSERT(vis);
@@ -148,17 +148,17 @@ void EvpnFloodingEsiSm::deleteIntfVlanMapping(Quil::IntfId intf, Bridging::VlanI
 }
 
 void EvpnFloodingEsiSm::processIntfVlan(Quil::IntfId intf, Bridging::VlanId vlan) {
-  OBA_TRACE8(th, "processIntfVlan " << intf << " vlan " << vlan);
+  OBA_TRACE8(th, "processIntfVlan", " " << intf << " vlan " << vlan);
   KIV_ASSERT(initialized());
   auto ess = evpnStatus()->segmentStatus(intf);
   if (!ess) {
-    OBA_TRACE5(th, "no segment status", "no segment status");
+    OBA_TRACE5(th, "no segment status");
     deleteIntfVlanTunnelMapping(intf, vlan);
     return;
   }
   auto tep = ess->designatedForwarderTep(vlan);
   if (!tep) {
-    OBA_TRACE5(th, "no designated forwarder tep", "no designated forwarder tep");
+    OBA_TRACE5(th, "no designated forwarder tep");
     deleteIntfVlanTunnelMapping(intf, vlan);
     return;
   }
@@ -167,14 +167,14 @@ void EvpnFloodingEsiSm::processIntfVlan(Quil::IntfId intf, Bridging::VlanId vlan
   addOrUpdateIntfVlanTunnelMapping(intf, vlan, tunnel);
   auto label = ess->remoteEsiLabel(*tep);
   if (!label) {
-    OBA_TRACE5(th, "no esi label", "no esi label");
+    OBA_TRACE5(th, "no esi label");
     deleteIntfVlanTunnelLabelMapping(intf, vlan, tunnel);
     return;
   }
   if (label->encapType() != Evpn::EncapTypeLabel::encapTypeMpls) {
     // A label of another encapsulation is not ours to program; what is programmed stays.
     OBA_TRACE5_VALUE(th, "incorrect encap type ", label->encapType(),
-                     "incorrect encap type " << static_cast<int>(label->encapType()));
+                     static_cast<int>(label->encapType()));
     return;
   }
   addOrUpdateIntfVlanTunnelLabelMapping(intf, vlan, tunnel, label->mplsLabel());
@@ -182,8 +182,8 @@ void EvpnFloodingEsiSm::processIntfVlan(Quil::IntfId intf, Bridging::VlanId vlan
 
 void EvpnFloodingEsiSm::addOrUpdateIntfVlanTunnelMapping(Quil::IntfId intf, Bridging::VlanId vlan,
                                                          const TunnelId& tunnel) {
-  OBA_TRACE8(
-      th, "addOrUpdateIntfVlanTunnelMapping " << intf << " vlan " << vlan << " tunnel " << tunnel);
+  OBA_TRACE8(th, "addOrUpdateIntfVlanTunnelMapping",
+             " " << intf << " vlan " << vlan << " tunnel " << tunnel);
   KIV_ASSERT(initialized());
   IntfVlanKey key(intf, vlan);
   if (auto current = intfVlanTunnel(key); current && *current != tunnel) {
@@ -195,7 +195,7 @@ void EvpnFloodingEsiSm::addOrUpdateIntfVlanTunnelMapping(Quil::IntfId intf, Brid
 }
 
 void EvpnFloodingEsiSm::deleteIntfVlanTunnelMapping(Quil::IntfId intf, Bridging::VlanId vlan) {
-  OBA_TRACE8(th, "deleteIntfVlanTunnelMapping " << intf << " vlan " << vlan);
+  OBA_TRACE8(th, "deleteIntfVlanTunnelMapping", " " << intf << " vlan " << vlan);
   KIV_ASSERT(initialized());
   IntfVlanKey key(intf, vlan);
   auto tunnel = intfVlanTunnel(key);
@@ -217,8 +217,8 @@ void EvpnFloodingEsiSm::addOrUpdateIntfVlanTunnelLabelMapping(Quil::IntfId intf,
                                                               Bridging::VlanId vlan,
                                                               const TunnelId& tunnel,
                                                               Quil::MplsLabel label) {
-  OBA_TRACE8(th, "addOrUpdateIntfVlanTunnelLabelMapping " << intf << " vlan " << vlan << " tunnel "
-                                                          << tunnel << " label " << label);
+  OBA_TRACE8(th, "addOrUpdateIntfVlanTunnelLabelMapping",
+             " " << intf << " vlan " << vlan << " tunnel " << tunnel << " label " << label);
   KIV_ASSERT(initialized());
   IntfVlanTunnelKey labelKey(intf, vlan, tunnel);
   if (auto current = intfVlanTunnelLabel(labelKey); current && *current != label) {
@@ -230,8 +230,8 @@ void EvpnFloodingEsiSm::addOrUpdateIntfVlanTunnelLabelMapping(Quil::IntfId intf,
 
 void EvpnFloodingEsiSm::deleteIntfVlanTunnelLabelMapping(Quil::IntfId intf, Bridging::VlanId vlan,
                                                          const TunnelId& tunnel) {
-  OBA_TRACE8(
-      th, "deleteIntfVlanTunnelLabelMapping " << intf << " vlan " << vlan << " tunnel " << tunnel);
+  OBA_TRACE8(th, "deleteIntfVlanTunnelLabelMapping",
+             " " << intf << " vlan " << vlan << " tunnel " << tunnel);
   KIV_ASSERT(initialized());
   IntfVlanTunnelKey labelKey(intf, vlan, tunnel);
   if (!intfVlanTunnelLabelHas(labelKey)) return;
@@ -241,7 +241,7 @@ void EvpnFloodingEsiSm::deleteIntfVlanTunnelLabelMapping(Quil::IntfId intf, Brid
 
 void EvpnFloodingEsiSm::programEsi(Quil::IntfId intf, Bridging::VlanId vlan,
                                    Quil::MplsLabel label) {
-  OBA_TRACE8(th, "programEsi " << intf << " vlan " << vlan << " label " << label);
+  OBA_TRACE8(th, "programEsi", " " << intf << " vlan " << vlan << " label " << label);
   KIV_ASSERT(initialized());
   if (!isLag(intf)) {
     programEsiHelper(intf, intf, vlan, label);
@@ -249,12 +249,12 @@ void EvpnFloodingEsiSm::programEsi(Quil::IntfId intf, Bridging::VlanId vlan,
   }
   auto members = acsd()->lagToPort(intf);
   if (!members) {
-    OBA_TRACE5(th, "no lag configuration", "no lag configuration");
+    OBA_TRACE5(th, "no lag configuration");
     unprogramEsi(intf, vlan);
     return;
   }
   if (members->empty()) {
-    OBA_TRACE5(th, "no lag members", "no lag members");
+    OBA_TRACE5(th, "no lag members");
     unprogramEsi(intf, vlan);
     return;
   }
@@ -264,7 +264,7 @@ void EvpnFloodingEsiSm::programEsi(Quil::IntfId intf, Bridging::VlanId vlan,
     es->unprogrammedDelAll();
     for (auto [port, member] : es->programmedWalk()) {
       if (members->has(port)) continue;
-      OBA_TRACE5(th, "stale lag member, delete", "stale lag member, delete");
+      OBA_TRACE5(th, "stale lag member, delete");
       unprogramEsiHelper(intf, port, vlan);
     }
   }
@@ -273,8 +273,9 @@ void EvpnFloodingEsiSm::programEsi(Quil::IntfId intf, Bridging::VlanId vlan,
 
 void EvpnFloodingEsiSm::programEsiHelper(Quil::IntfId logical, Quil::IntfId phy,
                                          Bridging::VlanId vlan, Quil::MplsLabel label) {
-  OBA_TRACE8(th, "programEsiHelper logical intf " << logical << " phy intf " << phy << " vlan "
-                                                  << vlan << " label " << label);
+  OBA_TRACE8(
+      th, "programEsiHelper",
+      " logical intf " << logical << " phy intf " << phy << " vlan " << vlan << " label " << label);
   KIV_ASSERT(initialized());
   IntfVlanKey key(logical, vlan);
   KIV_ASSERT_TEXT(intfVlanTunnelHas(key), "intfVlanTunnelHas( key )");
@@ -282,20 +283,20 @@ void EvpnFloodingEsiSm::programEsiHelper(Quil::IntfId logical, Quil::IntfId phy,
   auto hwTunnel = tunnelIdHwTunnelId()->tunnelIdToHwTunnelId(tunnel);
   if (!hwTunnel.found) {
     // Not a failure: the id's publication re-drives the pair (handleTunnelIdMapping).
-    OBA_TRACE5(th, "hw tunnel id not published", "hw tunnel id not published");
+    OBA_TRACE5(th, "hw tunnel id not published");
     return;
   }
   auto localLabel = evpnStatus()->localEsiLabel(logical);
   if (!localLabel || *localLabel == Evpn::EncapTypeLabel()) {
     // Not a failure either: the label's arrival re-drives the pair (handleLocalEsiLabel).
-    OBA_TRACE5(th, "local label not published", "local label not published");
+    OBA_TRACE5(th, "local label not published");
     return;
   }
   IntfVlanTunnelKey labelKey(logical, vlan, tunnel);
   KIV_ASSERT_TEXT(intfVlanTunnelLabelHas(labelKey), "intfVlanTunnelLabelHas( labelKey )");
   auto es = esiStatusIs(key);
   if (es->programmedHas(phy)) {
-    OBA_TRACE5(th, "already programmed", "already programmed");
+    OBA_TRACE5(th, "already programmed");
     return;
   }
   es->unprogrammedDel(phy);
@@ -303,18 +304,18 @@ void EvpnFloodingEsiSm::programEsiHelper(Quil::IntfId logical, Quil::IntfId phy,
   switch (floodingHelper()->createEsiData(phy, vlan, tunnel, hwTunnel.row.hwTunnelId(), label,
                                           localLabel->mplsLabel())) {
     case HwProgrammingStatus::programmed:
-      OBA_TRACE5(th, "programmed esi", "programmed esi");
+      OBA_TRACE5(th, "programmed esi");
       es->programmedIs(phy, true);
       break;
     case HwProgrammingStatus::notProgrammed:
-      OBA_TRACE5(th, "failed to program esi", "failed to program esi");
+      OBA_TRACE5(th, "failed to program esi");
       unprogrammedEsiIs(key, true);
       es->unprogrammedIs(phy, true);
       maybeScheduleUnprogrammedReview(false);
       break;
     case HwProgrammingStatus::invalidHwId:
       // The ids handed over come from the published mapping: the chip refusing one is a bug.
-      OBA_TRACE5(th, "invalid hwId, failed to program", "invalid hwId, failed to program");
+      OBA_TRACE5(th, "invalid hwId, failed to program");
       KIV_ASSERT(0);
       break;
     default:
@@ -323,7 +324,7 @@ void EvpnFloodingEsiSm::programEsiHelper(Quil::IntfId logical, Quil::IntfId phy,
 }
 
 void EvpnFloodingEsiSm::unprogramEsi(Quil::IntfId intf, Bridging::VlanId vlan) {
-  OBA_TRACE8(th, "unprogramEsi " << intf << " vlan " << vlan);
+  OBA_TRACE8(th, "unprogramEsi", " " << intf << " vlan " << vlan);
   KIV_ASSERT(initialized());
   IntfVlanKey key(intf, vlan);
   unprogrammedEsiDel(key);
@@ -332,24 +333,24 @@ void EvpnFloodingEsiSm::unprogramEsi(Quil::IntfId intf, Bridging::VlanId vlan) {
     // The entries freed in the chip may let the waiting pairs through now.
     if (unprogrammedEsis()) maybeScheduleUnprogrammedReview(true);
   } else {
-    OBA_TRACE5(th, "not programmed", "not programmed");
+    OBA_TRACE5(th, "not programmed");
   }
   esiStatusDel(key);
 }
 
 void EvpnFloodingEsiSm::unprogramEsiHelper(Quil::IntfId logical, Quil::IntfId phy,
                                            Bridging::VlanId vlan) {
-  OBA_TRACE8(
-      th, "unprogramEsiHelper logical intf " << logical << " phy intf " << phy << " vlan " << vlan);
+  OBA_TRACE8(th, "unprogramEsiHelper",
+             " logical intf " << logical << " phy intf " << phy << " vlan " << vlan);
   KIV_ASSERT(initialized());
   auto es = esiStatus(IntfVlanKey(logical, vlan));
   if (!es) {
-    OBA_TRACE5(th, "not programmed", "not programmed");
+    OBA_TRACE5(th, "not programmed");
     return;
   }
   es->unprogrammedDel(phy);
   if (!es->programmedHas(phy)) {
-    OBA_TRACE5(th, "not programmed", "not programmed");
+    OBA_TRACE5(th, "not programmed");
     return;
   }
   es->programmedDel(phy);

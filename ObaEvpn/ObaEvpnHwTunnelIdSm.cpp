@@ -76,7 +76,7 @@ void EvpnHwTunnelIdSm::KivSegmentStatus::handleSegmentStatus() {
 }
 
 void EvpnHwTunnelIdSm::KivSegmentStatus::handleDFTep(Bridging::VlanId vlan) {
-  OBA_TRACE8(th, "handleDFTep vlan " << vlan);
+  OBA_TRACE8(th, "handleDFTep", " vlan " << vlan);
   if (entity()->designatedForwarderTepHas(vlan)) {
     owner()->programHwTunnelId(fwkKey(), vlan);
   } else {
@@ -85,7 +85,7 @@ void EvpnHwTunnelIdSm::KivSegmentStatus::handleDFTep(Bridging::VlanId vlan) {
 }
 
 void EvpnHwTunnelIdSm::programHwTunnelId(Quil::IntfId intf, Bridging::VlanId vlan) {
-  OBA_TRACE8(th, "programHwTunnelId IntfId " << intf << " vlanId " << vlan);
+  OBA_TRACE8(th, "programHwTunnelId", " IntfId " << intf << " vlanId " << vlan);
   auto tep = evpnStatus()->segmentStatus(intf)->designatedForwarderTep(vlan);
   // An endpoint out of the tunnel-id range throws here, before anything of the pair changes.
   TunnelId tunnel(Quil::DynamicTunnelIntfId::tunnelId(tep.value_or(Quil::IntfId())));
@@ -100,26 +100,25 @@ void EvpnHwTunnelIdSm::programHwTunnelId(Quil::IntfId intf, Bridging::VlanId vla
 }
 
 void EvpnHwTunnelIdSm::publishHwTunnelId(const TunnelId& tunnel) {
-  OBA_TRACE8(th, "publishHwTunnelId TunnelId " << tunnel);
+  OBA_TRACE8(th, "publishHwTunnelId", " TunnelId " << tunnel);
   if (tunnelIdToHwTunnelIdMapping()->tunnelIdToHwTunnelId(tunnel).found) {
-    OBA_TRACE5(th, "already programmed", "already programmed");
+    OBA_TRACE5(th, "already programmed");
     return;
   }
   HwTunnelId id = hwTunnelIdHelper()->getHwTunnelId();
   if (!id.isValid()) {
-    OBA_TRACE5(th, "failed to program tunnel", "failed to program tunnel");
+    OBA_TRACE5(th, "failed to program tunnel");
     unprogrammedTunnelIs(tunnel, true);
     maybeScheduleUnprogrammedReview(false);
     return;
   }
-  OBA_TRACE5_VALUE(th, "tunnel programmed with hw tunnel id ", id.value(),
-                   "tunnel programmed with hw tunnel id " << id);
+  OBA_TRACE5_VALUE(th, "tunnel programmed with hw tunnel id ", id.value(), id);
   tunnelIdToHwTunnelIdMapping()->tunnelIdToHwTunnelIdIs(TunnelIdToHwTunnelId(tunnel, id));
   unprogrammedTunnelDel(tunnel);
 }
 
 void EvpnHwTunnelIdSm::unProgramHwTunnelId(Quil::IntfId intf, Bridging::VlanId vlan) {
-  OBA_TRACE8(th, "unProgramHwTunnelId IntfId " << intf << " vlanId " << vlan);
+  OBA_TRACE8(th, "unProgramHwTunnelId", " IntfId " << intf << " vlanId " << vlan);
   IntfVlanKey key(intf, vlan);
   auto tunnel = intfVlanTunnel(key);
   if (!tunnel) return;  // the pair never got a tunnel
@@ -132,21 +131,21 @@ void EvpnHwTunnelIdSm::unProgramHwTunnelId(Quil::IntfId intf, Bridging::VlanId v
   KIV_ASSERT(tivs);
   tivs->intfVlanDel(key);
   if (tivs->intfVlans()) {
-    OBA_TRACE5(th, "Cannot unprogram the tunnel", "Cannot unprogram the tunnel");
+    OBA_TRACE5(th, "Cannot unprogram the tunnel");
     return;
   }
   // The emptied user set stays: the tunnel is likely to get users again.
   unprogrammedTunnelDel(*tunnel);
   auto row = tunnelIdToHwTunnelIdMapping()->tunnelIdToHwTunnelId(*tunnel);
   if (!row.found) {
-    OBA_TRACE5(th, "not programmed", "not programmed");
+    OBA_TRACE5(th, "not programmed");
     return;
   }
   // Readers must stop using the id before the chip may hand it out again.
   tunnelIdToHwTunnelIdMapping()->tunnelIdToHwTunnelIdDel(*tunnel);
   hwTunnelIdHelper()->releaseHwTunnelId(row.row.hwTunnelId());
   OBA_TRACE5_VALUE(th, "releasing hw tunnel id ", row.row.hwTunnelId().value(),
-                   "releasing hw tunnel id " << row.row.hwTunnelId());
+                   row.row.hwTunnelId());
   if (unprogrammedTunnels()) maybeScheduleUnprogrammedReview(true);
 }
 

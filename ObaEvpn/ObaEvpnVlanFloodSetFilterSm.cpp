@@ -10,14 +10,6 @@ namespace Oba {
 
 static Kiv::TraceHandle th("ObaEvpnVlanFloodSetFilterSm");
 
-// Every line of this machine, entry lines included, also goes to the Quiktrace ring.
-#define FILTER_TRACE8(text, expr) \
-  do {                            \
-    KIV_QTRACE(th, text);         \
-    OBA_TRACE8(th, expr);         \
-  } while (0)
-#define FILTER_TRACE5(text, expr) OBA_TRACE5(th, text, expr)
-
 Kiv::Ptr<VlanFloodSetFilterSm> VlanFloodSetFilterSm::VlanFloodSetFilterSmIs(
     L2Rib::DestType destType, Kiv::Ptr<const L2Rib::FloodSetOutput> inFloodSetOutput,
     Kiv::Ptr<L2Rib::FloodSetOutput> outFloodSetOutput) {
@@ -62,7 +54,7 @@ void VlanFloodSetFilterSm::KivVlanFloodSet::onFloodSet(const Quil::EthAddr& mac)
 // ---- handlers --------------------------------------------------------------------------------
 
 void VlanFloodSetFilterSm::handleInitialized() {
-  FILTER_TRACE8("handleInitialized", "handleInitialized " << destType_);
+  OBA_TRACE8(th, "handleInitialized ", destType_);
   initializedIs(true);
   outFloodSetOutput_->sourceIs(inFloodSetOutput()->source());
   for (auto [vlan, vlanFloodSet] : inFloodSetOutput()->vlanFloodSetWalk()) {
@@ -71,29 +63,27 @@ void VlanFloodSetFilterSm::handleInitialized() {
 }
 
 void VlanFloodSetFilterSm::handleSource() {
-  FILTER_TRACE8("handleSource", "handleSource source: " << inFloodSetOutput()->source());
+  OBA_TRACE8(th, "handleSource source: ", inFloodSetOutput()->source());
   KIV_ASSERT(initialized());
   outFloodSetOutput_->sourceIs(inFloodSetOutput()->source());
 }
 
 void VlanFloodSetFilterSm::KivVlanFloodSet::handleVlanFloodSet() {
-  FILTER_TRACE8("handleVlanFloodSet", "handleVlanFloodSet vlan: " << fwkKey());
+  OBA_TRACE8(th, "handleVlanFloodSet vlan: ", fwkKey());
   if (!owner()->initialized()) return;
   owner()->processVlanFloodSet(fwkKey());
 }
 
 void VlanFloodSetFilterSm::KivFloodSet::handleFloodSet() {
-  FILTER_TRACE8("handleFloodSet",
-                " handleFloodSet vlan: " << owner()->fwkKey() << " mac: " << fwkKey());
+  OBA_TRACE8(th, " handleFloodSet vlan: ", owner()->fwkKey() << " mac: " << fwkKey());
   VlanFloodSetFilterSm* sm = owner()->owner();
   if (!sm->initialized()) return;
   sm->processFloodSet(owner()->fwkKey(), fwkKey());
 }
 
 void VlanFloodSetFilterSm::KivFloodSet::handleDestSet(const L2Rib::Dest& dest) {
-  FILTER_TRACE8("handleDestSet", "  handleDestSet vlan: " << owner()->fwkKey()
-                                                          << " mac: " << fwkKey()
-                                                          << " dest: " << dest.destId());
+  OBA_TRACE8(th, "  handleDestSet vlan: ",
+             owner()->fwkKey() << " mac: " << fwkKey() << " dest: " << dest.destId());
   VlanFloodSetFilterSm* sm = owner()->owner();
   if (sm->initialized()) sm->processDest(owner()->fwkKey(), fwkKey(), dest);
 }
@@ -102,19 +92,19 @@ void VlanFloodSetFilterSm::KivFloodSet::handleDestSet(const L2Rib::Dest& dest) {
 
 void VlanFloodSetFilterSm::processVlanFloodSet(Bridging::VlanId vlan) {
   KIV_ASSERT(initialized());
-  FILTER_TRACE8("processVlanFloodSet", " processVlanFloodSet vlan: " << vlan);
+  OBA_TRACE8(th, " processVlanFloodSet vlan: ", vlan);
   if (auto in = inFloodSetOutput()->vlanFloodSet(vlan)) {
     // Output MACs the input no longer has are left to their own reactors.
     for (auto [mac, floodSet] : in->floodSetWalk()) processFloodSet(vlan, mac);
     return;
   }
-  FILTER_TRACE5("deleting vlanFloodSet", "  deleting vlanFloodSet with vlan: " << vlan);
+  OBA_TRACE5(th, "  deleting vlanFloodSet with vlan: ", vlan);
   outFloodSetOutput_->vlanFloodSetDel(vlan);
 }
 
 void VlanFloodSetFilterSm::processFloodSet(Bridging::VlanId vlan, const Quil::EthAddr& mac) {
   KIV_ASSERT(initialized());
-  FILTER_TRACE8("processFloodSet", "  processFloodSet vlan: " << vlan << " mac: " << mac);
+  OBA_TRACE8(th, "  processFloodSet vlan: ", vlan << " mac: " << mac);
   auto inVlan = inFloodSetOutput()->vlanFloodSet(vlan);
   if (!inVlan) {
     outFloodSetOutput_->vlanFloodSetDel(vlan);
@@ -128,13 +118,12 @@ void VlanFloodSetFilterSm::processFloodSet(Bridging::VlanId vlan, const Quil::Et
     return;
   }
   // The MAC is gone from the input: its output flood set goes whole.
-  FILTER_TRACE5("deleting floodSet",
-                "   deleting floodSet with vlan " << vlan << " and mac " << mac);
+  OBA_TRACE5(th, "   deleting floodSet with vlan ", vlan << " and mac " << mac);
   auto out = outFloodSetOutput_->vlanFloodSet(vlan);
   if (!out) return;
   out->floodSetDel(mac);
   if (!out->floodSets()) {
-    FILTER_TRACE5("deleting vlanFloodSet", "   deleting vlanFloodSet with vlan " << vlan);
+    OBA_TRACE5(th, "   deleting vlanFloodSet with vlan ", vlan);
     outFloodSetOutput_->vlanFloodSetDel(vlan);
   }
 }
@@ -142,8 +131,7 @@ void VlanFloodSetFilterSm::processFloodSet(Bridging::VlanId vlan, const Quil::Et
 void VlanFloodSetFilterSm::processDest(Bridging::VlanId vlan, const Quil::EthAddr& mac,
                                        const L2Rib::Dest& dest) {
   KIV_ASSERT(initialized());
-  FILTER_TRACE8("processDest",
-                "   processDest vlan: " << vlan << " mac: " << mac << " dest: " << dest.destId());
+  OBA_TRACE8(th, "   processDest vlan: ", vlan << " mac: " << mac << " dest: " << dest.destId());
   if (dest.destType() != destType_) return;
   if (isDestPresent(vlan, mac, dest)) {
     addDest(vlan, mac, dest);
@@ -161,38 +149,35 @@ bool VlanFloodSetFilterSm::isDestPresent(Bridging::VlanId vlan, const Quil::EthA
 
 void VlanFloodSetFilterSm::addDest(Bridging::VlanId vlan, const Quil::EthAddr& mac,
                                    const L2Rib::Dest& dest) {
-  FILTER_TRACE8("addDest",
-                "    addDest vlan: " << vlan << " mac: " << mac << " dest: " << dest.destId());
+  OBA_TRACE8(th, "    addDest vlan: ", vlan << " mac: " << mac << " dest: " << dest.destId());
   auto out = outFloodSetOutput_->vlanFloodSetIs(vlan)->floodSetIs(mac);
   // Both callers have just found the destination in this input flood set.
   auto in = inFloodSet(vlan, mac);
   // The type follows the input at every add, not only when the output flood set is made.
   out->floodSetTypeIs(in->floodSetType());
   bool value = in->destSet(dest).value_or(false);
-  FILTER_TRACE5("adding dest", "     adding dest " << dest.destId());
+  OBA_TRACE5(th, "     adding dest ", dest.destId());
   out->destSetIs(dest, value);
 }
 
 void VlanFloodSetFilterSm::deleteDest(Bridging::VlanId vlan, const Quil::EthAddr& mac,
                                       const L2Rib::Dest& dest) {
-  FILTER_TRACE8("deleteDest",
-                "    deleteDest vlan: " << vlan << " mac: " << mac << " dest: " << dest.destId());
+  OBA_TRACE8(th, "    deleteDest vlan: ", vlan << " mac: " << mac << " dest: " << dest.destId());
   auto outVlan = outFloodSetOutput_->vlanFloodSet(vlan);
   if (!outVlan) return;
   if (auto out = outVlan->floodSet(mac)) {
     // The stored value decides here, not presence: an entry held as false stays.
     if (out->destSet(dest).value_or(false)) {
-      FILTER_TRACE5("deleting dest", "     deleting dest " << dest.destId());
+      OBA_TRACE5(th, "     deleting dest ", dest.destId());
       out->destSetDel(dest);
     }
     if (!out->destSets()) {
-      FILTER_TRACE5("deleting floodSet",
-                    "     deleting floodSet with vlan " << vlan << " and mac " << mac);
+      OBA_TRACE5(th, "     deleting floodSet with vlan ", vlan << " and mac " << mac);
       outVlan->floodSetDel(mac);
     }
   }
   if (!outVlan->floodSets()) {
-    FILTER_TRACE5("deleting vlanFloodSet", "     deleting vlanFloodSet with vlan " << vlan);
+    OBA_TRACE5(th, "     deleting vlanFloodSet with vlan ", vlan);
     outFloodSetOutput_->vlanFloodSetDel(vlan);
   }
 }

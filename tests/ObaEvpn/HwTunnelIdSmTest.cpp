@@ -101,6 +101,7 @@ class HwTunnelIdSmTest : public ::testing::Test {
 };
 
 TEST_F(HwTunnelIdSmTest, VlansSharingAnEndpointShareOneHardwareId) {
+  Kiv::Quiktrace::instance().clear();
   start();
   auto seg = segment(10);
   seg->designatedForwarderTepIs(VlanId(10), tep(1));
@@ -116,6 +117,14 @@ TEST_F(HwTunnelIdSmTest, VlansSharingAnEndpointShareOneHardwareId) {
   EXPECT_FALSE(hwIdOf(1));
   EXPECT_EQ(stub->calls, (std::vector<std::string>{"get 1", "release 1"}));
   EXPECT_TRUE(traced("releasing hw tunnel id 1"));
+  // The always-on ring kept the events, with the id as a value of its own.
+  bool ringHasRelease = false;
+  for (const auto& r : Kiv::Quiktrace::instance().records()) {
+    ringHasRelease |= std::string(r.source) == "ObaEvpnHwTunnelIdSm" &&
+                      std::string(r.text) == "releasing hw tunnel id " && r.hasValue &&
+                      r.value == 1;
+  }
+  EXPECT_TRUE(ringHasRelease);
   // Nothing of the interface is left; the tunnel's empty user set is kept for reuse.
   EXPECT_EQ(sm->intfVlanSets(), 0u);
   EXPECT_EQ(sm->intfVlanTunnels(), 0u);
