@@ -1,6 +1,7 @@
 #include "sim/HostAgent.h"
 
 #include <algorithm>
+#include <set>
 #include <sstream>
 
 namespace Sim {
@@ -59,6 +60,23 @@ void HostAgent::startFloodingEsiSm() {
       Oba::evpnFloodingEsiSmFactory(chip->floodingHelper(), scheduler, acsd, evpnStatus, mapping);
 }
 
+// A new incarnation of the flooding machine rewrites the ESI data its inputs call for, over what
+// the chip still holds from the old one; what it does not hold as programmed after its first walk
+// would stay in the chip for good, since it only ever deletes what it programmed itself: entries of
+// a tunnel that has no hardware id now (the old one was given back), of a pair whose remote label
+// turned to another encapsulation, of ports the chip refused this time. The agent deletes them.
+void HostAgent::reconcileEsiData() {
+  std::set<SoftwareChip::PortVlan> held;
+  for (auto [key, status] : floodingEsiSm->esiStatusWalk()) {
+    for (auto [port, member] : status->programmedWalk()) held.emplace(port, key.vlanId());
+  }
+  std::vector<SoftwareChip::PortVlan> left;
+  for (const auto& [key, entry] : chip->esiData()) {
+    if (!held.contains(key)) left.push_back(key);
+  }
+  for (const auto& [port, vlan] : left) chip->floodingHelper()->deleteEsiData(port, vlan);
+}
+
 void HostAgent::start() {
   // The writer of the mapping first, so the flooding machine starts over published ids.
   startHwTunnelIdSm();
@@ -70,6 +88,7 @@ void HostAgent::restart(const std::string& machine) {
   if (machine == "floodingEsi") {
     floodingEsiSm = nullptr;
     startFloodingEsiSm();
+    reconcileEsiData();
     return;
   }
   if (machine == "agent") {
@@ -91,6 +110,7 @@ void HostAgent::restart(const std::string& machine) {
       chip->hwTunnelIdHelper()->releaseHwTunnelId(row.hwTunnelId());
     }
     start();
+    reconcileEsiData();
   }
 }
 

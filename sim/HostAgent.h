@@ -3,7 +3,8 @@
 // It owns the inputs (EVPN status, the agent's common data), the output table the hardware
 // tunnel-id machine writes and the flooding machine reads, the software chip, one scheduler on a
 // virtual clock, and the state machines, wired as on a switch. It can restart one machine (destroy
-// it and build it again over the same inputs) or the whole agent.
+// it and build it again over the same inputs) or the whole agent; after a restart of the flooding
+// machine it deletes the ESI data that the new incarnation does not hold as programmed.
 
 #include <string>
 #include <vector>
@@ -57,6 +58,7 @@ class HostAgent {
   class MappingLog;
   void startHwTunnelIdSm();
   void startFloodingEsiSm();
+  void reconcileEsiData();
   void note(std::string_view source, std::string_view text) { log_->add(now(), source, text); }
 
   SimLog* log_;

@@ -129,7 +129,8 @@ SoftwareChip::SoftwareChip(Kiv::Ptr<Kiv::Clock> clock)
     : clock_(std::move(clock)),
       hwTunnelIdHelper_(new HwTunnelIdAdaptor(this)),
       floodingHelper_(new FloodingAdaptor(this)),
-      decapHelper_(new DecapAdaptor(this)) {
+      decapHelper_(new DecapAdaptor(this)),
+      dropDelete_(canaryDropDelete_) {
   KIV_ASSERT(clock_);
 }
 
@@ -165,6 +166,17 @@ void SoftwareChip::refusalIs(const Refusal& r) {
     return;
   }
   throw Kiv::RangeException("cannot refuse '" + r.op + "': no such chip operation");
+}
+
+void SoftwareChip::faultRateIs(double p, std::uint64_t seed) {
+  faultRate_ = p < 0 ? 0 : (p > 1 ? 1 : p);
+  // 2^64 * p, saturating: p = 1 refuses every draw but the largest value, which is close enough
+  // for a fault rate and keeps the compare a single one.
+  const long double scaled = static_cast<long double>(faultRate_) * 18446744073709551616.0L;
+  faultThreshold_ =
+      scaled >= 18446744073709551615.0L ? ~std::uint64_t{0} : static_cast<std::uint64_t>(scaled);
+  faultRng_.seed(seed);
+  tracking_ = true;
 }
 
 std::optional<SoftwareChip::Answer> SoftwareChip::refused(Op op, std::optional<Quil::IntfId> port,
@@ -235,9 +247,20 @@ Oba::HwProgrammingStatus SoftwareChip::createEsiData(Quil::IntfId port, Bridging
     violation(text("createEsiData ", port, " vlan ", vlan, " uses hw tunnel id ", hw,
                    ", which is not handed out"));
   }
+  ++createSerial_;
   auto rc = Oba::HwProgrammingStatus::programmed;
   std::optional<Answer> refusal;
   if (!rules_.empty()) refusal = refused(Op::createEsiData, port, vlan);
+  std::uint64_t previous = 0;
+  if (tracking_) {
+    auto [it, fresh] = lastCreate_.try_emplace(PortVlan{port, vlan}, createSerial_);
+    if (!fresh) previous = std::exchange(it->second, createSerial_);
+    if (!refusal && faultThreshold_ && faultRng_() < faultThreshold_) {
+      refusal = Answer{Oba::HwProgrammingStatus::notProgrammed,
+                       Mpls::LfibHwProgrammingReturnCode::lfibHwProgrammingSuccess};
+      faults_.push_back(Fault{createSerial_, previous, port, vlan});
+    }
+  }
   if (refusal) {
     rc = refusal->rc;
   } else {
@@ -252,7 +275,9 @@ Oba::HwProgrammingStatus SoftwareChip::createEsiData(Quil::IntfId port, Bridging
 
 void SoftwareChip::deleteEsiData(Quil::IntfId port, Bridging::VlanId vlan) {
   ++callCount_;
-  if (!esiData_.erase(PortVlan{port, vlan})) {
+  if (++deleteSerial_ == dropDelete_) {
+    // The canary: acknowledged, and lost.
+  } else if (!esiData_.erase(PortVlan{port, vlan})) {
     violation(text("deleteEsiData ", port, " vlan ", vlan, ": nothing to delete"));
   }
   if (listening()) tell("deleteEsiData", text("deleteEsiData ", port, " vlan ", vlan));

@@ -19,6 +19,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <random>
 #include <set>
 #include <string>
 #include <utility>
@@ -80,6 +81,29 @@ class SoftwareChip : public Kiv::PtrInterface {
   void refusalIs(const Refusal& r);
   void refusalDelAll() { rules_.clear(); }
   std::size_t refusals() const { return rules_.size(); }
+
+  // Injected faults, for the fuzzer: a createEsiData that no rule refuses is refused with
+  // notProgrammed with probability p, drawn from a std::mt19937_64 seeded with `seed`, so that a
+  // run replays exactly. Each injected fault is logged with the create it answered and the
+  // previous create of the same (port, VLAN): what a replay needs to state the same fault as a
+  // refusal rule for the next call on that port and VLAN.
+  void faultRateIs(double p, std::uint64_t seed);
+  double faultRate() const { return faultRate_; }
+  struct Fault {
+    std::uint64_t create;          // createEsiDataSerial() of the refused call
+    std::uint64_t previousCreate;  // that of the previous create of the same port and VLAN, or 0
+    Quil::IntfId port;
+    Bridging::VlanId vlan;
+  };
+  const std::vector<Fault>& faults() const { return faults_; }
+  // createEsiData calls since the chip was made, refused or not; a reset does not restart it.
+  std::uint64_t createEsiDataSerial() const { return createSerial_; }
+
+  // Test-only canary: every chip made while this is n > 0 acknowledges its n-th deleteEsiData
+  // (counted from its making) and leaves the entry in place, as a chip layer with a lost delete
+  // would. A convergence check that misses this misses real faults.
+  static void canaryDropDeleteEsiDataIs(std::uint64_t n) { canaryDropDelete_ = n; }
+  static std::uint64_t canaryDropDeleteEsiData() { return canaryDropDelete_; }
 
   // Operations, as the helpers call them. Each one is counted and told to the listener.
 
@@ -147,7 +171,8 @@ class SoftwareChip : public Kiv::PtrInterface {
   std::uint64_t callCount() const { return callCount_; }
 
   // A chip reset: forgets tables, pool usage, the ledger and the call count; keeps the pool size,
-  // the refusal rules (with what is left of their counts) and the listener.
+  // the refusal rules (with what is left of their counts), the fault rate and its log, and the
+  // listener.
   void reset();
 
  private:
@@ -203,6 +228,20 @@ class SoftwareChip : public Kiv::PtrInterface {
   std::vector<Violation> violations_;
   std::function<void(const Call&)> listener_;
   std::uint64_t callCount_ = 0;
+
+  // Injected faults. The threshold is p scaled to the generator's range, so a draw is one
+  // compare and the outcome does not depend on a library's distribution.
+  double faultRate_ = 0;
+  std::uint64_t faultThreshold_ = 0;
+  std::mt19937_64 faultRng_;
+  bool tracking_ = false;  // set once a fault rate was given: creates are then remembered per key
+  std::map<PortVlan, std::uint64_t> lastCreate_;
+  std::vector<Fault> faults_;
+  std::uint64_t createSerial_ = 0;
+
+  static inline std::uint64_t canaryDropDelete_ = 0;
+  const std::uint64_t dropDelete_;
+  std::uint64_t deleteSerial_ = 0;
 };
 
 }  // namespace Sim

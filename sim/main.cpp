@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Kiv/Trace.h"
+#include "sim/Fuzz.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
 #include "sim/SimLog.h"
@@ -13,6 +14,7 @@
 namespace {
 
 const char* const usage = R"(usage: oba-evpn-sim [options] [FILE...]
+       oba-evpn-sim fuzz [options]     randomized convergence (oba-evpn-sim fuzz --help)
 
 Replays scenario files (YAML, see docs/scenario-format.md) through the EVPN state machines, a
 host agent and a software chip, in virtual time, and logs every chip call and output-table write.
@@ -36,6 +38,7 @@ expected are printed; nothing of the scenario is run)
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 1 && std::strcmp(argv[1], "fuzz") == 0) return Sim::fuzzMain(argc, argv);
   Sim::RunOptions options;
   bool json = false, quiet = false;
   std::string trace;

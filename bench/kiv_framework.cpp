@@ -1,0 +1,321 @@
+// The Kiv framework's cost beside a floor: the same work done with a plain std::unordered_map and
+// direct calls, as a hand-written machine without the framework would do it.
+//
+// Four workloads, each over N keys (a shuffled, seeded key set, the same for both sides):
+//   Mutate     insert N keys, overwrite each with a new value, erase each (3N changes) in a watched
+//              collection with 0, 1 or 3 notifiees; the floor calls 0, 1 or 3 handlers directly.
+//   WalkErase  fill N keys, then walk the collection erasing the element at hand (xWalk + xDel);
+//              the floor fills the map and runs `it = m.erase(it)`. The fill is timed on both
+//              sides.
+//   Walk       walk N elements erasing nothing; the floor iterates the map.
+//   Lookup     look every key up (x(k)); the floor calls find().
+// Keys are int or a small struct with its own hash (the hash is the same on both sides); a second
+// struct, hashed the way the model's composite keys are, is looked up too.
+//
+//   build/default/bench/kiv_framework --benchmark_min_time=0.2
+//
+// Results and their reading are in docs/performance.md.
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <type_traits>
+#include <unordered_map>
+#include <vector>
+
+#include "Kiv/Entity.h"
+#include "Kiv/Ptr.h"
+#include "Kiv/Types.h"
+
+namespace {
+
+// A small composite key, shaped like the (interface, VLAN) keys the machines use. It hashes its
+// packed value with the one-at-a-time hash, so every key of the run has a hash of its own.
+struct PortVlan {
+  std::uint32_t port;
+  std::uint32_t vlan;
+  bool operator==(const PortVlan&) const = default;
+  std::uint32_t hash() const { return Kiv::oneAtATimeHash(std::uint64_t{port} << 32 | vlan); }
+};
+
+// The same key hashed the way the model's composite keys combine fields (HashMixer, one add per
+// field). Over small port and VLAN numbers that combine collides heavily (the 65536 keys of the
+// large run share about 5000 hashes); it is here to show what that costs either side.
+struct MixedPortVlan {
+  std::uint32_t port;
+  std::uint32_t vlan;
+  bool operator==(const MixedPortVlan&) const = default;
+  std::uint32_t hash() const { return Kiv::HashMixer().add(port).add(vlan).result(); }
+};
+
+// What a notifiee adds to its counter for a key: depends on the key, so the work cannot be folded.
+inline long weight(int k) { return k; }
+template <class K>
+long weight(const K& k) {
+  return k.vlan;
+}
+
+// N distinct keys in a fixed shuffled order; `salt` gives another order of the same keys.
+template <class K>
+std::vector<K> makeKeys(std::size_t n, unsigned salt = 0) {
+  std::vector<K> keys;
+  keys.reserve(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    if constexpr (std::is_same_v<K, int>) {
+      keys.push_back(static_cast<int>(i * 7 + 3));  // spread out, still distinct
+    } else {
+      keys.push_back(
+          K{static_cast<std::uint32_t>(i / 4094 + 1), static_cast<std::uint32_t>(i % 4094 + 1)});
+    }
+  }
+  std::mt19937 rng(12345u + salt);
+  std::shuffle(keys.begin(), keys.end(), rng);
+  return keys;
+}
+
+template <class K>
+using FloorMap = std::unordered_map<K, int, Kiv::DefaultHash<K>>;
+
+// ---- the framework side ---------------------------------------------------------------------
+
+template <class K>
+class Table : public Kiv::Entity<Table<K>> {
+ public:
+  class NotifieeConst : public Kiv::NotifieeConstBase<Table<K>> {
+   public:
+    KIV_NOTIFIEE_COLLECTION(entry, Entry, K)
+  };
+  KIV_WATCHED_COLLECTION(entry, Entry, K, int)
+};
+
+template <class K>
+class Counter : public Table<K>::NotifieeConst {
+ public:
+  void onEntry(const K& k) override { sum += weight(k); }
+  long sum = 0;
+};
+
+// A machine's internal state: a plain collection, notifying nobody.
+template <class K>
+class State : public Kiv::PtrInterface {
+ public:
+  KIV_COLLECTION(entry, K, int)
+};
+
+// ---- the floor side -------------------------------------------------------------------------
+
+template <class K>
+struct DirectHandler {
+  void onEntry(const K& k) { sum += weight(k); }
+  long sum = 0;
+};
+
+// The same semantics as a watched collection: handlers hear inserts, real changes and removals.
+template <class K>
+struct FloorTable {
+  FloorMap<K> map;
+  std::array<DirectHandler<K>, 3> handlers;
+  int handlerCount = 0;
+
+  void changed(const K& k) {
+    for (int i = 0; i < handlerCount; ++i) handlers[i].onEntry(k);
+  }
+  void put(const K& k, int v) {
+    auto [it, inserted] = map.try_emplace(k, v);
+    if (!inserted) {
+      if (it->second == v) return;
+      it->second = v;
+    }
+    changed(k);
+  }
+  void del(const K& k) {
+    if (map.erase(k)) changed(k);
+  }
+};
+
+// What each handler's counter holds after `iterations` rounds of insert, overwrite and erase.
+template <class K>
+long expectedSum(const std::vector<K>& keys, benchmark::IterationCount iterations) {
+  long perRound = 0;
+  for (const K& k : keys) perRound += 3 * weight(k);
+  return perRound * static_cast<long>(iterations);
+}
+
+// ---- Mutate ---------------------------------------------------------------------------------
+
+template <class K>
+void BM_KivMutate(benchmark::State& state) {
+  const auto n = static_cast<std::size_t>(state.range(0));
+  const auto keys = makeKeys<K>(n);
+  const auto eraseOrder = makeKeys<K>(n, 1);
+  Kiv::Ptr<Table<K>> table = new Table<K>;
+  std::vector<std::unique_ptr<Counter<K>>> counters;
+  for (int i = 0; i < state.range(1); ++i) {
+    counters.push_back(std::make_unique<Counter<K>>());
+    counters.back()->notifierIs(table);
+  }
+  for (auto _ : state) {
+    for (const K& k : keys) table->entryIs(k, 1);
+    for (const K& k : keys) table->entryIs(k, 2);
+    for (const K& k : eraseOrder) table->entryDel(k);
+    for (auto& c : counters) benchmark::DoNotOptimize(c->sum);
+    benchmark::DoNotOptimize(table->entrys());
+  }
+  for (auto& c : counters) {
+    if (c->sum != expectedSum(keys, state.iterations())) state.SkipWithError("a change was missed");
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * 3 * n));
+}
+
+template <class K>
+void BM_FloorMutate(benchmark::State& state) {
+  const auto n = static_cast<std::size_t>(state.range(0));
+  const auto keys = makeKeys<K>(n);
+  const auto eraseOrder = makeKeys<K>(n, 1);
+  FloorTable<K> table;
+  table.handlerCount = static_cast<int>(state.range(1));
+  for (auto _ : state) {
+    for (const K& k : keys) table.put(k, 1);
+    for (const K& k : keys) table.put(k, 2);
+    for (const K& k : eraseOrder) table.del(k);
+    for (auto& h : table.handlers) benchmark::DoNotOptimize(h.sum);
+    benchmark::DoNotOptimize(table.map.size());
+  }
+  for (int i = 0; i < table.handlerCount; ++i) {
+    if (table.handlers[i].sum != expectedSum(keys, state.iterations())) {
+      state.SkipWithError("a change was missed");
+    }
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * 3 * n));
+}
+
+// ---- WalkErase: erase the element at hand while walking --------------------------------------
+
+template <class K>
+void BM_KivWalkErase(benchmark::State& state) {
+  const auto n = static_cast<std::size_t>(state.range(0));
+  const auto keys = makeKeys<K>(n);
+  Kiv::Ptr<State<K>> sm = new State<K>;  // held by a Ptr, as machines are
+  long sum = 0;
+  for (auto _ : state) {
+    for (const K& k : keys) sm->entryIs(k, 1);
+    for (auto [k, v] : sm->entryWalk()) {
+      sum += v;
+      sm->entryDel(k);
+    }
+    benchmark::DoNotOptimize(sum);
+    benchmark::DoNotOptimize(sm->entrys());
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * n));
+}
+
+template <class K>
+void BM_FloorWalkErase(benchmark::State& state) {
+  const auto n = static_cast<std::size_t>(state.range(0));
+  const auto keys = makeKeys<K>(n);
+  FloorMap<K> m;
+  long sum = 0;
+  for (auto _ : state) {
+    for (const K& k : keys) m.try_emplace(k, 1);
+    for (auto it = m.begin(); it != m.end();) {
+      sum += it->second;
+      it = m.erase(it);
+    }
+    benchmark::DoNotOptimize(sum);
+    benchmark::DoNotOptimize(m.size());
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * n));
+}
+
+// ---- Walk: nothing erased -------------------------------------------------------------------
+
+template <class K>
+void BM_KivWalk(benchmark::State& state) {
+  const auto n = static_cast<std::size_t>(state.range(0));
+  Kiv::Ptr<State<K>> sm = new State<K>;
+  for (const K& k : makeKeys<K>(n)) sm->entryIs(k, 1);
+  long sum = 0;
+  for (auto _ : state) {
+    for (auto [k, v] : sm->entryWalk()) sum += weight(k) + v;
+    benchmark::DoNotOptimize(sum);
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * n));
+}
+
+template <class K>
+void BM_FloorWalk(benchmark::State& state) {
+  const auto n = static_cast<std::size_t>(state.range(0));
+  FloorMap<K> m;
+  for (const K& k : makeKeys<K>(n)) m.try_emplace(k, 1);
+  long sum = 0;
+  for (auto _ : state) {
+    for (const auto& [k, v] : m) sum += weight(k) + v;
+    benchmark::DoNotOptimize(sum);
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * n));
+}
+
+// ---- Lookup ---------------------------------------------------------------------------------
+
+template <class K>
+void BM_KivLookup(benchmark::State& state) {
+  const auto n = static_cast<std::size_t>(state.range(0));
+  Kiv::Ptr<State<K>> sm = new State<K>;
+  for (const K& k : makeKeys<K>(n)) sm->entryIs(k, 1);
+  const auto probes = makeKeys<K>(n, 2);
+  long sum = 0;
+  for (auto _ : state) {
+    for (const K& k : probes) {
+      auto v = sm->entry(k);
+      if (v) sum += *v;
+    }
+    benchmark::DoNotOptimize(sum);
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * n));
+}
+
+template <class K>
+void BM_FloorLookup(benchmark::State& state) {
+  const auto n = static_cast<std::size_t>(state.range(0));
+  FloorMap<K> m;
+  for (const K& k : makeKeys<K>(n)) m.try_emplace(k, 1);
+  const auto probes = makeKeys<K>(n, 2);
+  long sum = 0;
+  for (auto _ : state) {
+    for (const K& k : probes) {
+      auto it = m.find(k);
+      if (it != m.end()) sum += it->second;
+    }
+    benchmark::DoNotOptimize(sum);
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * n));
+}
+
+void mutateArgs(benchmark::internal::Benchmark* b) {
+  b->ArgNames({"n", "notifiees"})->ArgsProduct({{1 << 10, 1 << 16}, {0, 1, 3}});
+}
+void sizeArgs(benchmark::internal::Benchmark* b) { b->ArgNames({"n"})->Arg(1 << 10)->Arg(1 << 16); }
+
+// Each framework case sits right above its floor in the output.
+BENCHMARK_TEMPLATE(BM_KivMutate, int)->Apply(mutateArgs);
+BENCHMARK_TEMPLATE(BM_FloorMutate, int)->Apply(mutateArgs);
+BENCHMARK_TEMPLATE(BM_KivMutate, PortVlan)->Apply(mutateArgs);
+BENCHMARK_TEMPLATE(BM_FloorMutate, PortVlan)->Apply(mutateArgs);
+BENCHMARK_TEMPLATE(BM_KivWalkErase, int)->Apply(sizeArgs);
+BENCHMARK_TEMPLATE(BM_FloorWalkErase, int)->Apply(sizeArgs);
+BENCHMARK_TEMPLATE(BM_KivWalk, int)->Apply(sizeArgs);
+BENCHMARK_TEMPLATE(BM_FloorWalk, int)->Apply(sizeArgs);
+BENCHMARK_TEMPLATE(BM_KivLookup, int)->Apply(sizeArgs);
+BENCHMARK_TEMPLATE(BM_FloorLookup, int)->Apply(sizeArgs);
+BENCHMARK_TEMPLATE(BM_KivLookup, PortVlan)->Apply(sizeArgs);
+BENCHMARK_TEMPLATE(BM_FloorLookup, PortVlan)->Apply(sizeArgs);
+BENCHMARK_TEMPLATE(BM_KivLookup, MixedPortVlan)->Apply(sizeArgs);
+BENCHMARK_TEMPLATE(BM_FloorLookup, MixedPortVlan)->Apply(sizeArgs);
+
+}  // namespace
+
+BENCHMARK_MAIN();

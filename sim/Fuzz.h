@@ -1,0 +1,74 @@
+#pragma once
+// `oba-evpn-sim fuzz`: randomized convergence. Each seed builds a random world (segments, LAG and
+// not, their remote endpoints, a few VLANs, LAG member ports) and throws a storm of random steps
+// at the host agent: designated forwarders, ESI labels and LAG members come and go, time passes,
+// the chip refuses creates at a seeded fault rate, its hardware tunnel-id pool shrinks and grows,
+// machines restart. After every step the review tasks drain and the checks of sim/FuzzCheck.h
+// must hold. A seed replays exactly from its number.
+//
+//   Sim::FuzzOptions o;
+//   o.seeds = 200; o.steps = 1000; o.faultRate = 0.1; o.restarts = true;
+//   Sim::FuzzResult r = Sim::fuzz(o, &std::cout, nullptr);
+//   if (r.failure) ... r.failure->scenarioPath replays it with `oba-evpn-sim --check`
+//
+// A failing seed stops the run. Its history is turned into a scenario file (the chip's injected
+// faults become refusal rules), shrunk to fewer actions while the same check still fails, given
+// the expectations the checks computed, and checked once more through the scenario runner.
+// docs/convergence.md describes the checks and how to run long campaigns.
+
+#include <cstdint>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "sim/FuzzCheck.h"
+
+namespace Sim {
+
+struct FuzzOptions {
+  std::uint64_t firstSeed = 1;
+  std::uint64_t seeds = 100;           // seeds firstSeed .. firstSeed + seeds - 1
+  std::uint32_t steps = 1000;          // per seed
+  double faultRate = 0.1;              // probability that the chip refuses a createEsiData
+  std::uint32_t pool = 4;              // hardware tunnel ids at the start of each seed
+  bool restarts = false;               // steps may restart a machine or the whole agent
+  bool shrink = true;                  // shrink a failing run before writing it
+  std::uint64_t shrinkReplays = 4000;  // the shrinker's budget: replays of candidate runs
+  std::string outDir = ".";            // where a failing run's scenario file goes
+  std::uint64_t batch = 100;           // seeds per summary line
+};
+
+struct FuzzFailure {
+  std::uint64_t seed = 0;
+  std::uint32_t step = 0;  // 0: right after the agent started
+  double time = 0;
+  CheckFailure failure;
+  std::string scenarioPath;       // empty when it could not be written
+  std::size_t actions = 0;        // actions in the run as it failed
+  std::size_t shrunkActions = 0;  // and in the written scenario
+  bool replayable = true;         // every injected fault could be stated as a rule
+  bool checkFails = false;        // the scenario runner's --check fails the written file
+};
+
+struct FuzzResult {
+  std::uint64_t seedsRun = 0;
+  std::uint64_t stepsChecked = 0;
+  std::uint64_t faultsInjected = 0;
+  std::uint64_t esiCreates = 0;      // createEsiData calls the chip answered
+  std::uint64_t entriesChecked = 0;  // chip ESI entries compared, summed over the checks
+  std::uint64_t drainsCut = 0;       // steps whose reviews were still busy after the bound
+  Allowances allowances;
+  double seconds = 0;
+  std::optional<FuzzFailure> failure;
+};
+
+// Runs the seeds; summary lines go to `summary`, a progress line to `progress` (either may be
+// null). Stops at the first failing seed.
+FuzzResult fuzz(const FuzzOptions& options, std::ostream* summary, std::ostream* progress);
+
+// The subcommand: `oba-evpn-sim fuzz [options]`, argv[1] being "fuzz". Exit status 0 when every
+// seed converged, 1 when one failed, 2 on bad arguments.
+int fuzzMain(int argc, char** argv);
+
+}  // namespace Sim

@@ -1,0 +1,257 @@
+// Randomized convergence: the table the inputs call for, the chip's seeded faults, restarts that
+// leave nothing behind, and a broken chip that the fuzzer must catch and write down as a scenario
+// the ordinary --check fails.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+
+#include "sim/Fuzz.h"
+#include "sim/FuzzCheck.h"
+#include "sim/Scenario.h"
+#include "sim/ScenarioRunner.h"
+
+namespace {
+
+using Evpn::EncapTypeLabel;
+using Quil::IntfId;
+using Sim::SoftwareChip;
+using TunnelId = Tunnel::TunnelTable::TunnelId;
+
+const IntfId e1 = IntfId::ethernet(1), e2 = IntfId::ethernet(2), e3 = IntfId::ethernet(3);
+const IntfId lag1 = IntfId::portChannel(1);
+IntfId tep(std::uint64_t i) { return Quil::DynamicTunnelIntfId::intfId((1ull << 32) | i); }
+TunnelId tunnel(std::uint64_t i) { return TunnelId((1ull << 32) | i); }
+EncapTypeLabel mpls(std::uint32_t l) { return EncapTypeLabel(EncapTypeLabel::encapTypeMpls, l); }
+
+std::vector<std::string> lines(const Sim::EsiTable& t) {
+  std::vector<std::string> out;
+  for (const auto& [key, e] : t) out.push_back(Sim::esiLine(key, e));
+  return out;
+}
+
+TEST(FuzzCheck, TheExpectedTableNeedsEveryPrerequisiteAndExpandsLags) {
+  Kiv::Ptr<Evpn::EvpnStatus> status = new Evpn::EvpnStatus;
+  Kiv::Ptr<Oba::ObaCommonSmData> acsd = new Oba::ObaCommonSmData;
+  Kiv::Ptr<Oba::TunnelIdToHwTunnelIdMapping> mapping =
+      new Oba::TunnelIdToHwTunnelIdMapping("mapping");
+  auto table = [&] { return lines(Sim::expectedEsiData(*status, *acsd, *mapping)); };
+
+  // A plain port with everything but the published id, then with it.
+  auto ess = status->segmentStatusIs(e3);
+  ess->designatedForwarderTepIs(Bridging::VlanId(10), tep(1));
+  ess->remoteEsiLabelIs(tep(1), mpls(1001));
+  status->localEsiLabelIs(e3, mpls(2003));
+  EXPECT_TRUE(table().empty());
+  mapping->tunnelIdToHwTunnelIdIs(Oba::TunnelIdToHwTunnelId(tunnel(1), Oba::HwTunnelId(7)));
+  EXPECT_EQ(table(), std::vector<std::string>{
+                         "Ethernet3 vlan 10 tunnel Tunnel1.1 hw 7 label 1001 local 2003"});
+
+  // A LAG is its members; without a member list, or with an empty one, it is nothing.
+  auto lag = status->segmentStatusIs(lag1);
+  lag->designatedForwarderTepIs(Bridging::VlanId(20), tep(1));
+  lag->remoteEsiLabelIs(tep(1), mpls(1002));
+  status->localEsiLabelIs(lag1, mpls(2001));
+  EXPECT_EQ(table().size(), 1u);
+  acsd->lagToPortIs(lag1, new Oba::ObaLagPortList({}));
+  EXPECT_EQ(table().size(), 1u);
+  acsd->lagToPortIs(lag1, new Oba::ObaLagPortList({e1, e2}));
+  EXPECT_EQ(table(), (std::vector<std::string>{
+                         "Ethernet1 vlan 20 tunnel Tunnel1.1 hw 7 label 1002 local 2001",
+                         "Ethernet2 vlan 20 tunnel Tunnel1.1 hw 7 label 1002 local 2001",
+                         "Ethernet3 vlan 10 tunnel Tunnel1.1 hw 7 label 1001 local 2003"}));
+
+  // Another encapsulation, or the empty local label, takes the pair out.
+  lag->remoteEsiLabelIs(tep(1), EncapTypeLabel(EncapTypeLabel::encapTypeVxlan, 1002));
+  status->localEsiLabelIs(e3, EncapTypeLabel());
+  EXPECT_TRUE(table().empty());
+}
+
+bool has(const std::vector<std::string>& lines, const std::string& line) {
+  return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+TEST(FuzzCheck, EachCheckNamesWhatWasBrokenBehindTheMachinesBacks) {
+  Sim::SimLog quiet;
+  Sim::HostAgent agent(&quiet);
+  Sim::Action a;
+  a.segment = e1;
+  a.kind = Sim::Action::Kind::localEsiLabel;
+  a.label = mpls(2001);
+  agent.apply(a);
+  a.kind = Sim::Action::Kind::remoteEsiLabel;
+  a.tep = tep(1);
+  a.label = mpls(1001);
+  agent.apply(a);
+  a.kind = Sim::Action::Kind::designatedForwarder;
+  a.vlan = Bridging::VlanId(10);
+  agent.apply(a);
+  agent.start();
+  Sim::Allowances allowed;
+  ASSERT_FALSE(Sim::checkAgent(agent, &allowed));
+
+  // The chip loses an entry: the machine still holds it, and the table misses it.
+  agent.chip->deleteEsiData(e1, Bridging::VlanId(10));
+  EXPECT_TRUE(has(Sim::checkFloodingEsiSm(agent),
+                  "Ethernet1 vlan 10: Ethernet1 is held programmed but the chip has no entry"));
+  EXPECT_EQ(Sim::compareEsiData(agent, &allowed).diffs,
+            std::vector<std::string>{"Ethernet1 vlan 10: expected tunnel Tunnel1.1 hw 1 label "
+                                     "1001 local 2001, actual none"});
+
+  // Half of a mirrored relation, in each machine.
+  agent.floodingEsiSm->intfVlanTunnelIs(Oba::IntfVlanKey(e2, Bridging::VlanId(20)), tunnel(1));
+  EXPECT_TRUE(has(Sim::checkFloodingEsiSm(agent),
+                  "intfVlanTunnel Ethernet2 vlan 20 -> Tunnel1.1 is not in tunnelIntfVlanSet"));
+  agent.hwTunnelIdSm->unprogrammedTunnelIs(tunnel(9), true);
+  EXPECT_TRUE(has(Sim::checkHwTunnelIdSm(agent), "Tunnel1.9 waits for an id without users"));
+
+  // A row nobody asked for, naming an id the chip never handed out; an id given back twice.
+  agent.mapping->tunnelIdToHwTunnelIdIs(Oba::TunnelIdToHwTunnelId(tunnel(5), Oba::HwTunnelId(9)));
+  EXPECT_TRUE(
+      has(Sim::checkMapping(agent), "row Tunnel1.5 -> 9: no designated forwarder uses Tunnel1.5"));
+  EXPECT_TRUE(has(Sim::checkLedger(agent), "hw id 9 is in a mapping row but never handed out"));
+  agent.chip->releaseHwTunnelId(Oba::HwTunnelId(1));
+  agent.chip->releaseHwTunnelId(Oba::HwTunnelId(1));
+  EXPECT_TRUE(has(Sim::checkLedger(agent),
+                  "hw id 1: handed out 1 times, released 1 times, in 1 "
+                  "mapping rows"));
+  EXPECT_TRUE(has(Sim::checkLedger(agent), "violation: releaseHwTunnelId 1: released twice"));
+  EXPECT_EQ(Sim::checkAgent(agent, &allowed)->check, "ledger");
+}
+
+TEST(FuzzCheck, ChipFaultsFollowTheirSeedAndLogWhatAReplayNeeds) {
+  Kiv::Ptr<Kiv::VirtualClock> clock = new Kiv::VirtualClock;
+  auto refusals = [&](double p, std::uint64_t seed) {
+    Kiv::Ptr<SoftwareChip> chip = new SoftwareChip(clock);
+    chip->hwTunnelIdPoolIs(1);
+    auto hw = chip->getHwTunnelId();
+    chip->faultRateIs(p, seed);
+    std::string outcome;
+    for (int i = 0; i < 64; ++i) {
+      auto rc = chip->createEsiData(i % 2 ? e1 : e2, Bridging::VlanId(10), tunnel(1), hw,
+                                    Quil::MplsLabel(1), Quil::MplsLabel(2));
+      outcome += rc == Oba::HwProgrammingStatus::programmed ? '.' : 'x';
+    }
+    EXPECT_EQ(chip->createEsiDataSerial(), 64u);
+    // Each fault names its create and the previous create of the same port.
+    for (const auto& f : chip->faults()) {
+      EXPECT_EQ(f.port, f.create % 2 ? e2 : e1);
+      EXPECT_EQ(f.previousCreate, f.create > 2 ? f.create - 2 : 0);
+    }
+    EXPECT_EQ(chip->faults().size(),
+              static_cast<std::size_t>(std::count(outcome.begin(), outcome.end(), 'x')));
+    return outcome;
+  };
+  EXPECT_EQ(refusals(0.5, 7), refusals(0.5, 7));
+  EXPECT_NE(refusals(0.5, 7), refusals(0.5, 8));
+  EXPECT_EQ(refusals(0, 7), std::string(64, '.'));
+  EXPECT_EQ(refusals(1, 7), std::string(64, 'x'));
+}
+
+TEST(Fuzz, SeedsConvergeAndReplayExactly) {
+  Sim::FuzzOptions o;
+  o.seeds = 20;
+  o.steps = 300;
+  o.faultRate = 0.3;
+  o.pool = 2;
+  o.restarts = true;
+  Sim::FuzzResult a = Sim::fuzz(o, nullptr, nullptr);
+  ASSERT_FALSE(a.failure) << a.failure->failure.check << ": " << a.failure->failure.lines[0];
+  EXPECT_EQ(a.stepsChecked, 20u * 301u);
+  EXPECT_GT(a.faultsInjected, 0u);
+  EXPECT_GT(a.entriesChecked, a.stepsChecked);
+  Sim::FuzzResult b = Sim::fuzz(o, nullptr, nullptr);
+  EXPECT_EQ(b.esiCreates, a.esiCreates);
+  EXPECT_EQ(b.faultsInjected, a.faultsInjected);
+  EXPECT_EQ(b.entriesChecked, a.entriesChecked);
+  EXPECT_EQ(b.allowances.staleLocalLabel, a.allowances.staleLocalLabel);
+}
+
+// Found by the fuzzer: after a restart of the flooding machine (alone, or after the tunnel-id
+// machine) the chip still held ESI data the new incarnation does not program: here data whose
+// local label became empty, then data naming a hardware id that went back to the chip and was not
+// handed out again (the pool has one id, and the other tunnel takes it). The agent now deletes
+// what the new incarnation does not hold.
+TEST(Fuzz, ARestartLeavesNoEsiDataTheNewMachineDoesNotHold) {
+  const char* const text = R"(
+initial:
+  - chipPool: 1
+  - localEsiLabel: {segment: Ethernet2, label: mpls:2002}
+  - remoteEsiLabel: {segment: Ethernet2, tep: DynTunnel1.2, label: mpls:1002}
+  - designatedForwarder: {segment: Ethernet2, vlan: 10, tep: DynTunnel1.2}
+  - localEsiLabel: {segment: Ethernet1, label: mpls:2001}
+  - remoteEsiLabel: {segment: Ethernet1, tep: DynTunnel1.1, label: mpls:1001}
+steps:
+  - at: 1
+    do:
+      - localEsiLabel: {segment: Ethernet2, label: none:0}
+      - chipPool: 2
+      - designatedForwarder: {segment: Ethernet1, vlan: 10, tep: DynTunnel1.1}
+      - chipPool: 1
+    expect:
+      esiData:
+        - Ethernet1 vlan 10 tunnel Tunnel1.1 hw 2 label 1001 local 2001
+        - Ethernet2 vlan 10 tunnel Tunnel1.2 hw 1 label 1002 local 2002
+  - at: 2
+    do:
+      - restart: floodingEsi
+    expect:
+      esiData:
+        - Ethernet1 vlan 10 tunnel Tunnel1.1 hw 2 label 1001 local 2001
+  - at: 3
+    do:
+      - restart: hwTunnelId
+    expect:
+      esiData: none
+      mapping: [Tunnel1.2 -> 1]
+      violations: none
+)";
+  Sim::SimLog quiet;
+  auto r = Sim::runScenario(Sim::parseScenario(text, "restart-leftovers.yaml"), quiet,
+                            Sim::RunOptions{.check = true});
+  EXPECT_TRUE(r.ok()) << r.failures[0];
+}
+
+// Turns the canary off again however the test ends.
+struct Canary {
+  explicit Canary(std::uint64_t n) { SoftwareChip::canaryDropDeleteEsiDataIs(n); }
+  ~Canary() { SoftwareChip::canaryDropDeleteEsiDataIs(0); }
+};
+
+TEST(Fuzz, AChipThatLosesADeleteIsCaughtAndWrittenAsAScenarioThatFailsTheCheck) {
+  const std::string dir = ::testing::TempDir() + "fuzz-canary";
+  std::filesystem::remove_all(dir);
+  Sim::FuzzOptions o;  // the CI configuration
+  o.seeds = 200;
+  o.steps = 1000;
+  o.faultRate = 0.1;
+  o.restarts = true;
+  o.outDir = dir;
+  std::optional<Sim::FuzzFailure> f;
+  {
+    Canary canary(25);
+    f = Sim::fuzz(o, nullptr, nullptr).failure;
+    ASSERT_TRUE(f);
+    EXPECT_EQ(f->failure.check, "esiData");
+    EXPECT_NE(f->failure.lines[0].find("expected none, actual tunnel"), std::string::npos)
+        << f->failure.lines[0];
+    EXPECT_TRUE(f->replayable);
+    EXPECT_LT(f->shrunkActions, f->actions);
+    EXPECT_TRUE(f->checkFails);
+    ASSERT_EQ(f->scenarioPath, dir + "/fuzz-seed" + std::to_string(f->seed) + ".yaml");
+    // What `oba-evpn-sim --check` does with the file, the broken chip still in place.
+    Sim::SimLog quiet;
+    auto r = Sim::runScenario(Sim::readScenarioFile(f->scenarioPath), quiet,
+                              Sim::RunOptions{.check = true});
+    ASSERT_FALSE(r.ok());
+    EXPECT_NE(r.failures[0].find("expected esiData"), std::string::npos) << r.failures[0];
+  }
+  // With a sound chip the same file passes: what it caught is the chip's fault.
+  Sim::SimLog quiet;
+  auto r = Sim::runScenario(Sim::readScenarioFile(f->scenarioPath), quiet,
+                            Sim::RunOptions{.check = true});
+  EXPECT_TRUE(r.ok()) << r.failures[0];
+}
+
+}  // namespace
