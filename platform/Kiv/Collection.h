@@ -74,6 +74,16 @@ class HashMap {
     V value;
     bool live;
   };
+  // The index: open addressing with linear probing over (hash, slot) cells, deleted by shifting
+  // the probe chain back, so it needs no tombstones and allocates only when it grows.
+  struct Cell {
+    std::uint32_t hash;
+    std::uint32_t slot;
+  };
+  static constexpr std::uint32_t kFree = 0xffffffffu;
+  // Small maps (most of a machine's per-key sets) keep no index: a scan of a few slots is cheaper
+  // than hashing, and they allocate nothing beyond their slots.
+  static constexpr std::size_t kLinearMax = 8;
 
  public:
   using Key = K;
@@ -83,24 +93,23 @@ class HashMap {
   HashMap(const HashMap&) = delete;
   HashMap& operator=(const HashMap&) = delete;
 
-  std::size_t size() const { return index_.size(); }
-  bool empty() const { return index_.empty(); }
-  bool contains(const K& k) const { return index_.count(k) != 0; }
+  std::size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  bool contains(const K& k) const { return locate(k) != kFree; }
 
   const V* find(const K& k) const {
-    auto it = index_.find(k);
-    return it == index_.end() ? nullptr : &slots_[it->second].value;
+    std::uint32_t i = locate(k);
+    return i == kFree ? nullptr : &slots_[i].value;
   }
   V* find(const K& k) { return const_cast<V*>(std::as_const(*this).find(k)); }
 
-  // Inserts, or overwrites a present key; an overwrite with an equal value changes nothing.
   Change put(const K& k, const V& v) {
-    auto [it, inserted] = index_.try_emplace(k, static_cast<std::uint32_t>(slots_.size()));
+    auto [i, inserted] = claim(k);
     if (inserted) {
       slots_.push_back(Slot{k, v, true});
       return Change::inserted;
     }
-    V& cur = slots_[it->second].value;
+    V& cur = slots_[i].value;
     if constexpr (std::equality_comparable<V>) {
       if (cur == v) return Change::none;
     }
@@ -108,20 +117,18 @@ class HashMap {
     return Change::changed;
   }
 
-  // Returns the present value, or the one `make()` builds; `second` tells whether it was built.
   template <class Make>
   std::pair<V*, bool> findOrMake(const K& k, Make&& make) {
-    auto [it, inserted] = index_.try_emplace(k, static_cast<std::uint32_t>(slots_.size()));
+    auto [i, inserted] = claim(k);
     if (inserted) slots_.push_back(Slot{k, make(), true});
-    return {&slots_[it->second].value, inserted};
+    return {&slots_[i].value, inserted};
   }
 
   bool erase(const K& k) {
-    auto it = index_.find(k);
-    if (it == index_.end()) return false;
-    std::uint32_t i = it->second;
-    index_.erase(it);
-    // The value dies only once the map is consistent again: its destructor may run owner code.
+    std::uint32_t i = locate(k);
+    if (i == kFree) return false;
+    unindex(k, i);
+    --size_;
     [[maybe_unused]] V doomed = std::move(slots_[i].value);
     if (walkers_) {
       slots_[i].live = false;
@@ -136,7 +143,7 @@ class HashMap {
   void clear() {
     if (walkers_) {
       [[maybe_unused]] std::vector<V> doomed;
-      doomed.reserve(index_.size());
+      doomed.reserve(size_);
       for (Slot& s : slots_) {
         if (!s.live) continue;
         doomed.push_back(std::move(s.value));
@@ -144,18 +151,17 @@ class HashMap {
         s.live = false;
         ++dead_;
       }
-      index_.clear();
+      cells_.clear();
+      size_ = 0;
       return;
     }
     [[maybe_unused]] std::vector<Slot> doomed;
     doomed.swap(slots_);
-    index_.clear();
+    cells_.clear();
+    size_ = 0;
   }
 
-  void reserve(std::size_t n) {
-    slots_.reserve(n);
-    index_.reserve(n);
-  }
+  void reserve(std::size_t n) { slots_.reserve(n); }
 
   class Walk {
    public:
@@ -204,24 +210,107 @@ class HashMap {
   Walk walk(Ptr<const PtrInterface> keep = nullptr) const { return Walk(*this, std::move(keep)); }
 
  private:
+  static std::uint32_t hashOf(const K& k) { return static_cast<std::uint32_t>(Hash()(k)); }
+  std::size_t home(std::uint32_t h) const {
+    return (std::size_t(h) * 0x9e3779b97f4a7c15ull >> 32) & (cells_.size() - 1);
+  }
+  bool indexed() const { return !cells_.empty(); }
+
+  std::uint32_t locate(const K& k) const {
+    if (!indexed()) {
+      for (std::uint32_t i = 0; i < slots_.size(); ++i) {
+        if (slots_[i].live && slots_[i].key == k) return i;
+      }
+      return kFree;
+    }
+    std::uint32_t h = hashOf(k);
+    std::size_t mask = cells_.size() - 1;
+    for (std::size_t p = home(h);; p = (p + 1) & mask) {
+      const Cell& c = cells_[p];
+      if (c.slot == kFree) return kFree;
+      if (c.hash == h && slots_[c.slot].key == k) return c.slot;
+    }
+  }
+
+  // The slot of k, or a new one (slots_.size(), to be pushed by the caller) indexed for it.
+  std::pair<std::uint32_t, bool> claim(const K& k) {
+    std::uint32_t i = locate(k);
+    if (i != kFree) return {i, false};
+    i = static_cast<std::uint32_t>(slots_.size());
+    ++size_;
+    if (!indexed() && size_ > kLinearMax) rebuild(16);
+    if (indexed()) {
+      if (size_ * 4 > cells_.size() * 3) rebuild(cells_.size() * 2);
+      place(Cell{hashOf(k), i});
+    }
+    return {i, true};
+  }
+
+  void place(Cell c) {
+    std::size_t mask = cells_.size() - 1;
+    std::size_t p = home(c.hash);
+    while (cells_[p].slot != kFree) p = (p + 1) & mask;
+    cells_[p] = c;
+  }
+
+  void rebuild(std::size_t capacity) {
+    std::vector<Cell> old;
+    old.swap(cells_);
+    cells_.assign(capacity, Cell{0, kFree});
+    if (!old.empty()) {
+      for (const Cell& c : old) {
+        if (c.slot != kFree) place(c);
+      }
+      return;
+    }
+    for (std::uint32_t i = 0; i < slots_.size(); ++i) {
+      if (slots_[i].live) place(Cell{hashOf(slots_[i].key), i});
+    }
+  }
+
+  std::size_t cellOf(const K& k, std::uint32_t slot) const {
+    std::uint32_t h = hashOf(k);
+    std::size_t mask = cells_.size() - 1;
+    std::size_t p = home(h);
+    while (cells_[p].slot != slot) p = (p + 1) & mask;
+    return p;
+  }
+
+  void unindex(const K& k, std::uint32_t slot) {
+    if (!indexed()) return;
+    std::size_t mask = cells_.size() - 1;
+    std::size_t p = cellOf(k, slot);
+    for (std::size_t q = (p + 1) & mask; cells_[q].slot != kFree; q = (q + 1) & mask) {
+      std::size_t h = home(cells_[q].hash);
+      bool stays = p <= q ? (h > p && h <= q) : (h > p || h <= q);
+      if (stays) continue;
+      cells_[p] = cells_[q];
+      p = q;
+    }
+    cells_[p].slot = kFree;
+  }
+
+  void repoint(const K& k, std::uint32_t from, std::uint32_t to) {
+    if (indexed()) cells_[cellOf(k, from)].slot = to;
+  }
+
   void removeSlot(std::uint32_t i) {
     std::uint32_t last = static_cast<std::uint32_t>(slots_.size() - 1);
     if (i != last) {
       slots_[i] = std::move(slots_[last]);
-      index_[slots_[i].key] = i;
+      repoint(slots_[i].key, last, i);
     }
     slots_.pop_back();
   }
 
   void walkEnded() {
     if (--walkers_ || !dead_) return;
-    // Compact: keep live slots in their order and re-point the index at them.
     std::size_t out = 0;
     for (std::size_t i = 0; i < slots_.size(); ++i) {
       if (!slots_[i].live) continue;
       if (out != i) {
         slots_[out] = std::move(slots_[i]);
-        index_[slots_[out].key] = static_cast<std::uint32_t>(out);
+        repoint(slots_[out].key, static_cast<std::uint32_t>(i), static_cast<std::uint32_t>(out));
       }
       ++out;
     }
@@ -230,7 +319,8 @@ class HashMap {
   }
 
   std::vector<Slot> slots_;
-  std::unordered_map<K, std::uint32_t, Hash> index_;
+  std::vector<Cell> cells_;
+  std::uint32_t size_ = 0;
   mutable std::uint32_t walkers_ = 0;
   std::uint32_t dead_ = 0;
 };

@@ -45,21 +45,38 @@ inline std::string nullMutatorText(std::string_view attr, std::string_view quali
   return s;
 }
 
-// Incremental hash: start empty, feed field hashes in field order, take result().
+// Incremental hash: start empty, feed field hashes in field order, take result(). Each word is
+// scrambled and folded in, and the result is finalised, so keys that differ in one small field
+// (a VLAN number) still spread over the whole 32 bits: the hash maps index by those bits.
 class HashMixer {
  public:
   HashMixer& add(std::uint32_t v) {
-    h_ ^= v + 0x9e3779b9u + (h_ << 6) + (h_ >> 2);
+    v *= 0xcc9e2d51u;
+    v = rotl(v, 15);
+    v *= 0x1b873593u;
+    h_ ^= v;
+    h_ = rotl(h_, 13) * 5 + 0xe6546b64u;
+    ++words_;
     return *this;
   }
   HashMixer& add64(std::uint64_t v) {
     add(static_cast<std::uint32_t>(v));
     return add(static_cast<std::uint32_t>(v >> 32));
   }
-  std::uint32_t result() const { return h_; }
+  std::uint32_t result() const {
+    std::uint32_t h = h_ ^ (words_ * 4);
+    h ^= h >> 16;
+    h *= 0x85ebca6bu;
+    h ^= h >> 13;
+    h *= 0xc2b2ae35u;
+    h ^= h >> 16;
+    return h;
+  }
 
  private:
+  static constexpr std::uint32_t rotl(std::uint32_t x, int r) { return (x << r) | (x >> (32 - r)); }
   std::uint32_t h_ = 0;
+  std::uint32_t words_ = 0;
 };
 
 // Jenkins' one-at-a-time hash over a 64-bit value's eight bytes, lowest byte first.
