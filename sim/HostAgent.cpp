@@ -34,9 +34,14 @@ HostAgent::HostAgent(SimLog* log)
       acsd(new Oba::ObaCommonSmData),
       mapping(new Oba::TunnelIdToHwTunnelIdMapping("tunnelIdToHwTunnelId")),
       log_(log) {
+  // Each chip call is logged with who made it: the machine that holds the helper it came
+  // through, or the agent itself.
   chip->callListenerIs([this](const SoftwareChip::Call& c) {
     calls_.push_back(c.text);
-    note("chip", c.text);
+    std::string_view who = "agent>chip";
+    if (c.caller && std::string_view(c.caller) == "hwTunnelIdHelper") who = "hwTunnelId>chip";
+    if (c.caller && std::string_view(c.caller) == "floodingHelper") who = "floodingEsi>chip";
+    note(who, c.text);
   });
   mappingLog_ = std::make_unique<MappingLog>(this);
   log_->clockIs(clock.ptr());
@@ -74,7 +79,7 @@ void HostAgent::reconcileEsiData() {
   for (const auto& [key, entry] : chip->esiData()) {
     if (!held.contains(key)) left.push_back(key);
   }
-  for (const auto& [port, vlan] : left) chip->floodingHelper()->deleteEsiData(port, vlan);
+  for (const auto& [port, vlan] : left) chip->deleteEsiData(port, vlan);
 }
 
 void HostAgent::start() {
@@ -107,7 +112,7 @@ void HostAgent::restart(const std::string& machine) {
     floodingEsiSm = nullptr;
     hwTunnelIdSm = nullptr;
     for (auto [tunnel, row] : mapping->tunnelIdToHwTunnelIdWalk()) {
-      chip->hwTunnelIdHelper()->releaseHwTunnelId(row.hwTunnelId());
+      chip->releaseHwTunnelId(row.hwTunnelId());
     }
     start();
     reconcileEsiData();

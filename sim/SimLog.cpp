@@ -48,7 +48,7 @@ void SimLog::add(double time, std::string_view source, std::string_view text) {
   char stamp[32];
   std::snprintf(stamp, sizeof stamp, "%10.3f  ", time);
   *out_ << stamp << source;
-  for (std::size_t i = source.size(); i < 12; ++i) *out_ << ' ';
+  for (std::size_t i = source.size(); i < 16; ++i) *out_ << ' ';
   *out_ << ' ' << text << '\n';
 }
 

@@ -68,16 +68,28 @@ namespace {
 template <class Interface>
 class ChipLink : public Interface {
  public:
-  ChipLink(const char* name, SoftwareChip* chip) : Interface(name), chip_(chip) {}
+  ChipLink(const char* name, const char* caller, SoftwareChip* chip)
+      : Interface(name), caller_(caller), chip_(chip) {}
   void detach() { chip_ = nullptr; }
 
  protected:
-  SoftwareChip& chip() {
+  // The chip, told for the length of one call (the full expression) which helper is calling.
+  class Calling {
+   public:
+    Calling(SoftwareChip& chip, const char* caller) : chip_(chip) { chip_.callerIs(caller); }
+    ~Calling() { chip_.callerIs(nullptr); }
+    SoftwareChip* operator->() const { return &chip_; }
+
+   private:
+    SoftwareChip& chip_;
+  };
+  Calling chip() {
     KIV_ASSERT_TEXT(chip_, kGone);
-    return *chip_;
+    return Calling(*chip_, caller_);
   }
 
  private:
+  const char* caller_;
   SoftwareChip* chip_;
 };
 }  // namespace
@@ -85,43 +97,44 @@ class ChipLink : public Interface {
 class SoftwareChip::HwTunnelIdAdaptor : public ChipLink<ObaHelper::EvpnHwTunnelIdSmHelper> {
  public:
   explicit HwTunnelIdAdaptor(SoftwareChip* chip)
-      : ChipLink("SoftwareChip.hwTunnelIdHelper", chip) {}
-  Oba::HwTunnelId getHwTunnelId() override { return chip().getHwTunnelId(); }
-  void releaseHwTunnelId(Oba::HwTunnelId id) override { chip().releaseHwTunnelId(id); }
+      : ChipLink("SoftwareChip.hwTunnelIdHelper", "hwTunnelIdHelper", chip) {}
+  Oba::HwTunnelId getHwTunnelId() override { return chip()->getHwTunnelId(); }
+  void releaseHwTunnelId(Oba::HwTunnelId id) override { chip()->releaseHwTunnelId(id); }
 };
 
 class SoftwareChip::FloodingAdaptor : public ChipLink<ObaHelper::EvpnFloodingSmHelper> {
  public:
-  explicit FloodingAdaptor(SoftwareChip* chip) : ChipLink("SoftwareChip.floodingHelper", chip) {}
+  explicit FloodingAdaptor(SoftwareChip* chip)
+      : ChipLink("SoftwareChip.floodingHelper", "floodingHelper", chip) {}
   Oba::HwProgrammingStatus createVlanToDot1qMapping(Quil::IntfId port, Bridging::VlanId vlan,
                                                     Bridging::VlanIdOrNone dot1q) override {
-    return chip().createVlanToDot1qMapping(port, vlan, dot1q);
+    return chip()->createVlanToDot1qMapping(port, vlan, dot1q);
   }
   void deleteVlanToDot1qMapping(Quil::IntfId port, Bridging::VlanId vlan,
                                 Bridging::VlanIdOrNone dot1q) override {
-    chip().deleteVlanToDot1qMapping(port, vlan, dot1q);
+    chip()->deleteVlanToDot1qMapping(port, vlan, dot1q);
   }
   Oba::HwProgrammingStatus createEsiData(Quil::IntfId port, Bridging::VlanId vlan,
                                          const Tunnel::TunnelTable::TunnelId& tunnel,
                                          Oba::HwTunnelId hw, Quil::MplsLabel label,
                                          Quil::MplsLabel localLabel) override {
-    return chip().createEsiData(port, vlan, tunnel, hw, label, localLabel);
+    return chip()->createEsiData(port, vlan, tunnel, hw, label, localLabel);
   }
   void deleteEsiData(Quil::IntfId port, Bridging::VlanId vlan) override {
-    chip().deleteEsiData(port, vlan);
+    chip()->deleteEsiData(port, vlan);
   }
 };
 
 class SoftwareChip::DecapAdaptor : public ChipLink<ObaHelper::EsiFilteringDecapHelper> {
  public:
   explicit DecapAdaptor(SoftwareChip* chip)
-      : ChipLink("SoftwareChip.esiFilteringDecapHelper", chip) {}
+      : ChipLink("SoftwareChip.esiFilteringDecapHelper", "esiFilteringDecapHelper", chip) {}
   Mpls::LfibHwProgrammingReturnCode createEsiPortMap(Quil::MplsLabel label,
                                                      Quil::IntfId port) override {
-    return chip().createEsiPortMap(label, port);
+    return chip()->createEsiPortMap(label, port);
   }
   void deleteEsiPortMap(Quil::MplsLabel label, Quil::IntfId port) override {
-    chip().deleteEsiPortMap(label, port);
+    chip()->deleteEsiPortMap(label, port);
   }
 };
 
@@ -198,7 +211,7 @@ void SoftwareChip::violation(std::string text) {
 }
 
 void SoftwareChip::tell(const char* op, std::string text) {
-  listener_(Call{clock_->now(), op, std::move(text)});
+  listener_(Call{clock_->now(), op, std::move(text), caller_});
 }
 
 Oba::HwTunnelId SoftwareChip::getHwTunnelId() {

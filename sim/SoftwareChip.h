@@ -164,11 +164,14 @@ class SoftwareChip : public Kiv::PtrInterface {
     Kiv::Seconds time;
     std::string op;
     std::string text;
+    const char* caller;  // the helper the call came through, or null for a direct call
   };
   void callListenerIs(std::function<void(const Call&)> listener) {
     listener_ = std::move(listener);
   }
   std::uint64_t callCount() const { return callCount_; }
+  // Set by the helpers around each call they forward, so the log can name who called.
+  void callerIs(const char* caller) { caller_ = caller; }
 
   // A chip reset: forgets tables, pool usage, the ledger and the call count; keeps the pool size,
   // the refusal rules (with what is left of their counts), the fault rate and its log, and the
@@ -227,6 +230,7 @@ class SoftwareChip : public Kiv::PtrInterface {
 
   std::vector<Violation> violations_;
   std::function<void(const Call&)> listener_;
+  const char* caller_ = nullptr;
   std::uint64_t callCount_ = 0;
 
   // Injected faults. The threshold is p scaled to the generator's range, so a draw is one

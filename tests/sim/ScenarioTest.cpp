@@ -60,7 +60,7 @@ TEST(Scenario, AWrongExpectationFailsTheCheckWithWhatHappened) {
   std::ostringstream log;
   Sim::SimLog text(&log);
   EXPECT_TRUE(Sim::runScenario(s, text, Sim::RunOptions{}).ok());
-  EXPECT_NE(log.str().find("chip         getHwTunnelId -> 1"), std::string::npos) << log.str();
+  EXPECT_NE(log.str().find("hwTunnelId>chip  getHwTunnelId -> 1"), std::string::npos) << log.str();
 }
 
 TEST(Scenario, TheBuiltInScenarioTellsTheTypicalEventAndEndsClean) {
@@ -74,7 +74,7 @@ TEST(Scenario, TheBuiltInScenarioTellsTheTypicalEventAndEndsClean) {
   std::string l = log.str();
   auto at = [&](const std::string& s) { return l.find(s); };
   EXPECT_LT(at("getHwTunnelId -> 1"), at("-> notProgrammed"));
-  EXPECT_LT(at("-> notProgrammed"), at("     6.000  chip         createEsiData Ethernet2"));
+  EXPECT_LT(at("-> notProgrammed"), at("     6.000  floodingEsi>chip createEsiData Ethernet2"));
   EXPECT_LT(at("deleteEsiData Ethernet2"), at("releaseHwTunnelId 1"));
   EXPECT_EQ(state.str(),
             "chip esiData:\n    (none)\nchip hwTunnelIds in use:\n    (none)\n"
