@@ -2,6 +2,7 @@
 // drive it, over a recording chip stub and virtual time.
 #include <gtest/gtest.h>
 
+#include "EvpnWorld.h"
 #include "TraceCapture.h"
 
 #include <algorithm>
@@ -64,7 +65,7 @@ class LedgerStub : public ObaHelper::EvpnFloodingSmHelperStub {
   std::map<IntfId, HwProgrammingStatus> answer;
 };
 
-class FloodingEsiSmTest : public ::testing::Test {
+class FloodingEsiSmTest : public ::testing::Test, public EvpnWorld {
  protected:
   void TearDown() override { check(); }
 
@@ -160,12 +161,6 @@ class FloodingEsiSmTest : public ::testing::Test {
     EXPECT_EQ(programmed, stub->held);
   }
 
-  Kiv::Ptr<Kiv::VirtualClock> clock = new Kiv::VirtualClock;
-  Kiv::Ptr<Mox::TaskScheduler> scheduler = Mox::TaskScheduler::TaskSchedulerIs(clock);
-  Kiv::Ptr<Oba::ObaCommonSmData> acsd = new Oba::ObaCommonSmData;
-  Kiv::Ptr<Evpn::EvpnStatus> evpn = new Evpn::EvpnStatus;
-  Kiv::Ptr<Oba::TunnelIdToHwTunnelIdMapping> mapping =
-      new Oba::TunnelIdToHwTunnelIdMapping("tunnelIdToHwTunnelId");
   Kiv::Ptr<LedgerStub> stub = new LedgerStub;
   Kiv::Ptr<Oba::EvpnFloodingEsiSm> sm;
   TraceCapture traces{"ObaEvpnFloodingEsiSm/8"};

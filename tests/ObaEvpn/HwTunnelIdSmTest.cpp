@@ -2,6 +2,7 @@
 // chip stub and virtual time.
 #include <gtest/gtest.h>
 
+#include "EvpnWorld.h"
 #include "TraceCapture.h"
 
 #include <map>
@@ -51,7 +52,7 @@ class LedgerStub : public ObaHelper::EvpnHwTunnelIdSmHelperStub {
   int rowsAtFirstGet = -1;
 };
 
-class HwTunnelIdSmTest : public ::testing::Test {
+class HwTunnelIdSmTest : public ::testing::Test, public EvpnWorld {
  protected:
   void SetUp() override { stub->mapping = mapping; }
   void TearDown() override { checkInvariants(); }
@@ -89,12 +90,6 @@ class HwTunnelIdSmTest : public ::testing::Test {
     }
   }
 
-  Kiv::Ptr<Kiv::VirtualClock> clock = new Kiv::VirtualClock;
-  Kiv::Ptr<Mox::TaskScheduler> scheduler = Mox::TaskScheduler::TaskSchedulerIs(clock);
-  Kiv::Ptr<Oba::ObaCommonSmData> acsd = new Oba::ObaCommonSmData;
-  Kiv::Ptr<Evpn::EvpnStatus> evpn = new Evpn::EvpnStatus;
-  Kiv::Ptr<Oba::TunnelIdToHwTunnelIdMapping> mapping =
-      new Oba::TunnelIdToHwTunnelIdMapping("tunnelIdToHwTunnelId");
   Kiv::Ptr<LedgerStub> stub = new LedgerStub;
   Kiv::Ptr<Oba::EvpnHwTunnelIdSm> sm;
   TraceCapture traces{"ObaEvpnHwTunnelIdSm/5"};
