@@ -558,6 +558,21 @@ struct Figures {
   double machineAllocations = 0;  // during the checked run
   double pairsChecked = 0;
 
+  // Times one iteration of a phase on the machines (the benchmark's own time), then the same
+  // changes on the floor.
+  template <class Machines, class Floor>
+  void timeBoth(benchmark::State& state, double pairs, Machines machines, Floor floor) {
+    auto t0 = Stopwatch::now();
+    machines();
+    auto t1 = Stopwatch::now();
+    floor();
+    auto t2 = Stopwatch::now();
+    state.SetIterationTime(secondsBetween(t0, t1));
+    machineSeconds += secondsBetween(t0, t1);
+    floorSeconds += secondsBetween(t1, t2);
+    pairsHandled += pairs;
+  }
+
   void publish(benchmark::State& state, const Fabric& f) const {
     double pairs = double(f.pairs());
     if (machineSeconds > 0) {
@@ -691,15 +706,9 @@ void BM_MoveAll(benchmark::State& state) {
     if (gCheckOnly) continue;
     ++moves;
     NoWatch none;
-    auto t0 = Stopwatch::now();
-    electAll(w.m, f, moves, none);
-    auto t1 = Stopwatch::now();
-    electAll(w.fl, f, moves, none);
-    auto t2 = Stopwatch::now();
-    state.SetIterationTime(secondsBetween(t0, t1));
-    fig.machineSeconds += secondsBetween(t0, t1);
-    fig.floorSeconds += secondsBetween(t1, t2);
-    fig.pairsHandled += double(f.pairs());
+    fig.timeBoth(
+        state, double(f.pairs()), [&] { electAll(w.m, f, moves, none); },
+        [&] { electAll(w.fl, f, moves, none); });
   }
   fig.publish(state, f);
 }
@@ -715,15 +724,9 @@ void BM_WithdrawAll(benchmark::State& state) {
     if (gCheckOnly) continue;
     electAll(w.m, f, 0, none);
     electAll(w.fl, f, 0, none);
-    auto t0 = Stopwatch::now();
-    withdrawAll(w.m, f, none);
-    auto t1 = Stopwatch::now();
-    withdrawAll(w.fl, f, none);
-    auto t2 = Stopwatch::now();
-    state.SetIterationTime(secondsBetween(t0, t1));
-    fig.machineSeconds += secondsBetween(t0, t1);
-    fig.floorSeconds += secondsBetween(t1, t2);
-    fig.pairsHandled += double(f.pairs());
+    fig.timeBoth(
+        state, double(f.pairs()), [&] { withdrawAll(w.m, f, none); },
+        [&] { withdrawAll(w.fl, f, none); });
   }
   fig.publish(state, f);
 }
