@@ -25,6 +25,7 @@
 #include <array>
 #include <charconv>
 #include <cstdint>
+#include <memory>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -82,7 +83,7 @@ class Value {
   explicit Value(std::string_view text) { parse(text); }
   template <class It>
   Value(It first, It last) {
-    parse(std::string_view(&*first, static_cast<std::size_t>(last - first)));
+    parse(std::string_view(std::to_address(first), static_cast<std::size_t>(last - first)));
   }
 
   template <std::size_t I>

@@ -358,6 +358,7 @@ void EvpnFloodingEsiSm::unprogramEsiHelper(Quil::IntfId logical, Quil::IntfId ph
 }
 
 void EvpnFloodingEsiSm::maybeScheduleUnprogrammedReview(bool immediate) {
+  OBA_TRACE8(th, "maybeScheduleUnprogrammedReview", " immediate " << immediate);
   if (!initialized()) return;
   KIV_ASSERT_TEXT(reviewUnprogrammed(), "task");
   scheduleUnprogrammedReview(*reviewUnprogrammed()->task(), immediate,

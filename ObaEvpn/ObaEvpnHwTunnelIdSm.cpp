@@ -101,6 +101,7 @@ void EvpnHwTunnelIdSm::programHwTunnelId(Quil::IntfId intf, Bridging::VlanId vla
 
 void EvpnHwTunnelIdSm::publishHwTunnelId(const TunnelId& tunnel) {
   OBA_TRACE8(th, "publishHwTunnelId", " TunnelId " << tunnel);
+  KIV_ASSERT(tunnelIdToHwTunnelIdMapping() && hwTunnelIdHelper());
   if (tunnelIdToHwTunnelIdMapping()->tunnelIdToHwTunnelId(tunnel).found) {
     OBA_TRACE5(th, "already programmed");
     return;
@@ -119,6 +120,7 @@ void EvpnHwTunnelIdSm::publishHwTunnelId(const TunnelId& tunnel) {
 
 void EvpnHwTunnelIdSm::unProgramHwTunnelId(Quil::IntfId intf, Bridging::VlanId vlan) {
   OBA_TRACE8(th, "unProgramHwTunnelId", " IntfId " << intf << " vlanId " << vlan);
+  KIV_ASSERT(tunnelIdToHwTunnelIdMapping() && hwTunnelIdHelper());
   IntfVlanKey key(intf, vlan);
   auto tunnel = intfVlanTunnel(key);
   if (!tunnel) return;  // the pair never got a tunnel

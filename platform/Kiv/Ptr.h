@@ -64,9 +64,10 @@ class Ptr {
     Ptr(p).swap(*this);
     return *this;
   }
+  // The pointer is cleared before the object may go, so its destructor never sees it through
+  // here.
   Ptr& operator=(std::nullptr_t) {
-    unref();
-    p_ = nullptr;
+    Ptr().swap(*this);
     return *this;
   }
 

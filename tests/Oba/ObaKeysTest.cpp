@@ -23,6 +23,8 @@ TEST(ObaKeys, PrintParseOrderAndHash) {
   EXPECT_EQ(Oba::IntfVlanTunnelKey(text.begin(), text.end()), k);
   EXPECT_THROW(Oba::IntfVlanKey(std::string_view("Value('Oba::IntfVlanKey', ** {'intfId': x})")),
                Kiv::RangeException);
+  const std::string empty;
+  EXPECT_THROW(Oba::IntfVlanKey(empty.begin(), empty.end()), Kiv::RangeException);
 
   // The interface decides before the VLAN is looked at; same interface: by VLAN number.
   Oba::IntfVlanKey e1v9(IntfId::ethernet(1), VlanId(9)), e2v1(IntfId::ethernet(2), VlanId(1)),
