@@ -17,6 +17,8 @@
 #include <sstream>
 
 #include "Kiv/Types.h"
+#include "Oba/ObaCommon.h"
+#include "sim/Rng.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
 #include "sim/SimLog.h"
@@ -25,206 +27,47 @@ namespace Sim {
 
 namespace {
 
-using Kind = Action::Kind;
 constexpr std::size_t npos = static_cast<std::size_t>(-1);
 
 // Where the run is, for a report when a machine's assertion aborts the process.
 volatile std::uint64_t abortSeed = 0;
 volatile std::uint64_t abortStep = 0;
 
-// ---- randomness ---------------------------------------------------------------------------------
+// ---- random actions -----------------------------------------------------------------------------
 
-// Spreads consecutive seeds over the generator's state space.
-std::uint64_t mix(std::uint64_t x) {
-  x += 0x9e3779b97f4a7c15ull;
-  x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
-  x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
-  return x ^ (x >> 31);
-}
-
-class Rng {
- public:
-  explicit Rng(std::uint64_t seed) : g_(mix(seed)) {}
-  std::uint64_t below(std::uint64_t n) { return g_() % n; }
-  bool chance(double p) { return static_cast<double>(g_() >> 11) * 0x1.0p-53 < p; }
-  template <class T>
-  const T& pick(const std::vector<T>& v) {
-    return v[below(v.size())];
-  }
-  // A delay in whole quarters of a second, so that every time of a run prints exactly.
-  double quarters(std::uint64_t max) { return static_cast<double>(below(max + 1)) * 0.25; }
-  std::uint64_t next() { return g_(); }
-
- private:
-  std::mt19937_64 g_;
+// The families of one seeded run, each with the world it drew.
+struct Worlds {
+  const Families& families;
+  std::vector<std::unique_ptr<FamilyFuzz>> fuzz;
+  std::vector<std::string> machines;  // what a restart may name: every family's, then "agent"
 };
 
-// ---- the world ----------------------------------------------------------------------------------
-
-// The names a seed plays with. Every physical port belongs to one segment only (a plain segment
-// is its own port; a LAG draws its members from ports of its own), as on a switch.
-struct World {
-  std::vector<Quil::IntfId> segments;
-  std::vector<Quil::IntfId> lags;
-  std::map<Quil::IntfId, std::vector<Quil::IntfId>> lagPorts;   // the ports a LAG may have
-  std::map<Quil::IntfId, std::vector<Quil::IntfId>> endpoints;  // a segment's remote endpoints
-  std::vector<Bridging::VlanId> vlans;
-};
-
-World makeWorld(Rng& r) {
-  World w;
-  std::vector<Quil::IntfId> teps;
-  for (std::uint64_t i = 1; i <= 6; ++i) {
-    teps.push_back(Quil::DynamicTunnelIntfId::intfId((1ull << 32) | i));
+// One roll over the kinds of every family (and the core's restart), in the families' order, then
+// the action of the kind drawn.
+Action randomAction(const Worlds& w, Rng& r, const FuzzOptions& o, bool initial,
+                    std::vector<std::pair<std::size_t, FamilyFuzz::Choice>>& table) {
+  constexpr std::size_t restart = npos;
+  table.clear();
+  std::vector<FamilyFuzz::Choice> choices;
+  for (std::size_t i = 0; i < w.fuzz.size(); ++i) {
+    choices.clear();
+    w.fuzz[i]->choices(initial, choices);
+    for (const auto& c : choices) table.emplace_back(i, c);
   }
-  std::uint32_t port = 1, lag = 1;
-  const std::uint64_t segments = 2 + r.below(4);
-  for (std::uint64_t s = 0; s < segments; ++s) {
-    Quil::IntfId seg;
-    if (r.chance(0.5)) {
-      seg = Quil::IntfId::portChannel(lag++);
-      auto& ports = w.lagPorts[seg];
-      for (std::uint64_t n = 1 + r.below(4); n > 0; --n)
-        ports.push_back(Quil::IntfId::ethernet(port++));
-      w.lags.push_back(seg);
-    } else {
-      seg = Quil::IntfId::ethernet(port++);
-    }
-    w.segments.push_back(seg);
-    // 1-4 endpoints of the six, shared between segments as peers are.
-    std::vector<Quil::IntfId> pool = teps;
-    auto& eps = w.endpoints[seg];
-    for (std::uint64_t n = 1 + r.below(4); n > 0; --n) {
-      std::size_t i = r.below(pool.size());
-      eps.push_back(pool[i]);
-      pool.erase(pool.begin() + static_cast<std::ptrdiff_t>(i));
-    }
-  }
-  std::vector<std::uint16_t> vlans{10, 20, 30, 40, 50};
-  for (std::uint64_t n = 2 + r.below(3); n > 0; --n) {
-    std::size_t i = r.below(vlans.size());
-    w.vlans.push_back(Bridging::VlanId(vlans[i]));
-    vlans.erase(vlans.begin() + static_cast<std::ptrdiff_t>(i));
-  }
-  return w;
-}
-
-Evpn::EncapTypeLabel remoteLabel(Rng& r) {
-  if (r.chance(0.85))
-    return Evpn::EncapTypeLabel(Evpn::EncapTypeLabel::encapTypeMpls, 1001 + r.below(3));
-  if (r.chance(0.5)) return Evpn::EncapTypeLabel(Evpn::EncapTypeLabel::encapTypeVxlan, 5001);
-  return Evpn::EncapTypeLabel(Evpn::EncapTypeLabel::encapTypeNone, 0);
-}
-
-Evpn::EncapTypeLabel localLabel(Rng& r) {
-  if (r.chance(0.85))
-    return Evpn::EncapTypeLabel(Evpn::EncapTypeLabel::encapTypeMpls, 2001 + r.below(3));
-  return Evpn::EncapTypeLabel();  // the empty label
-}
-
-Action randomAction(const World& w, Rng& r, const FuzzOptions& o, bool initial) {
-  // Relative weights of the kinds; LAG kinds need a LAG, restarts need --restarts and a started
-  // agent.
-  struct Weight {
-    Kind kind;
-    std::uint64_t weight;
-  };
-  static constexpr Weight weights[] = {
-      {Kind::designatedForwarder, 20},
-      {Kind::designatedForwarderDel, 7},
-      {Kind::remoteEsiLabel, 14},
-      {Kind::remoteEsiLabelDel, 3},
-      {Kind::localEsiLabel, 8},
-      {Kind::localEsiLabelDel, 2},
-      {Kind::lag, 8},
-      {Kind::lagDel, 2},
-      {Kind::segment, 2},
-      {Kind::segmentDel, 1},
-      {Kind::chipPool, 3},
-      {Kind::restart, 2},
-  };
-  auto allowed = [&](Kind k) {
-    if (k == Kind::lag || k == Kind::lagDel) return !w.lags.empty();
-    if (k == Kind::restart) return o.restarts && !initial;
-    return true;
-  };
+  // Restarts need --restarts and a started agent.
+  if (o.restarts && !initial) table.emplace_back(restart, FamilyFuzz::Choice{0, 2});
   std::uint64_t total = 0;
-  for (const auto& x : weights) total += allowed(x.kind) ? x.weight : 0;
+  for (const auto& [i, c] : table) total += c.weight;
   std::uint64_t roll = r.below(total);
-  Kind kind = Kind::designatedForwarder;
-  for (const auto& x : weights) {
-    if (!allowed(x.kind)) continue;
-    if (roll < x.weight) {
-      kind = x.kind;
-      break;
+  for (const auto& [i, c] : table) {
+    if (roll >= c.weight) {
+      roll -= c.weight;
+      continue;
     }
-    roll -= x.weight;
+    if (i != restart) return w.fuzz[i]->action(c.kind, r);
+    return restartAction(r.pick(w.machines));
   }
-
-  Action a;
-  a.kind = kind;
-  switch (kind) {
-    case Kind::designatedForwarder:
-      a.segment = r.pick(w.segments);
-      a.vlan = r.pick(w.vlans);
-      a.tep = r.pick(w.endpoints.at(a.segment));
-      break;
-    case Kind::designatedForwarderDel:
-      a.segment = r.pick(w.segments);
-      a.vlan = r.pick(w.vlans);
-      break;
-    case Kind::remoteEsiLabel:
-      a.segment = r.pick(w.segments);
-      a.tep = r.pick(w.endpoints.at(a.segment));
-      a.label = remoteLabel(r);
-      break;
-    case Kind::remoteEsiLabelDel:
-      a.segment = r.pick(w.segments);
-      a.tep = r.pick(w.endpoints.at(a.segment));
-      break;
-    case Kind::localEsiLabel:
-      a.segment = r.pick(w.segments);
-      a.label = localLabel(r);
-      break;
-    case Kind::localEsiLabelDel:
-    case Kind::segment:
-    case Kind::segmentDel:
-      a.segment = r.pick(w.segments);
-      break;
-    case Kind::lag:
-      a.segment = r.pick(w.lags);
-      for (Quil::IntfId p : w.lagPorts.at(a.segment)) {
-        if (r.chance(0.6)) a.members.push_back(p);
-      }
-      break;
-    case Kind::lagDel:
-      a.segment = r.pick(w.lags);
-      break;
-    case Kind::chipPool:
-      // Mostly around the starting size; now and then none at all.
-      a.count =
-          r.chance(0.1) ? 0 : static_cast<std::uint32_t>(1 + r.below(2 * std::uint64_t{o.pool}));
-      break;
-    case Kind::restart: {
-      static const char* const machines[] = {"hwTunnelId", "floodingEsi", "agent"};
-      a.machine = machines[r.below(3)];
-      break;
-    }
-    case Kind::chipRefuse:
-    case Kind::chipRefuseNone:
-      break;  // never drawn: the chip's faults come from its fault rate
-  }
-  return a;
-}
-
-Action refusalAction(Quil::IntfId port, Bridging::VlanId vlan) {
-  Action a;
-  a.kind = Kind::chipRefuse;
-  a.refusal.op = "createEsiData";
-  a.refusal.port = port;
-  a.refusal.vlan = vlan;
-  a.refusal.times = 1;
-  return a;
+  return w.fuzz[table.front().first]->action(table.front().second.kind, r);
 }
 
 // ---- the record of a run ------------------------------------------------------------------------
@@ -259,13 +102,13 @@ struct Record {
 // `replayable` is cleared when a fault cannot be placed (never seen so far: no create of a port
 // follows another of the same port without a point between them).
 Scenario materialize(const Record& rec, const std::vector<SoftwareChip::Fault>& faults,
-                     double checkAt, bool* replayable) {
-  std::map<std::size_t, std::vector<Action>> rules;                     // by point
+                     double checkAt, bool* replayable, const Families& families) {
+  std::map<std::size_t, std::vector<SoftwareChip::Refusal>> rules;      // by point
   std::map<std::uint64_t, std::pair<std::size_t, std::size_t>> ruleOf;  // fault's create -> rule
   for (const auto& f : faults) {
     if (auto prev = ruleOf.find(f.previousCreate); f.previousCreate && prev != ruleOf.end()) {
       // The previous create of this port was refused too: the same rule answers one more call.
-      ++rules[prev->second.first][prev->second.second].refusal.times;
+      ++rules[prev->second.first][prev->second.second].times;
       ruleOf[f.create] = prev->second;
       continue;
     }
@@ -278,14 +121,19 @@ Scenario materialize(const Record& rec, const std::vector<SoftwareChip::Fault>& 
     }
     const auto idx = static_cast<std::size_t>(std::prev(it) - rec.points.begin());
     auto& list = rules[idx];
-    list.push_back(refusalAction(f.port, f.vlan));
+    list.push_back(
+        SoftwareChip::Refusal{.op = std::string(f.op), .port = f.port, .vlan = f.vlan, .times = 1});
     ruleOf[f.create] = {idx, list.size() - 1};
   }
 
-  // Rules keyed by where they go.
+  // Rules as actions, keyed by where they go.
+  std::map<std::size_t, std::vector<Action>> actions;
+  for (const auto& [idx, list] : rules) {
+    for (const auto& r : list) actions[idx].push_back(refusalAction(r, families));
+  }
   std::map<std::pair<std::size_t, std::size_t>, std::vector<const Action*>> inStep;
   std::map<std::size_t, std::vector<std::pair<double, std::vector<const Action*>>>> before;
-  for (const auto& [idx, list] : rules) {
+  for (const auto& [idx, list] : actions) {
     const auto& p = rec.points[idx];
     std::vector<const Action*> ptrs;
     for (const auto& a : list) ptrs.push_back(&a);
@@ -303,6 +151,7 @@ Scenario materialize(const Record& rec, const std::vector<SoftwareChip::Fault>& 
   };
 
   Scenario s;
+  s.families = families;
   s.name = rec.scenario.name;
   s.description = rec.scenario.description;
   for (std::size_t i = 0; i <= rec.scenario.initial.size(); ++i) {
@@ -339,12 +188,25 @@ Scenario materialize(const Record& rec, const std::vector<SoftwareChip::Fault>& 
 
 // ---- one seed -----------------------------------------------------------------------------------
 
-bool reviewPending(const Kiv::Ptr<Mox::TimerTask>& task) { return task && task->taskScheduled(); }
+Worlds drawWorlds(const Families& families, Rng& r, const FuzzOptions& o) {
+  Worlds w{families, {}, {}};
+  for (const Family* f : families) {
+    w.fuzz.push_back(f->fuzzIs(r, o));
+    for (auto& m : f->machines()) w.machines.push_back(std::move(m));
+  }
+  w.machines.push_back("agent");
+  return w;
+}
 
 class SeedRun {
  public:
-  SeedRun(std::uint64_t seed, const FuzzOptions& o, Record* rec)
-      : seed_(seed), o_(o), rng_(seed), world_(makeWorld(rng_)), agent_(&log_), rec_(rec) {
+  SeedRun(std::uint64_t seed, const FuzzOptions& o, Record* rec, const Families& families)
+      : seed_(seed),
+        o_(o),
+        rng_(seed),
+        worlds_(drawWorlds(families, rng_, o)),
+        agent_(&log_, families),
+        rec_(rec) {
     // Nothing listens: the chip builds no call text and the agent keeps no call list.
     agent_.chip->callListenerIs(nullptr);
     agent_.chip->faultRateIs(o.faultRate, mix(seed ^ 0xfa017ull));
@@ -354,12 +216,13 @@ class SeedRun {
 
   // Runs every step, checking after each; the first failure ends the run.
   std::optional<FuzzFailure> run(FuzzResult* totals, std::uint64_t* stepsChecked) {
-    Action pool;
-    pool.kind = Kind::chipPool;
-    pool.count = o_.pool;
-    initial(pool);
+    for (const auto& f : worlds_.fuzz) {
+      for (const Action& a : f->setup()) initial(a);
+    }
     // The agent starts over inputs already published (its initial walk), or over none.
-    for (std::uint64_t n = r().below(40); n > 0; --n) initial(randomAction(world_, r(), o_, true));
+    for (std::uint64_t n = r().below(40); n > 0; --n) {
+      initial(randomAction(worlds_, r(), o_, true, table_));
+    }
     rec_->point({npos, rec_->scenario.initial.size(), 0, serial()});
     agent_.start();
     agent_.scheduler->runDue();
@@ -368,8 +231,8 @@ class SeedRun {
       if (step_ > 0) randomStep();
       if (!drain()) ++totals->drainsCut;
       ++*stepsChecked;
-      totals->entriesChecked += agent_.chip->esiData().size();
-      if (auto f = checkAgent(agent_, &totals->allowances)) {
+      for (const Family* f : agent_.families()) f->count(agent_, totals->counters);
+      if (auto f = checkAgent(agent_, &totals->counters)) {
         FuzzFailure out;
         out.seed = seed_;
         out.step = step_;
@@ -386,7 +249,7 @@ class SeedRun {
 
  private:
   Rng& r() { return rng_; }
-  std::uint64_t serial() const { return agent_.chip->createEsiDataSerial(); }
+  std::uint64_t serial() const { return agent_.chip->faultableSerial(); }
 
   void initial(const Action& a) {
     agent_.apply(a);
@@ -441,25 +304,21 @@ class SeedRun {
       const double at = now() + (r().chance(0.5) ? 0.0 : r().quarters(12));
       actions_.clear();
       for (std::uint64_t n = r().chance(0.8) ? 1 : 2 + r().below(2); n > 0; --n) {
-        actions_.push_back(randomAction(world_, r(), o_, false));
+        actions_.push_back(randomAction(worlds_, r(), o_, false, table_));
       }
       burst(at, actions_);
     }
   }
 
-  // Lets the reviews run until none is pending that could still change anything: the flooding
-  // machine's retries, and the tunnel-id machine's while the chip has an id to give. Bounded by
-  // twenty retry intervals: a chip that keeps refusing leaves ports parked, which the checks
-  // accept. Answers whether the reviews came to rest within the bound.
+  // Lets the reviews run until no family has one pending that could still change anything.
+  // Bounded by twenty retry intervals: a chip that keeps refusing leaves work parked, which the
+  // checks accept. Answers whether the reviews came to rest within the bound.
   bool drain() {
     const double start = now();
     while (now() - start <= 20 * Oba::unprogrammedRetryIntervalDefault) {
-      const bool flooding = agent_.floodingEsiSm && agent_.floodingEsiSm->reviewUnprogrammed() &&
-                            reviewPending(agent_.floodingEsiSm->reviewUnprogrammed()->task());
-      const bool hw = agent_.hwTunnelIdSm && agent_.hwTunnelIdSm->reviewUnprogrammed() &&
-                      reviewPending(agent_.hwTunnelIdSm->reviewUnprogrammed()->task()) &&
-                      freeHwTunnelId(*agent_.chip) != 0;
-      if (!flooding && !hw) return true;
+      bool busy = false;
+      for (const Family* f : agent_.families()) busy = busy || f->busy(agent_);
+      if (!busy) return true;
       auto due = agent_.scheduler->nextDueTime();
       if (!due) return true;
       pointBetweenRuns();
@@ -471,28 +330,28 @@ class SeedRun {
   std::uint64_t seed_;
   const FuzzOptions& o_;
   Rng rng_;
-  World world_;
+  Worlds worlds_;
   SimLog log_;
   HostAgent agent_;
   Record* rec_;
   std::uint32_t step_ = 0;
   std::vector<Action> actions_;
+  std::vector<std::pair<std::size_t, FamilyFuzz::Choice>> table_;
 };
 
 // ---- replay and shrinking -----------------------------------------------------------------------
 
 struct Replay {
   std::optional<CheckFailure> failure;
-  EsiComparison esi;
-  std::vector<std::string> mapping;  // the rows whose tunnels are in use
-  std::vector<std::string> hwIds;    // the ids those rows hold
+  // What the families expect at the end, each allowed difference taken as the chip has it.
+  std::vector<std::pair<std::string, std::vector<std::string>>> expected;
 };
 
 // Replays a scenario exactly as the scenario runner does, then checks the agent as the fuzzer
 // does after a step.
-Replay replay(const Scenario& s) {
+Replay replay(const Scenario& s, const Families& families) {
   SimLog quiet;
-  HostAgent agent(&quiet);
+  HostAgent agent(&quiet, families);
   agent.chip->callListenerIs(nullptr);
   for (const Action& a : s.initial) agent.apply(a);
   agent.start();
@@ -508,22 +367,9 @@ Replay replay(const Scenario& s) {
   }
   Replay out;
   out.failure = checkAgent(agent, nullptr);
-  out.esi = compareEsiData(agent, nullptr);
-  std::set<Tunnel::TunnelTable::TunnelId> inUse;
-  for (auto [intf, ess] : agent.evpnStatus->segmentStatusWalk()) {
-    for (auto [vlan, tep] : ess->designatedForwarderTepWalk()) {
-      inUse.insert(Tunnel::TunnelTable::TunnelId(Quil::DynamicTunnelIntfId::tunnelId(tep)));
-    }
+  for (const Family* f : families) {
+    for (auto& e : f->finalExpectations(agent)) out.expected.push_back(std::move(e));
   }
-  std::vector<std::uint32_t> ids;
-  for (auto [tunnel, row] : agent.mapping->tunnelIdToHwTunnelIdWalk()) {
-    if (!inUse.contains(tunnel)) continue;
-    out.mapping.push_back(row.compactString());
-    ids.push_back(row.hwTunnelId().value());
-  }
-  std::sort(out.mapping.begin(), out.mapping.end());
-  std::sort(ids.begin(), ids.end());
-  for (auto id : ids) out.hwIds.push_back(std::to_string(id));
   return out;
 }
 
@@ -535,7 +381,8 @@ std::size_t actionCount(const Scenario& s) {
 
 // Drops actions while the same check still fails: halves of the actions first, then quarters,
 // down to single actions, as long as the replay budget lasts. The last step (the check) stays.
-Scenario shrink(const Scenario& s, const std::string& check, std::uint64_t budget) {
+Scenario shrink(const Scenario& s, const std::string& check, std::uint64_t budget,
+                const Families& families) {
   // Every action by (step, index); step npos is `initial`.
   std::vector<std::pair<std::size_t, std::size_t>> units;
   for (std::size_t i = 0; i < s.initial.size(); ++i) units.emplace_back(npos, i);
@@ -544,6 +391,7 @@ Scenario shrink(const Scenario& s, const std::string& check, std::uint64_t budge
   }
   auto build = [&](const std::vector<std::pair<std::size_t, std::size_t>>& keep) {
     Scenario c;
+    c.families = s.families;
     c.name = s.name;
     c.description = s.description;
     std::size_t current = npos - 1;
@@ -565,7 +413,7 @@ Scenario shrink(const Scenario& s, const std::string& check, std::uint64_t budge
     return c;
   };
   auto fails = [&](const Scenario& c) {
-    auto r = replay(c);
+    auto r = replay(c, families);
     return r.failure && r.failure->check == check;
   };
 
@@ -603,59 +451,7 @@ std::string timeText(double t) {
 
 void writeAction(std::ostream& os, const Action& a) {
   os << "      - ";
-  switch (a.kind) {
-    case Kind::designatedForwarder:
-      os << "designatedForwarder: {segment: " << a.segment << ", vlan: " << a.vlan
-         << ", tep: " << a.tep << "}";
-      break;
-    case Kind::designatedForwarderDel:
-      os << "designatedForwarderDel: {segment: " << a.segment << ", vlan: " << a.vlan << "}";
-      break;
-    case Kind::remoteEsiLabel:
-      os << "remoteEsiLabel: {segment: " << a.segment << ", tep: " << a.tep
-         << ", label: " << a.label << "}";
-      break;
-    case Kind::remoteEsiLabelDel:
-      os << "remoteEsiLabelDel: {segment: " << a.segment << ", tep: " << a.tep << "}";
-      break;
-    case Kind::localEsiLabel:
-      os << "localEsiLabel: {segment: " << a.segment << ", label: " << a.label << "}";
-      break;
-    case Kind::localEsiLabelDel:
-      os << "localEsiLabelDel: " << a.segment;
-      break;
-    case Kind::segment:
-      os << "segment: " << a.segment;
-      break;
-    case Kind::segmentDel:
-      os << "segmentDel: " << a.segment;
-      break;
-    case Kind::lag: {
-      os << "lag: {lag: " << a.segment << ", members: [";
-      for (std::size_t i = 0; i < a.members.size(); ++i) os << (i ? ", " : "") << a.members[i];
-      os << "]}";
-      break;
-    }
-    case Kind::lagDel:
-      os << "lagDel: " << a.segment;
-      break;
-    case Kind::chipPool:
-      os << "chipPool: " << a.count;
-      break;
-    case Kind::chipRefuse:
-      os << "chipRefuse: {op: " << a.refusal.op;
-      if (a.refusal.port) os << ", port: " << *a.refusal.port;
-      if (a.refusal.vlan) os << ", vlan: " << *a.refusal.vlan;
-      if (a.refusal.times >= 0) os << ", times: " << a.refusal.times;
-      os << "}";
-      break;
-    case Kind::chipRefuseNone:
-      os << "chipRefuseNone: all";
-      break;
-    case Kind::restart:
-      os << "restart: " << a.machine;
-      break;
-  }
+  a.body->write(os);
   os << "\n";
 }
 
@@ -669,21 +465,34 @@ void writeLines(std::ostream& os, const char* key, const std::vector<std::string
   for (const auto& l : lines) os << "        - " << l << "\n";
 }
 
-std::string replayCommand(const FuzzOptions& o, std::uint64_t seed, std::uint32_t step) {
+std::string replayCommand(const FuzzOptions& o, std::uint64_t seed, std::uint32_t step,
+                          const Families& families) {
   std::ostringstream os;
   os << "oba-evpn-sim fuzz --seed " << seed << " --steps " << step << " --fault-rate "
      << o.faultRate << " --pool " << o.pool << (o.restarts ? " --restarts" : "");
-  if (auto n = SoftwareChip::canaryDropDeleteEsiData()) os << " --canary-drop-delete " << n;
+  for (const Family* f : families) {
+    for (const auto& flag : f->fuzzFlags()) {
+      if (std::string r = flag.replay ? flag.replay() : ""; !r.empty()) os << " " << r;
+    }
+  }
   return os.str();
 }
 
+bool visibleToScenario(const std::string& check, const Families& families) {
+  if (check == "ledger") return true;
+  for (const Family* f : families) {
+    if (f->visibleToScenario(check)) return true;
+  }
+  return false;
+}
+
 std::string scenarioText(const Scenario& s, const FuzzFailure& f, const FuzzOptions& o,
-                         const Replay& end) {
+                         const Replay& end, const Families& families) {
   std::ostringstream os;
   os << "# Written by oba-evpn-sim fuzz. Seed " << f.seed << " failed the " << f.failure.check
      << " check after step " << f.step << " (time " << timeText(f.time) << "):\n";
   for (const auto& l : f.failure.lines) os << "#   " << l << "\n";
-  os << "# The run again: " << replayCommand(o, f.seed, f.step) << "\n";
+  os << "# The run again: " << replayCommand(o, f.seed, f.step, families) << "\n";
   if (f.shrunkActions < f.actions && end.failure) {
     os << "# Shrunk to " << f.shrunkActions << " of its " << f.actions << " actions, the "
        << end.failure->check << " check finds:\n";
@@ -692,7 +501,7 @@ std::string scenarioText(const Scenario& s, const FuzzFailure& f, const FuzzOpti
   os << "# The chip's injected faults are the chipRefuse rules, each for the next create(s) of "
         "one\n"
         "# port and VLAN. The last step expects what the inputs call for (docs/convergence.md).\n";
-  if (f.failure.check != "esiData" && f.failure.check != "ledger" && f.failure.check != "mapping") {
+  if (!visibleToScenario(f.failure.check, families)) {
     os << "# The failed check looks inside a machine, which --check cannot see: run it again.\n";
   }
   if (!f.replayable) {
@@ -722,11 +531,7 @@ std::string scenarioText(const Scenario& s, const FuzzFailure& f, const FuzzOpti
     }
     if (i + 1 == s.steps.size()) {
       os << "    expect:\n";
-      std::vector<std::string> esi;
-      for (const auto& [key, e] : end.esi.wanted) esi.push_back(esiLine(key, e));
-      writeLines(os, "esiData", esi);
-      writeLines(os, "mapping", end.mapping);
-      writeLines(os, "hwTunnelIds", end.hwIds);
+      for (const auto& [table, lines] : end.expected) writeLines(os, table.c_str(), lines);
       writeLines(os, "violations", {});
     }
   }
@@ -737,18 +542,19 @@ std::string scenarioText(const Scenario& s, const FuzzFailure& f, const FuzzOpti
 // scenario runner. Fills in the failure's file fields.
 void writeScenario(const Record& rec, const HostAgent& agent, const FuzzOptions& o, FuzzFailure& f,
                    std::ostream* summary) {
-  Scenario s = materialize(rec, agent.chip->faults(), f.time, &f.replayable);
+  const Families& families = agent.families();
+  Scenario s = materialize(rec, agent.chip->faults(), f.time, &f.replayable, families);
   f.actions = actionCount(s);
   // The run as recorded must fail the same way when replayed, before any shrinking.
-  Replay whole = replay(s);
+  Replay whole = replay(s, families);
   if (!whole.failure || whole.failure->check != f.failure.check) f.replayable = false;
   if (o.shrink && f.replayable) {
     if (summary) *summary << "shrinking " << f.actions << " actions...\n" << std::flush;
-    s = shrink(s, f.failure.check, o.shrinkReplays);
+    s = shrink(s, f.failure.check, o.shrinkReplays, families);
   }
   f.shrunkActions = actionCount(s);
-  Replay end = replay(s);
-  const std::string text = scenarioText(s, f, o, end);
+  Replay end = replay(s, families);
+  const std::string text = scenarioText(s, f, o, end, families);
 
   std::error_code ec;
   std::filesystem::create_directories(o.outDir, ec);
@@ -764,7 +570,7 @@ void writeScenario(const Record& rec, const HostAgent& agent, const FuzzOptions&
   // What `oba-evpn-sim --check` does with it.
   try {
     SimLog quiet;
-    RunResult r = runScenario(readScenarioFile(path), quiet, RunOptions{.check = true});
+    RunResult r = runScenario(readScenarioFile(path, families), quiet, RunOptions{.check = true});
     f.checkFails = !r.ok();
   } catch (const std::exception& e) {
     if (summary) *summary << path << ": " << e.what() << "\n";
@@ -780,40 +586,44 @@ std::string decimals(double v, int n) {
   return os.str();
 }
 
-void printAllowances(std::ostream& os, const Allowances& a) {
-  os << "allowed: " << a.parkedPort << " parked ports, " << a.staleLocalLabel
-     << " stale local labels, " << a.nonMplsRemote << " non-MPLS remote labels";
-}
-
 // ---- the command line ---------------------------------------------------------------------------
 
 const char* const fuzzUsage = R"(usage: oba-evpn-sim fuzz [options]
 
 Randomized convergence: each seed builds a random world and applies random steps to the host
-agent (designated forwarders, ESI labels, LAG members and segments come and go, time passes, the
-chip refuses creates and its tunnel-id pool changes, machines restart). After every step the
-reviews drain and the agent must be where its inputs call for (docs/convergence.md). A failing
-seed stops the run: its seed, step and differences are printed and the run is written, shrunk, as
-a scenario file that `oba-evpn-sim --check` replays.
+agent (every machine family's inputs come and go, time passes, the chip refuses creates and its
+pools change, machines restart). After every step the reviews drain and the agent must be where
+its inputs call for (docs/convergence.md). A failing seed stops the run: its seed, step and
+differences are printed and the run is written, shrunk, as a scenario file that
+`oba-evpn-sim --check` replays.
 
 options:
   --seeds N          run seeds 1..N (default 100)
   --seed S           run seed S only
   --first-seed S     start at seed S (with --seeds: S..S+N-1)
   --steps K          steps per seed (default 1000)
-  --fault-rate P     probability that the chip refuses a createEsiData (default 0.1)
+  --fault-rate P     probability that the chip refuses a create (default 0.1)
   --pool N           hardware tunnel ids at the start of a seed (default 4)
   --restarts         steps may restart a machine or the whole agent
   --out DIR          where a failing run's scenario goes (default .)
   --no-shrink        write a failing run whole
   --batch N          seeds per summary line (default 100)
   --progress         a progress line on standard error (default: when it is a terminal)
-  --canary-drop-delete N
-                     test the checks: the chip loses its N-th deleteEsiData
-  --help             this text
+)";
+const char* const fuzzUsageEnd = R"(  --help             this text
 
 exit status: 0 every seed converged, 1 a seed failed, 2 bad arguments
 )";
+
+void printUsage(std::ostream& os, const Families& families) {
+  os << fuzzUsage;
+  for (const Family* f : families) {
+    for (const auto& flag : f->fuzzFlags()) {
+      os << "  " << flag.name << " " << flag.arg << "\n                     " << flag.help << "\n";
+    }
+  }
+  os << fuzzUsageEnd;
+}
 
 void appendNumber(char*& p, std::uint64_t v) {
   char digits[24];
@@ -851,7 +661,19 @@ bool parseNumber(const char* s, T& out) {
 
 }  // namespace
 
-FuzzResult fuzz(const FuzzOptions& o, std::ostream* summary, std::ostream* progress) {
+std::optional<CheckFailure> checkAgent(const HostAgent& agent, Counters* counters) {
+  std::vector<std::string> ledger;
+  for (const auto& v : agent.chip->violations()) ledger.push_back("violation: " + v.text);
+  for (const Family* f : agent.families()) f->ledger(agent, ledger);
+  if (!ledger.empty()) return CheckFailure{"ledger", std::move(ledger)};
+  for (const Family* f : agent.families()) {
+    if (auto failure = f->check(agent, counters)) return failure;
+  }
+  return std::nullopt;
+}
+
+FuzzResult fuzz(const FuzzOptions& o, std::ostream* summary, std::ostream* progress,
+                const Families& families) {
   FuzzResult result;
   const auto start = std::chrono::steady_clock::now();
   auto elapsed = [&] {
@@ -866,10 +688,10 @@ FuzzResult fuzz(const FuzzOptions& o, std::ostream* summary, std::ostream* progr
     std::uint64_t steps = 0;
     std::optional<FuzzFailure> failure;
     {
-      SeedRun run(seed, o, &rec);
+      SeedRun run(seed, o, &rec, families);
       failure = run.run(&result, &steps);
       result.faultsInjected += run.agent().chip->faults().size();
-      result.esiCreates += run.agent().chip->createEsiDataSerial();
+      result.creates += run.agent().chip->faultableSerial();
       if (failure) writeScenario(rec, run.agent(), o, *failure, summary);
     }
     ++result.seedsRun;
@@ -906,7 +728,7 @@ FuzzResult fuzz(const FuzzOptions& o, std::ostream* summary, std::ostream* progr
     *summary << "FAIL seed " << f->seed << " at step " << f->step << " (time " << timeText(f->time)
              << "): the " << f->failure.check << " check fails\n";
     for (const auto& l : f->failure.lines) *summary << "  " << l << "\n";
-    *summary << "the run: " << replayCommand(o, f->seed, f->step) << "\n";
+    *summary << "the run: " << replayCommand(o, f->seed, f->step, families) << "\n";
     if (f->scenarioPath.empty()) {
       *summary << "no scenario file written\n";
     } else {
@@ -916,11 +738,15 @@ FuzzResult fuzz(const FuzzOptions& o, std::ostream* summary, std::ostream* progr
                << (f->replayable ? "" : "; some faults could not be stated as rules") << "\n";
     }
   } else {
-    *summary << result.seedsRun << " seeds, " << result.stepsChecked << " steps checked, "
-             << result.entriesChecked << " ESI entries compared, " << result.esiCreates
-             << " creates, " << result.faultsInjected << " refused, " << result.drainsCut
-             << " drains cut at the bound, " << decimals(result.seconds, 2) << " s; ";
-    printAllowances(*summary, result.allowances);
+    *summary << result.seedsRun << " seeds, " << result.stepsChecked << " steps checked, ";
+    for (const Family* f : families) f->printCounts(result.counters, *summary);
+    *summary << result.creates << " creates, " << result.faultsInjected << " refused, "
+             << result.drainsCut << " drains cut at the bound, " << decimals(result.seconds, 2)
+             << " s";
+    for (const Family* f : families) {
+      *summary << "; ";
+      f->printAllowances(result.counters, *summary);
+    }
     *summary << "\n";
   }
   return result;
@@ -929,8 +755,12 @@ FuzzResult fuzz(const FuzzOptions& o, std::ostream* summary, std::ostream* progr
 int fuzzMain(int argc, char** argv) {
   FuzzOptions o;
   bool progress = ::isatty(2) != 0;
-  std::uint64_t canary = 0;
   bool seedGiven = false;
+  const Families& families = registeredFamilies();
+  std::vector<FuzzFlag> flags;
+  for (const Family* f : families) {
+    for (auto& flag : f->fuzzFlags()) flags.push_back(std::move(flag));
+  }
   for (int i = 2; i < argc; ++i) {
     const std::string a = argv[i];
     auto value = [&](auto& out) {
@@ -942,7 +772,7 @@ int fuzzMain(int argc, char** argv) {
       return true;
     };
     if (a == "--help" || a == "-h") {
-      std::cout << fuzzUsage;
+      printUsage(std::cout, families);
       return 0;
     } else if (a == "--seeds") {
       if (!value(o.seeds)) return 2;
@@ -963,8 +793,6 @@ int fuzzMain(int argc, char** argv) {
       if (!value(o.pool)) return 2;
     } else if (a == "--batch") {
       if (!value(o.batch)) return 2;
-    } else if (a == "--canary-drop-delete") {
-      if (!value(canary)) return 2;
     } else if (a == "--restarts") {
       o.restarts = true;
     } else if (a == "--no-shrink") {
@@ -977,13 +805,21 @@ int fuzzMain(int argc, char** argv) {
         return 2;
       }
       o.outDir = argv[++i];
+    } else if (auto flag = std::find_if(flags.begin(), flags.end(),
+                                        [&](const FuzzFlag& f) { return f.name == a; });
+               flag != flags.end()) {
+      if (i + 1 >= argc || !flag->set(argv[i + 1])) {
+        std::cerr << "oba-evpn-sim fuzz: " << a << " needs " << flag->arg << "\n";
+        return 2;
+      }
+      ++i;
     } else {
-      std::cerr << "oba-evpn-sim fuzz: unknown option " << a << "\n" << fuzzUsage;
+      std::cerr << "oba-evpn-sim fuzz: unknown option " << a << "\n";
+      printUsage(std::cerr, families);
       return 2;
     }
   }
   if (seedGiven) o.seeds = 1;
-  SoftwareChip::canaryDropDeleteEsiDataIs(canary);
   std::signal(SIGABRT, onAbort);
   FuzzResult r = fuzz(o, &std::cout, progress ? &std::cerr : nullptr);
   std::signal(SIGABRT, SIG_DFL);

@@ -1,10 +1,9 @@
 #pragma once
-// `oba-evpn-sim fuzz`: randomized convergence. Each seed builds a random world (segments, LAG and
-// not, their remote endpoints, a few VLANs, LAG member ports) and throws a storm of random steps
-// at the host agent: designated forwarders, ESI labels and LAG members come and go, time passes,
-// the chip refuses creates at a seeded fault rate, its hardware tunnel-id pool shrinks and grows,
-// machines restart. After every step the review tasks drain and the checks of sim/FuzzCheck.h
-// must hold. A seed replays exactly from its number.
+// `oba-evpn-sim fuzz`: randomized convergence. Each seed draws a random world from every family
+// (segments, LAGs, endpoints, VLANs, ...) and throws a storm of random steps at the host agent:
+// the families' inputs change, time passes, the chip refuses creates at a seeded fault rate,
+// machines restart. After every step the review tasks drain and every family's checks must hold.
+// A seed replays exactly from its number.
 //
 //   Sim::FuzzOptions o;
 //   o.seeds = 200; o.steps = 1000; o.faultRate = 0.1; o.restarts = true;
@@ -22,7 +21,8 @@
 #include <string>
 #include <vector>
 
-#include "sim/FuzzCheck.h"
+#include "sim/Family.h"
+#include "sim/HostAgent.h"
 
 namespace Sim {
 
@@ -30,7 +30,7 @@ struct FuzzOptions {
   std::uint64_t firstSeed = 1;
   std::uint64_t seeds = 100;           // seeds firstSeed .. firstSeed + seeds - 1
   std::uint32_t steps = 1000;          // per seed
-  double faultRate = 0.1;              // probability that the chip refuses a createEsiData
+  double faultRate = 0.1;              // probability that the chip refuses a create
   std::uint32_t pool = 4;              // hardware tunnel ids at the start of each seed
   bool restarts = false;               // steps may restart a machine or the whole agent
   bool shrink = true;                  // shrink a failing run before writing it
@@ -55,17 +55,21 @@ struct FuzzResult {
   std::uint64_t seedsRun = 0;
   std::uint64_t stepsChecked = 0;
   std::uint64_t faultsInjected = 0;
-  std::uint64_t esiCreates = 0;      // createEsiData calls the chip answered
-  std::uint64_t entriesChecked = 0;  // chip ESI entries compared, summed over the checks
-  std::uint64_t drainsCut = 0;       // steps whose reviews were still busy after the bound
-  Allowances allowances;
+  std::uint64_t creates = 0;    // calls the chip's faults could hit, refused or not
+  std::uint64_t drainsCut = 0;  // steps whose reviews were still busy after the bound
+  Counters counters;            // the families' tallies
   double seconds = 0;
   std::optional<FuzzFailure> failure;
 };
 
 // Runs the seeds; summary lines go to `summary`, a progress line to `progress` (either may be
 // null). Stops at the first failing seed.
-FuzzResult fuzz(const FuzzOptions& options, std::ostream* summary, std::ostream* progress);
+FuzzResult fuzz(const FuzzOptions& options, std::ostream* summary, std::ostream* progress,
+                const Families& families = registeredFamilies());
+
+// Every check in turn on a drained agent: the chip's ledger (its violations and each family's
+// balance), then each family's own; the first that fails. `counters` may be null.
+std::optional<CheckFailure> checkAgent(const HostAgent& agent, Counters* counters);
 
 // The subcommand: `oba-evpn-sim fuzz [options]`, argv[1] being "fuzz". Exit status 0 when every
 // seed converged, 1 when one failed, 2 on bad arguments.

@@ -1,22 +1,18 @@
 #pragma once
 // The host agent of the simulator: what a forwarding agent on a switch does around the library.
-// It owns the inputs (EVPN status, the agent's common data), the output table the hardware
-// tunnel-id machine writes and the flooding machine reads, the software chip, one scheduler on a
-// virtual clock, and the state machines, wired as on a switch. It can restart one machine (destroy
-// it and build it again over the same inputs) or the whole agent; after a restart of the flooding
-// machine it deletes the ESI data that the new incarnation does not hold as programmed.
+// The core holds one scheduler on a virtual clock, the software chip and the log; each family
+// adds its inputs, outputs and machines (FamilyAgent), wired as on a switch. The agent applies a
+// scenario's actions, starts the machines family by family, and restarts one machine or the
+// whole agent.
 
+#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "Evpn/EvpnStatus.h"
 #include "Kiv/Clock.h"
 #include "Mox/TaskScheduler.h"
-#include "Oba/ObaCommon.h"
-#include "Oba/TunnelIdToHwTunnelIdMapping.h"
-#include "ObaEvpn/ObaEvpnFloodingEsiSm.h"
-#include "ObaEvpn/ObaEvpnHwTunnelIdSm.h"
-#include "sim/Scenario.h"
+#include "sim/Family.h"
 #include "sim/SimLog.h"
 #include "sim/SoftwareChip.h"
 
@@ -24,46 +20,52 @@ namespace Sim {
 
 class HostAgent {
  public:
-  explicit HostAgent(SimLog* log);
+  explicit HostAgent(SimLog* log, const Families& families = registeredFamilies());
   ~HostAgent();
   HostAgent(const HostAgent&) = delete;
   HostAgent& operator=(const HostAgent&) = delete;
 
-  // Builds the machines over the inputs as they are now.
+  // Builds the machines over the inputs as they are now, family by family.
   void start();
-  // "hwTunnelId", "floodingEsi" or "agent".
+  // A machine by its family's name for it, or "agent": every machine, over a chip that resets.
   void restart(const std::string& machine);
-  // Changes an input or the chip, as a scenario step says.
-  void apply(const Action& a);
+  void apply(const Action& a) { a.apply(*this); }
 
   double now() const { return clock->now(); }
   // The chip calls made since the last take, as their texts.
   std::vector<std::string> takeCalls();
-  // The chip's and the output table's contents, one line per entry, sorted.
-  std::vector<std::string> esiDataLines() const;
-  std::vector<std::string> mappingLines() const;
-  std::vector<std::string> hwTunnelIdLines() const;
   std::vector<std::string> violationLines() const;
+  // A table expectation's lines, from the family that offers the table.
+  std::vector<std::string> tableLines(std::string_view table) const;
+  // The final state: every family's chip tables, the chip's violations, every family's outputs.
+  void printState(std::ostream& os) const;
+
+  // A line of the log, from the agent or one of its families.
+  SimLog& log() const { return *log_; }
+  void note(std::string_view source, std::string_view text) { log_->add(now(), source, text); }
+
+  const Families& families() const { return families_; }
+  // A family's part, by its type: agent.family<TunnelEsiAgent>().
+  template <class T>
+  T& family() const {
+    for (const auto& f : agents_) {
+      if (auto* t = dynamic_cast<T*>(f.get())) return *t;
+    }
+    throw std::logic_error("the agent has no such family");
+  }
 
   const Kiv::Ptr<Kiv::VirtualClock> clock;
   const Kiv::Ptr<Mox::TaskScheduler> scheduler;
   const Kiv::Ptr<SoftwareChip> chip;
-  const Kiv::Ptr<Evpn::EvpnStatus> evpnStatus;
-  const Kiv::Ptr<Oba::ObaCommonSmData> acsd;
-  const Kiv::Ptr<Oba::TunnelIdToHwTunnelIdMapping> mapping;
-  Kiv::Ptr<Oba::EvpnHwTunnelIdSm> hwTunnelIdSm;
-  Kiv::Ptr<Oba::EvpnFloodingEsiSm> floodingEsiSm;
 
  private:
-  class MappingLog;
-  void startHwTunnelIdSm();
-  void startFloodingEsiSm();
-  void reconcileEsiData();
-  void note(std::string_view source, std::string_view text) { log_->add(now(), source, text); }
-
   SimLog* log_;
+  Families families_;
+  std::vector<std::unique_ptr<FamilyAgent>> agents_;
   std::vector<std::string> calls_;
-  std::unique_ptr<MappingLog> mappingLog_;
 };
+
+// "  <line>\n" per line, or "    (none)": the blocks of --state and of a failed expectation.
+std::string block(const std::vector<std::string>& lines);
 
 }  // namespace Sim

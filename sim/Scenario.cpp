@@ -1,338 +1,358 @@
 #include "sim/Scenario.h"
 
-#include <yaml-cpp/yaml.h>
-
+#include <algorithm>
 #include <fstream>
-#include <functional>
 #include <map>
-#include <set>
+#include <memory>
 #include <sstream>
 
+#include "Kiv/Trace.h"
 #include "Kiv/Types.h"
 #include "Tunnel/TunnelId.h"
+#include "sim/HostAgent.h"
 
 namespace Sim {
 
+// ---- the reader's value types -------------------------------------------------------------------
+
+double Reader::number(const YAML::Node& n, const std::string& what) const {
+  return parsed(n, what, [&](const std::string& s) {
+    std::size_t used = 0;
+    double v = 0;
+    try {
+      v = std::stod(s, &used);
+    } catch (const std::exception&) {
+      used = 0;
+    }
+    if (used != s.size() || v < 0) throw Kiv::RangeException(s);
+    return v;
+  });
+}
+
+std::uint32_t Reader::count(const YAML::Node& n, const std::string& what) const {
+  double v = number(n, what);
+  if (v != static_cast<double>(static_cast<std::uint32_t>(v))) fail(n, "expected " + what);
+  return static_cast<std::uint32_t>(v);
+}
+
+Quil::IntfId Reader::segment(const YAML::Node& n) const {
+  auto intf = parsed(n, "a segment interface (EthernetN or Port-ChannelN)", Quil::IntfId::parse);
+  if (!intf.isEthernet() && !intf.isPortChannel()) {
+    fail(n, "expected a segment interface (EthernetN or Port-ChannelN)");
+  }
+  return intf;
+}
+
+Quil::IntfId Reader::lag(const YAML::Node& n) const {
+  auto intf = parsed(n, "a LAG (Port-ChannelN)", Quil::IntfId::parse);
+  if (!intf.isPortChannel()) fail(n, "expected a LAG (Port-ChannelN)");
+  return intf;
+}
+
+Quil::IntfId Reader::port(const YAML::Node& n) const {
+  auto intf = parsed(n, "a physical port (EthernetN)", Quil::IntfId::parse);
+  if (!intf.isEthernet()) fail(n, "expected a physical port (EthernetN)");
+  return intf;
+}
+
+Quil::IntfId Reader::tep(const YAML::Node& n) const {
+  const char* what = "a tunnel endpoint (DynTunnelT.I, with T at most 65535)";
+  auto intf = parsed(n, what, Quil::IntfId::parse);
+  if (!intf.isDynamicTunnel() ||
+      Quil::DynamicTunnelIntfId::tunnelId(intf) > Tunnel::TunnelTable::TunnelId::maxValue) {
+    fail(n, std::string("expected ") + what);
+  }
+  return intf;
+}
+
+Bridging::VlanId Reader::vlan(const YAML::Node& n) const {
+  auto v = parsed(n, "a VLAN (1-4094)", Bridging::VlanId::parse);
+  if (!v.isValid()) fail(n, "expected a VLAN (1-4094)");
+  return v;
+}
+
+Evpn::EncapTypeLabel Reader::label(const YAML::Node& n) const {
+  return parsed(n, "an ESI label (mpls:N, vxlan:N or none:N)", Evpn::EncapTypeLabel::parse);
+}
+
+void Reader::onlyKeys(const YAML::Node& m, const std::vector<std::string>& keys,
+                      const std::string& what) const {
+  if (!m.IsMap()) fail(m, "expected a map for " + what);
+  for (const auto& kv : m) {
+    std::string k = kv.first.Scalar();
+    bool known = false;
+    for (const auto& key : keys) known |= k == key;
+    if (known) continue;
+    std::string list;
+    for (const auto& key : keys) list += (list.empty() ? "" : ", ") + key;
+    fail(kv.first, "unknown key '" + k + "' in " + what + " (expected: " + list + ")");
+  }
+}
+
 namespace {
 
-using Kind = Action::Kind;
+// ---- the core's actions: the chip's refusal rules and restarts ----------------------------------
 
-// Turns YAML nodes into scenario values, naming the file and line of anything that is not what
-// it should be.
-class Reader {
+class ChipRefuse : public ActionBody {
  public:
-  explicit Reader(const std::string& file) : file_(file) {}
-
-  [[noreturn]] void fail(const YAML::Node& n, const std::string& what) const {
-    throw ScenarioError(file_, n.Mark().line + 1, what);
+  ChipRefuse(SoftwareChip::Refusal r, const ChipOperation& op) : r_(std::move(r)), op_(op) {}
+  void apply(HostAgent& agent) const override { agent.chip->refusalIs(r_); }
+  void write(std::ostream& os) const override {
+    os << "chipRefuse: {op: " << r_.op;
+    if (r_.port) os << ", port: " << *r_.port;
+    if (r_.vlan) os << ", vlan: " << *r_.vlan;
+    if (r_.times >= 0) os << ", times: " << r_.times;
+    if (r_.rc != op_.defaultRc) os << ", rc: " << op_.rcText(r_.rc);
+    os << "}";
   }
-
-  std::string scalar(const YAML::Node& n, const std::string& what) const {
-    if (!n.IsScalar()) fail(n, "expected " + what);
-    return n.Scalar();
-  }
-
-  template <class F>
-  auto parsed(const YAML::Node& n, const std::string& what, F parse) const {
-    std::string s = scalar(n, what);
-    try {
-      return parse(s);
-    } catch (const Kiv::RangeException& e) {
-      fail(n, "expected " + what + ", got '" + s + "'");
-    }
-  }
-
-  double number(const YAML::Node& n, const std::string& what) const {
-    return parsed(n, what, [&](const std::string& s) {
-      std::size_t used = 0;
-      double v = 0;
-      try {
-        v = std::stod(s, &used);
-      } catch (const std::exception&) {
-        used = 0;
-      }
-      if (used != s.size() || v < 0) throw Kiv::RangeException(s);
-      return v;
-    });
-  }
-
-  std::uint32_t count(const YAML::Node& n, const std::string& what) const {
-    double v = number(n, what);
-    if (v != static_cast<double>(static_cast<std::uint32_t>(v))) fail(n, "expected " + what);
-    return static_cast<std::uint32_t>(v);
-  }
-
-  Quil::IntfId segment(const YAML::Node& n) const {
-    auto intf = parsed(n, "a segment interface (EthernetN or Port-ChannelN)", Quil::IntfId::parse);
-    if (!intf.isEthernet() && !intf.isPortChannel()) {
-      fail(n, "expected a segment interface (EthernetN or Port-ChannelN)");
-    }
-    return intf;
-  }
-  Quil::IntfId lag(const YAML::Node& n) const {
-    auto intf = parsed(n, "a LAG (Port-ChannelN)", Quil::IntfId::parse);
-    if (!intf.isPortChannel()) fail(n, "expected a LAG (Port-ChannelN)");
-    return intf;
-  }
-  Quil::IntfId port(const YAML::Node& n) const {
-    auto intf = parsed(n, "a physical port (EthernetN)", Quil::IntfId::parse);
-    if (!intf.isEthernet()) fail(n, "expected a physical port (EthernetN)");
-    return intf;
-  }
-  Quil::IntfId tep(const YAML::Node& n) const {
-    const char* what = "a tunnel endpoint (DynTunnelT.I, with T at most 65535)";
-    auto intf = parsed(n, what, Quil::IntfId::parse);
-    if (!intf.isDynamicTunnel() ||
-        Quil::DynamicTunnelIntfId::tunnelId(intf) > Tunnel::TunnelTable::TunnelId::maxValue) {
-      fail(n, std::string("expected ") + what);
-    }
-    return intf;
-  }
-  Bridging::VlanId vlan(const YAML::Node& n) const {
-    auto v = parsed(n, "a VLAN (1-4094)", Bridging::VlanId::parse);
-    if (!v.isValid()) fail(n, "expected a VLAN (1-4094)");
-    return v;
-  }
-  Evpn::EncapTypeLabel label(const YAML::Node& n) const {
-    return parsed(n, "an ESI label (mpls:N, vxlan:N or none:N)", Evpn::EncapTypeLabel::parse);
-  }
-
-  // The value of `key` in map `m`; a missing required key is an error at the map.
-  YAML::Node field(const YAML::Node& m, const char* key) const {
-    YAML::Node v = m[key];
-    if (!v) fail(m, std::string("missing '") + key + "'");
-    return v;
-  }
-  void onlyKeys(const YAML::Node& m, std::initializer_list<const char*> keys,
-                const std::string& what) const {
-    if (!m.IsMap()) fail(m, "expected a map for " + what);
-    for (const auto& kv : m) {
-      std::string k = kv.first.Scalar();
-      bool known = false;
-      for (const char* key : keys) known |= k == key;
-      if (known) continue;
-      std::string list;
-      for (const char* key : keys) list += std::string(list.empty() ? "" : ", ") + key;
-      fail(kv.first, "unknown key '" + k + "' in " + what + " (expected: " + list + ")");
-    }
-  }
-  std::vector<std::string> lines(const YAML::Node& n, const std::string& what) const {
-    std::vector<std::string> out;
-    if (n.IsScalar() && (n.Scalar() == "none" || n.Scalar() == "0")) return out;
-    if (!n.IsSequence()) fail(n, "expected a list of " + what + " (or none)");
-    for (const auto& item : n) out.push_back(scalar(item, what));
-    return out;
-  }
-
-  Action action(const YAML::Node& n) const;
-  Expectation expectation(const std::string& key, const YAML::Node& n) const;
 
  private:
-  const std::string& file_;
+  SoftwareChip::Refusal r_;
+  ChipOperation op_;
 };
 
-const std::map<std::string, Kind>& actionKinds() {
-  static const std::map<std::string, Kind> kinds{
-      {"designatedForwarder", Kind::designatedForwarder},
-      {"designatedForwarderDel", Kind::designatedForwarderDel},
-      {"remoteEsiLabel", Kind::remoteEsiLabel},
-      {"remoteEsiLabelDel", Kind::remoteEsiLabelDel},
-      {"localEsiLabel", Kind::localEsiLabel},
-      {"localEsiLabelDel", Kind::localEsiLabelDel},
-      {"segment", Kind::segment},
-      {"segmentDel", Kind::segmentDel},
-      {"lag", Kind::lag},
-      {"lagDel", Kind::lagDel},
-      {"chipPool", Kind::chipPool},
-      {"chipRefuse", Kind::chipRefuse},
-      {"chipRefuseNone", Kind::chipRefuseNone},
-      {"restart", Kind::restart},
-  };
-  return kinds;
+class ChipRefuseNone : public ActionBody {
+ public:
+  void apply(HostAgent& agent) const override { agent.chip->refusalDelAll(); }
+  void write(std::ostream& os) const override { os << "chipRefuseNone: all"; }
+};
+
+class Restart : public ActionBody {
+ public:
+  explicit Restart(std::string machine) : machine_(std::move(machine)) {}
+  void apply(HostAgent& agent) const override { agent.restart(machine_); }
+  void write(std::ostream& os) const override { os << "restart: " << machine_; }
+  bool needsStartedAgent() const override { return true; }
+
+ private:
+  std::string machine_;
+};
+
+std::vector<ChipOperation> chipOperations(const Families& families) {
+  std::vector<ChipOperation> out;
+  for (const Family* f : families) {
+    for (auto& op : f->chipOperations()) out.push_back(std::move(op));
+  }
+  return out;
 }
 
-Action Reader::action(const YAML::Node& n) const {
-  if (!n.IsMap() || n.size() != 1) {
-    fail(n, "expected an action: a map with one key such as 'designatedForwarder'");
+// "a, b or c"
+std::string alternatives(const std::vector<std::string>& names) {
+  std::string out;
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    out += (i == 0 ? "" : i + 1 == names.size() ? " or " : ", ") + names[i];
   }
-  const std::string name = n.begin()->first.Scalar();
-  const YAML::Node v = n.begin()->second;
-  auto kind = actionKinds().find(name);
-  if (kind == actionKinds().end()) {
-    std::string list;
-    for (auto& [k, unused] : actionKinds()) list += (list.empty() ? "" : ", ") + k;
-    fail(n.begin()->first, "unknown action '" + name + "' (expected one of: " + list + ")");
-  }
-  Action a;
-  a.kind = kind->second;
-  a.line = n.Mark().line + 1;
-  switch (a.kind) {
-    case Kind::designatedForwarder:
-      onlyKeys(v, {"segment", "vlan", "tep"}, name);
-      a.segment = segment(field(v, "segment"));
-      a.vlan = vlan(field(v, "vlan"));
-      a.tep = tep(field(v, "tep"));
-      break;
-    case Kind::designatedForwarderDel:
-      onlyKeys(v, {"segment", "vlan"}, name);
-      a.segment = segment(field(v, "segment"));
-      a.vlan = vlan(field(v, "vlan"));
-      break;
-    case Kind::remoteEsiLabel:
-      onlyKeys(v, {"segment", "tep", "label"}, name);
-      a.segment = segment(field(v, "segment"));
-      a.tep = tep(field(v, "tep"));
-      a.label = label(field(v, "label"));
-      break;
-    case Kind::remoteEsiLabelDel:
-      onlyKeys(v, {"segment", "tep"}, name);
-      a.segment = segment(field(v, "segment"));
-      a.tep = tep(field(v, "tep"));
-      break;
-    case Kind::localEsiLabel:
-      onlyKeys(v, {"segment", "label"}, name);
-      a.segment = segment(field(v, "segment"));
-      a.label = label(field(v, "label"));
-      break;
-    case Kind::localEsiLabelDel:
-    case Kind::segment:
-    case Kind::segmentDel:
-      a.segment = segment(v);
-      break;
-    case Kind::lag:
-      onlyKeys(v, {"lag", "members"}, name);
-      a.segment = lag(field(v, "lag"));
-      if (!field(v, "members").IsSequence()) fail(v["members"], "expected a list of ports");
-      for (const auto& m : v["members"]) a.members.push_back(port(m));
-      break;
-    case Kind::lagDel:
-      a.segment = lag(v);
-      break;
-    case Kind::chipPool:
-      a.count = count(v, "a number of hardware tunnel ids");
-      break;
-    case Kind::chipRefuse: {
-      onlyKeys(v, {"op", "port", "vlan", "times", "rc"}, name);
-      static const std::set<std::string> ops{"getHwTunnelId", "createEsiData",
-                                             "createVlanToDot1qMapping", "createEsiPortMap"};
-      a.refusal.op = scalar(field(v, "op"), "a chip operation");
-      if (!ops.count(a.refusal.op)) {
-        fail(v["op"],
-             "expected a chip operation (getHwTunnelId, createEsiData, "
-             "createVlanToDot1qMapping or createEsiPortMap)");
-      }
-      if (v["port"]) a.refusal.port = parsed(v["port"], "an interface", Quil::IntfId::parse);
-      if (v["vlan"]) a.refusal.vlan = vlan(v["vlan"]);
-      if (v["times"]) a.refusal.times = count(v["times"], "a number of calls");
-      if (v["rc"]) {
-        a.refusal.rc =
-            parsed(v["rc"], "notProgrammed or invalidHwId", Oba::parseHwProgrammingStatus);
-      }
-      break;
+  return out;
+}
+
+// Every action a scenario may name: the core's and each family's.
+class Actions {
+ public:
+  explicit Actions(const Families& families) : ops_(chipOperations(families)) {
+    std::vector<std::string> machines;
+    for (const Family* f : families) {
+      for (auto& k : f->actions()) kinds_.emplace(k.name, std::move(k.read));
+      for (auto& m : f->machines()) machines.push_back(std::move(m));
     }
-    case Kind::chipRefuseNone:
-      break;
-    case Kind::restart:
-      a.machine = scalar(v, "a machine to restart (hwTunnelId, floodingEsi or agent)");
-      if (a.machine != "hwTunnelId" && a.machine != "floodingEsi" && a.machine != "agent") {
-        fail(v, "expected a machine to restart (hwTunnelId, floodingEsi or agent)");
+    machines.push_back("agent");
+    const std::string machineWhat = "a machine to restart (" + alternatives(machines) + ")";
+    kinds_.emplace("restart", [machines, machineWhat](const Reader& r, const YAML::Node& v) {
+      std::string m = r.scalar(v, machineWhat);
+      if (std::find(machines.begin(), machines.end(), m) == machines.end()) {
+        r.fail(v, "expected " + machineWhat);
       }
-      break;
+      return std::make_shared<Restart>(m);
+    });
+    kinds_.emplace("chipRefuseNone", [](const Reader&, const YAML::Node&) {
+      return std::make_shared<ChipRefuseNone>();
+    });
+    kinds_.emplace("chipRefuse",
+                   [this](const Reader& r, const YAML::Node& v) { return chipRefuse(r, v); });
   }
-  return a;
-}
 
-Expectation Reader::expectation(const std::string& key, const YAML::Node& n) const {
-  static const std::map<std::string, Expectation::Kind> kinds{
-      {"calls", Expectation::Kind::calls},
-      {"callsAnyOrder", Expectation::Kind::callsAnyOrder},
-      {"esiData", Expectation::Kind::esiData},
-      {"mapping", Expectation::Kind::mapping},
-      {"hwTunnelIds", Expectation::Kind::hwTunnelIds},
-      {"violations", Expectation::Kind::violations},
-  };
-  Expectation e;
-  e.kind = kinds.at(key);
-  e.line = n.Mark().line + 1;
-  e.lines = lines(n, key == "hwTunnelIds" ? "ids" : "lines");
-  return e;
-}
+  Action read(const Reader& r, const YAML::Node& n) const {
+    if (!n.IsMap() || n.size() != 1) {
+      r.fail(n, "expected an action: a map with one key such as 'designatedForwarder'");
+    }
+    const std::string name = n.begin()->first.Scalar();
+    auto kind = kinds_.find(name);
+    if (kind == kinds_.end()) {
+      std::string list;
+      for (const auto& [k, unused] : kinds_) list += (list.empty() ? "" : ", ") + k;
+      r.fail(n.begin()->first, "unknown action '" + name + "' (expected one of: " + list + ")");
+    }
+    return Action{n.Mark().line + 1, kind->second(r, n.begin()->second)};
+  }
+
+  const ChipOperation* op(std::string_view name) const {
+    for (const auto& o : ops_) {
+      if (o.name == name) return &o;
+    }
+    return nullptr;
+  }
+
+ private:
+  std::shared_ptr<const ActionBody> chipRefuse(const Reader& r, const YAML::Node& v) const {
+    r.onlyKeys(v, {"op", "port", "vlan", "times", "rc"}, "chipRefuse");
+    std::vector<std::string> names;
+    for (const auto& o : ops_) names.push_back(o.name);
+    const std::string what = "a chip operation (" + alternatives(names) + ")";
+    SoftwareChip::Refusal rule;
+    rule.op = r.scalar(r.field(v, "op"), "a chip operation");
+    const ChipOperation* o = op(rule.op);
+    if (!o) r.fail(v["op"], "expected " + what);
+    if (v["port"]) rule.port = r.parsed(v["port"], "an interface", Quil::IntfId::parse);
+    if (v["vlan"]) rule.vlan = r.vlan(v["vlan"]);
+    if (v["times"]) rule.times = r.count(v["times"], "a number of calls");
+    rule.rc = v["rc"] ? o->rc(r, v["rc"]) : o->defaultRc;
+    return std::make_shared<ChipRefuse>(std::move(rule), *o);
+  }
+
+  std::vector<ChipOperation> ops_;
+  std::map<std::string, ActionKind::Fn> kinds_;
+};
+
+// Every expectation a step may state: the chip calls and violations, and each family's tables.
+class Expectations {
+ public:
+  explicit Expectations(const Families& families) {
+    names_ = {"calls", "callsAnyOrder"};
+    for (const Family* f : families) {
+      for (auto& t : f->tables()) {
+        names_.push_back(t.name);
+        tables_.emplace(t.name, std::move(t));
+      }
+    }
+    names_.push_back("violations");
+  }
+  const std::vector<std::string>& names() const { return names_; }
+
+  Expectation read(const Reader& r, const std::string& key, const YAML::Node& n) const {
+    Expectation e;
+    e.name = key;
+    e.calls = key == "calls" || key == "callsAnyOrder";
+    e.ordered = key == "calls";  // tables and violations are sets of lines
+    e.line = n.Mark().line + 1;
+    auto table = tables_.find(key);
+    const TableKind* t = table == tables_.end() ? nullptr : &table->second;
+    const std::string item = t ? t->item : key == "violations" ? "violations" : "calls";
+    YAML::Node list = n;
+    if (n.IsMap()) {
+      // {anyOrder: [...]} or {inOrder: [...]}: the comparison, said where it differs.
+      r.onlyKeys(n, {"anyOrder", "inOrder"}, "'" + key + "'");
+      if (n.size() != 1) r.fail(n, "expected one of anyOrder or inOrder");
+      e.ordered = n.begin()->first.Scalar() == "inOrder";
+      list = n.begin()->second;
+    }
+    if (list.IsScalar() && (list.Scalar() == "none" || list.Scalar() == "0")) return e;
+    if (!list.IsSequence()) r.fail(list, "expected a list of " + item + " (or none)");
+    for (const auto& entry : list) {
+      if (entry.IsMap() && t && t->entry) {
+        e.lines.push_back(t->entry(r, entry));
+      } else {
+        e.lines.push_back(r.scalar(entry, t && t->entry ? "a line or a map of " + item : "a line"));
+      }
+    }
+    return e;
+  }
+
+ private:
+  std::vector<std::string> names_;
+  std::map<std::string, TableKind> tables_;
+};
 
 }  // namespace
 
-std::string expectationName(Expectation::Kind k) {
-  switch (k) {
-    case Expectation::Kind::calls:
-      return "calls";
-    case Expectation::Kind::callsAnyOrder:
-      return "callsAnyOrder";
-    case Expectation::Kind::esiData:
-      return "esiData";
-    case Expectation::Kind::mapping:
-      return "mapping";
-    case Expectation::Kind::hwTunnelIds:
-      return "hwTunnelIds";
-    case Expectation::Kind::violations:
-      return "violations";
-  }
-  return "?";
-}
-
-Scenario parseScenario(const std::string& text, const std::string& file) {
+Scenario parseScenario(const std::string& text, const std::string& file, const Families& families) {
   YAML::Node root;
   try {
     root = YAML::Load(text);
   } catch (const YAML::Exception& e) {
-    throw ScenarioError(file, e.mark.line + 1, "not valid YAML: " + e.msg);
+    throw ScenarioError(file, e.mark.line + 1, e.mark.column + 1, "not valid YAML: " + e.msg);
   }
   Reader r(file);
-  if (!root.IsMap()) throw ScenarioError(file, 1, "expected a scenario: a map with 'steps'");
+  if (!root.IsMap()) throw ScenarioError(file, 1, 1, "expected a scenario: a map with 'steps'");
   r.onlyKeys(root, {"name", "description", "initial", "steps"}, "the scenario");
+  const Actions actions(families);
+  const Expectations expectations(families);
 
   Scenario s;
   s.file = file;
+  s.families = families;
   s.name = root["name"] ? r.scalar(root["name"], "a name") : file;
   if (root["description"]) s.description = r.scalar(root["description"], "a description");
   if (YAML::Node init = root["initial"]) {
     if (!init.IsSequence()) r.fail(init, "expected a list of actions under 'initial'");
     for (const auto& a : init) {
-      Action act = r.action(a);
-      if (act.kind == Kind::restart) r.fail(a, "a restart cannot come before the agent starts");
-      s.initial.push_back(act);
+      Action act = actions.read(r, a);
+      if (act.body->needsStartedAgent()) {
+        r.fail(a, "a restart cannot come before the agent starts");
+      }
+      s.initial.push_back(std::move(act));
     }
   }
   YAML::Node steps = r.field(root, "steps");
   if (!steps.IsSequence()) r.fail(steps, "expected a list of steps under 'steps'");
   double last = 0;
   for (const auto& n : steps) {
-    r.onlyKeys(n, {"at", "note", "do", "expect"}, "a step");
+    r.onlyKeys(n, {"at", "note", "trace", "do", "expect"}, "a step");
     Step step;
     step.line = n.Mark().line + 1;
     step.at = r.number(r.field(n, "at"), "a time in seconds");
     if (step.at < last) r.fail(n["at"], "expected a time no earlier than the step before");
     last = step.at;
     if (n["note"]) step.note = r.scalar(n["note"], "a note");
+    if (n["trace"]) {
+      // Checked now, applied only while the step runs.
+      step.trace = r.parsed(n["trace"], "trace levels (SOURCE/LEVEL,...)", [](std::string s) {
+        const std::string before = Kiv::traceConfig();
+        Kiv::traceConfigIs(s);
+        Kiv::traceConfigIs(before);
+        return s;
+      });
+    }
     if (YAML::Node d = n["do"]) {
       if (!d.IsSequence()) r.fail(d, "expected a list of actions under 'do'");
-      for (const auto& a : d) step.actions.push_back(r.action(a));
+      for (const auto& a : d) step.actions.push_back(actions.read(r, a));
     }
     if (YAML::Node e = n["expect"]) {
-      r.onlyKeys(e, {"calls", "callsAnyOrder", "esiData", "mapping", "hwTunnelIds", "violations"},
-                 "'expect'");
-      for (const auto& kv : e)
-        step.expectations.push_back(r.expectation(kv.first.Scalar(), kv.second));
+      r.onlyKeys(e, expectations.names(), "'expect'");
+      for (const auto& kv : e) {
+        step.expectations.push_back(expectations.read(r, kv.first.Scalar(), kv.second));
+      }
     }
     s.steps.push_back(std::move(step));
   }
   return s;
 }
 
-Scenario readScenarioFile(const std::string& path) {
+Scenario readScenarioFile(const std::string& path, const Families& families) {
   std::ifstream in(path);
-  if (!in) throw ScenarioError(path, 0, "cannot read the file");
+  if (!in) throw ScenarioError(path, 0, 0, "cannot read the file");
   std::stringstream ss;
   ss << in.rdbuf();
-  return parseScenario(ss.str(), path);
+  return parseScenario(ss.str(), path, families);
+}
+
+Action actionOf(const std::string& text, const Families& families) {
+  YAML::Node n;
+  try {
+    n = YAML::Load(text);
+  } catch (const YAML::Exception& e) {
+    throw ScenarioError("action", e.mark.line + 1, e.mark.column + 1, "not valid YAML: " + e.msg);
+  }
+  return Actions(families).read(Reader("action"), n);
+}
+
+Action restartAction(const std::string& machine) {
+  return Action{0, std::make_shared<Restart>(machine)};
+}
+
+Action refusalAction(const SoftwareChip::Refusal& refusal, const Families& families) {
+  const Actions actions(families);
+  const ChipOperation* op = actions.op(refusal.op);
+  if (!op) throw std::invalid_argument("no chip operation '" + refusal.op + "'");
+  return Action{0, std::make_shared<ChipRefuse>(refusal, *op)};
 }
 
 }  // namespace Sim

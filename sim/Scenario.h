@@ -4,76 +4,27 @@
 // and state what must have happened. docs/scenario-format.md describes the file format.
 //
 // A scenario file is read and checked whole before anything runs: a malformed file is refused
-// with its file, line and what was expected, and nothing of it is applied.
+// with its file, line, column and what was expected, and nothing of it is applied. The core reads
+// the top level, the steps, the chip's refusal rules and restarts; every other action and table
+// expectation belongs to a family, which reads it.
 
-#include <cstdint>
-#include <optional>
-#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "Bridging/VlanId.h"
-#include "Evpn/EvpnStatus.h"
-#include "Quil/IntfId.h"
+#include "sim/Family.h"
+#include "sim/ScenarioReader.h"
 #include "sim/SoftwareChip.h"
 
 namespace Sim {
 
-// A scenario that cannot be read: "<file>:<line>: <what was expected>".
-class ScenarioError : public std::runtime_error {
- public:
-  ScenarioError(const std::string& file, int line, const std::string& what)
-      : std::runtime_error(file + ":" + std::to_string(line) + ": " + what),
-        file_(file),
-        line_(line) {}
-  const std::string& file() const { return file_; }
-  int line() const { return line_; }
-
- private:
-  std::string file_;
-  int line_;
-};
-
-struct Action {
-  enum class Kind {
-    designatedForwarder,     // segment, vlan, tep
-    designatedForwarderDel,  // segment, vlan
-    remoteEsiLabel,          // segment, tep, label
-    remoteEsiLabelDel,       // segment, tep
-    localEsiLabel,           // segment, label
-    localEsiLabelDel,        // segment
-    segment,                 // segment (an empty segment status)
-    segmentDel,              // segment
-    lag,                     // lag, members
-    lagDel,                  // lag
-    chipPool,                // count
-    chipRefuse,              // refusal
-    chipRefuseNone,          //
-    restart,                 // machine: "hwTunnelId", "floodingEsi" or "agent"
-  };
-  Kind kind;
-  int line = 0;
-  Quil::IntfId segment;  // also the LAG of lag/lagDel
-  Bridging::VlanId vlan;
-  Quil::IntfId tep;
-  Evpn::EncapTypeLabel label;
-  std::vector<Quil::IntfId> members;
-  std::uint32_t count = 0;
-  SoftwareChip::Refusal refusal;
-  std::string machine;
-};
-
 struct Expectation {
-  enum class Kind {
-    calls,          // the chip calls since the previous expectation, in order
-    callsAnyOrder,  // the same, in any order
-    esiData,        // the chip's whole ESI table
-    mapping,        // the whole tunnel-id mapping table
-    hwTunnelIds,    // the hardware tunnel ids the chip has handed out
-    violations,     // the chip's violations so far
-  };
-  Kind kind;
   int line = 0;
+  // "calls" or "callsAnyOrder" (the chip calls since the last step that expected calls),
+  // "violations" (the chip's so far), or a table a family offers.
+  std::string name;
+  bool calls = false;    // one of the calls expectations
+  bool ordered = false;  // compared in order, or as a multiset
   std::vector<std::string> lines;
 };
 
@@ -81,6 +32,7 @@ struct Step {
   int line = 0;
   double at = 0;
   std::string note;
+  std::string trace;  // the library's trace levels while the step runs (SOURCE/LEVEL,...)
   std::vector<Action> actions;
   std::vector<Expectation> expectations;
 };
@@ -91,13 +43,23 @@ struct Scenario {
   std::string description;
   std::vector<Action> initial;  // applied before the machines are made
   std::vector<Step> steps;      // in time order
+  Families families;            // those it was read with, which its agent runs
 };
 
 // Reads a scenario from YAML text; `file` names it in errors. Throws ScenarioError.
-Scenario parseScenario(const std::string& text, const std::string& file);
-Scenario readScenarioFile(const std::string& path);
+Scenario parseScenario(const std::string& text, const std::string& file,
+                       const Families& families = registeredFamilies());
+Scenario readScenarioFile(const std::string& path, const Families& families = registeredFamilies());
 
-std::string expectationName(Expectation::Kind k);
+// One action, read from its YAML text ("lag: {lag: Port-Channel1, members: [Ethernet1]}").
+Action actionOf(const std::string& text, const Families& families = registeredFamilies());
+
+// A restart of a machine (or "agent") as an action.
+Action restartAction(const std::string& machine);
+
+// A refusal rule as an action: what the fuzzer writes for each fault the chip injected.
+Action refusalAction(const SoftwareChip::Refusal& refusal,
+                     const Families& families = registeredFamilies());
 
 // The scenario built into the program: the typical event, end to end.
 extern const char* const defaultScenarioName;

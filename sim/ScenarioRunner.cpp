@@ -3,16 +3,11 @@
 #include <algorithm>
 #include <sstream>
 
+#include "Kiv/Trace.h"
+
 namespace Sim {
 
 namespace {
-
-std::string block(const std::vector<std::string>& lines) {
-  if (lines.empty()) return "    (none)\n";
-  std::string out;
-  for (const auto& l : lines) out += "    " + l + "\n";
-  return out;
-}
 
 std::vector<std::string> sorted(std::vector<std::string> v) {
   std::sort(v.begin(), v.end());
@@ -23,35 +18,36 @@ std::vector<std::string> sorted(std::vector<std::string> v) {
 // step that expected calls.
 std::vector<std::string> actual(const Expectation& e, const HostAgent& agent,
                                 const std::vector<std::string>& calls) {
-  switch (e.kind) {
-    case Expectation::Kind::calls:
-    case Expectation::Kind::callsAnyOrder:
-      return calls;
-    case Expectation::Kind::esiData:
-      return agent.esiDataLines();
-    case Expectation::Kind::mapping:
-      return agent.mappingLines();
-    case Expectation::Kind::hwTunnelIds:
-      return agent.hwTunnelIdLines();
-    case Expectation::Kind::violations:
-      return agent.violationLines();
-  }
-  return {};
+  if (e.calls) return calls;
+  if (e.name == "violations") return agent.violationLines();
+  return agent.tableLines(e.name);
 }
+
+// The library's trace levels for the length of one step.
+class StepTrace {
+ public:
+  explicit StepTrace(const std::string& trace) : on_(!trace.empty()) {
+    if (!on_) return;
+    before_ = Kiv::traceConfig();
+    Kiv::traceConfigIs(trace);
+  }
+  ~StepTrace() {
+    if (on_) Kiv::traceConfigIs(before_);
+  }
+  StepTrace(const StepTrace&) = delete;
+  StepTrace& operator=(const StepTrace&) = delete;
+
+ private:
+  bool on_;
+  std::string before_;
+};
 
 }  // namespace
-
-void printState(const HostAgent& agent, std::ostream& os) {
-  os << "chip esiData:\n" << block(agent.esiDataLines());
-  os << "chip hwTunnelIds in use:\n" << block(agent.hwTunnelIdLines());
-  os << "chip violations:\n" << block(agent.violationLines());
-  os << "mapping tunnelIdToHwTunnelId:\n" << block(agent.mappingLines());
-}
 
 RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
                       std::ostream* stateOut) {
   RunResult result;
-  HostAgent agent(&log);
+  HostAgent agent(&log, s.families);
   log.add(0, "scenario", s.name);
   for (const Action& a : s.initial) agent.apply(a);
   log.add(0, "agent", "start");
@@ -60,9 +56,7 @@ RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
 
   bool violationsExpected = false;
   for (const Step& step : s.steps) {
-    for (const auto& e : step.expectations) {
-      violationsExpected |= e.kind == Expectation::Kind::violations;
-    }
+    for (const auto& e : step.expectations) violationsExpected |= e.name == "violations";
   }
 
   std::vector<std::string> calls;
@@ -73,11 +67,14 @@ RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
          due = agent.scheduler->nextDueTime()) {
       agent.scheduler->advanceTo(*due);
     }
-    log.add(step.at, "step",
-            step.note.empty() ? "step at line " + std::to_string(step.line) : step.note);
-    agent.scheduler->advanceTo(step.at);
-    for (const Action& a : step.actions) agent.apply(a);
-    agent.scheduler->runDue();
+    {
+      StepTrace trace(step.trace);
+      log.add(step.at, "step",
+              step.note.empty() ? "step at line " + std::to_string(step.line) : step.note);
+      agent.scheduler->advanceTo(step.at);
+      for (const Action& a : step.actions) agent.apply(a);
+      agent.scheduler->runDue();
+    }
     auto taken = agent.takeCalls();
     calls.insert(calls.end(), taken.begin(), taken.end());
     if (!options.check) continue;
@@ -85,17 +82,15 @@ RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
     bool consumedCalls = false;
     for (const Expectation& e : step.expectations) {
       std::vector<std::string> want = e.lines, got = actual(e, agent, calls);
-      consumedCalls |=
-          e.kind == Expectation::Kind::calls || e.kind == Expectation::Kind::callsAnyOrder;
-      bool ordered = e.kind == Expectation::Kind::calls;
-      if (!ordered) {
+      consumedCalls |= e.calls;
+      if (!e.ordered) {
         want = sorted(want);
         got = sorted(got);
       }
       if (want == got) continue;
       std::ostringstream os;
-      os << s.file << ":" << e.line << ": expected " << expectationName(e.kind)
-         << (ordered ? " (in order)" : " (in any order)") << " at time " << step.at << ":\n"
+      os << s.file << ":" << e.line << ": expected " << e.name
+         << (e.ordered ? " (in order)" : " (in any order)") << " at time " << step.at << ":\n"
          << block(e.lines) << "  but got:\n"
          << block(actual(e, agent, calls));
       result.failures.push_back(os.str());
@@ -109,7 +104,7 @@ RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
     result.failures.push_back(s.file + ": the chip reported violations:\n" +
                               block(agent.violationLines()));
   }
-  if (options.state && stateOut) printState(agent, *stateOut);
+  if (options.state && stateOut) agent.printState(*stateOut);
   return result;
 }
 

@@ -26,7 +26,4 @@ struct RunResult {
 RunResult runScenario(const Scenario& scenario, SimLog& log, const RunOptions& options,
                       std::ostream* stateOut = nullptr);
 
-// The final state as text: chip tables and the mapping table.
-void printState(const HostAgent& agent, std::ostream& os);
-
 }  // namespace Sim

@@ -66,8 +66,10 @@ class TraceRegistry {
   void remove(TraceHandle* h) { std::erase(handles_, h); }
   void configIs(std::string_view config) {
     rules_ = parseConfig(config);
+    config_ = config;
     for (TraceHandle* h : handles_) apply(h);
   }
+  const std::string& config() const { return config_; }
   void sinkIs(TraceSink s) { sink_ = std::move(s); }
   void write(const TraceLine& l) {
     if (sink_) {
@@ -82,6 +84,7 @@ class TraceRegistry {
     if (const char* env = std::getenv("KIV_TRACE")) {
       try {
         rules_ = parseConfig(env);
+        config_ = env;
       } catch (const RangeException& e) {
         std::fprintf(stderr, "KIV_TRACE ignored: %s\n", e.what());
       }
@@ -99,6 +102,7 @@ class TraceRegistry {
 
   std::vector<TraceHandle*> handles_;
   std::vector<Rule> rules_;
+  std::string config_;
   TraceSink sink_;
 };
 
@@ -113,6 +117,8 @@ void TraceHandle::write(int level, int line, std::string_view text) const {
 }
 
 void traceConfigIs(std::string_view config) { TraceRegistry::instance().configIs(config); }
+
+std::string traceConfig() { return TraceRegistry::instance().config(); }
 
 void traceSinkIs(TraceSink sink) { TraceRegistry::instance().sinkIs(std::move(sink)); }
 

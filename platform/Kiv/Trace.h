@@ -58,6 +58,8 @@ using TraceSink = std::function<void(const TraceLine&)>;
 // Replaces the enabled levels of every handle, present and future, from a KIV_TRACE-style text.
 // Throws Kiv::RangeException on a malformed text (nothing changes then).
 void traceConfigIs(std::string_view config);
+// The text the levels were last set from (KIV_TRACE's at first; empty: none).
+std::string traceConfig();
 // Where enabled lines go; an empty sink restores standard error.
 void traceSinkIs(TraceSink sink);
 

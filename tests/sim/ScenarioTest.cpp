@@ -5,6 +5,7 @@
 #include <sstream>
 #include <string>
 
+#include "Kiv/Trace.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
 
@@ -19,27 +20,95 @@ std::string errorOf(const std::string& text) {
   return "no error";
 }
 
-TEST(Scenario, MistakesNameTheLineAndWhatWasExpected) {
+TEST(Scenario, MistakesNameTheLineColumnAndWhatWasExpected) {
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - designatedForwarder: "
                     "{segment: Ethernet1, vlan: 5000, tep: DynTunnel1.1}\n"),
-            "s.yaml:4: expected a VLAN (1-4094), got '5000'");
+            "s.yaml:4:57: expected a VLAN (1-4094), got '5000'");
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - designatedForwarder: "
                     "{segment: Ethernet1, vlan: 10, tep: DynTunnel65536.1}\n"),
-            "s.yaml:4: expected a tunnel endpoint (DynTunnelT.I, with T at most 65535)");
+            "s.yaml:4:66: expected a tunnel endpoint (DynTunnelT.I, with T at most 65535)");
   EXPECT_EQ(errorOf("steps:\n  - at: 2\n  - at: 1\n"),
-            "s.yaml:3: expected a time no earlier than the step before");
+            "s.yaml:3:9: expected a time no earlier than the step before");
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - designatedForwarder: "
                     "{segment: Ethernet1, vlan: 10}\n"),
-            "s.yaml:4: missing 'tep'");
+            "s.yaml:4:30: missing 'tep'");
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    expect:\n      esiDta: none\n"),
-            "s.yaml:4: unknown key 'esiDta' in 'expect' (expected: calls, callsAnyOrder, esiData, "
-            "mapping, hwTunnelIds, violations)");
+            "s.yaml:4:7: unknown key 'esiDta' in 'expect' (expected: calls, callsAnyOrder, "
+            "esiData, mapping, hwTunnelIds, violations)");
   EXPECT_NE(errorOf("steps:\n  - at: 1\n    do:\n      - dfSet: {}\n")
-                .find("s.yaml:4: unknown action 'dfSet'"),
+                .find("s.yaml:4:9: unknown action 'dfSet'"),
             std::string::npos);
   EXPECT_NE(errorOf("steps: [\n").find("s.yaml:"), std::string::npos);
   EXPECT_EQ(errorOf("initial:\n  - restart: agent\nsteps: []\n"),
-            "s.yaml:2: a restart cannot come before the agent starts");
+            "s.yaml:2:5: a restart cannot come before the agent starts");
+  EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - restart: flooding\n"),
+            "s.yaml:4:18: expected a machine to restart (hwTunnelId, floodingEsi or agent)");
+  // The forms every family's expectations share: entries as maps, a stated order, a trace.
+  EXPECT_EQ(errorOf("steps:\n  - at: 1\n    expect:\n      esiData:\n        - {port: "
+                    "Ethernet1, vlan: 10, tunnel: DynTunnel1.1, hw: 1, label: 1001}\n"),
+            "s.yaml:5:11: missing 'local'");
+  EXPECT_EQ(errorOf("steps:\n  - at: 1\n    expect:\n      hwTunnelIds:\n        - {id: 1}\n"),
+            "s.yaml:5:11: expected a line");
+  EXPECT_EQ(errorOf("steps:\n  - at: 1\n    expect:\n      calls: {someOrder: []}\n"),
+            "s.yaml:4:15: unknown key 'someOrder' in 'calls' (expected: anyOrder, inOrder)");
+  EXPECT_EQ(errorOf("steps:\n  - at: 1\n    trace: 'ObaEvpn*/x'\n"),
+            "s.yaml:3:12: expected trace levels (SOURCE/LEVEL,...), got 'ObaEvpn*/x'");
+}
+
+// A story in the forms a table expectation may take: entries written as maps, a comparison in any
+// order, and the library's traces for one step only.
+TEST(Scenario, EntriesAnyOrderAndAStepTrace) {
+  const char* const text = R"(
+initial:
+  - localEsiLabel: {segment: Ethernet1, label: mpls:2001}
+  - localEsiLabel: {segment: Ethernet2, label: mpls:2002}
+steps:
+  - at: 1
+    do:
+      - remoteEsiLabel: {segment: Ethernet1, tep: DynTunnel1.1, label: mpls:1001}
+      - remoteEsiLabel: {segment: Ethernet2, tep: DynTunnel1.1, label: mpls:1001}
+      - designatedForwarder: {segment: Ethernet1, vlan: 10, tep: DynTunnel1.1}
+      - designatedForwarder: {segment: Ethernet2, vlan: 10, tep: DynTunnel1.1}
+    expect:
+      esiData:
+        - {port: Ethernet2, vlan: 10, tunnel: DynTunnel1.1, hw: 1, label: 1001, local: 2002}
+        - Ethernet1 vlan 10 tunnel Tunnel1.1 hw 1 label 1001 local 2001
+      mapping: [{tunnel: DynTunnel1.1, hw: 1}]
+      callsAnyOrder:
+        - createEsiData Ethernet2 vlan 10 tunnel Tunnel1.1 hw 1 label 1001 local 2002 -> programmed
+        - getHwTunnelId -> 1
+        - createEsiData Ethernet1 vlan 10 tunnel Tunnel1.1 hw 1 label 1001 local 2001 -> programmed
+  - at: 2
+    trace: ObaEvpnFloodingEsiSm/8
+    do:
+      - designatedForwarderDel: {segment: Ethernet2, vlan: 10}
+      - designatedForwarderDel: {segment: Ethernet1, vlan: 10}
+    expect:
+      calls:
+        anyOrder:
+          - deleteEsiData Ethernet1 vlan 10
+          - releaseHwTunnelId 1
+          - deleteEsiData Ethernet2 vlan 10
+  - at: 3
+    do:
+      - designatedForwarder: {segment: Ethernet1, vlan: 20, tep: DynTunnel1.1}
+    expect:
+      calls:
+        inOrder:
+          - getHwTunnelId -> 1
+          - createEsiData Ethernet1 vlan 20 tunnel Tunnel1.1 hw 1 label 1001 local 2001 -> programmed
+)";
+  std::vector<std::pair<double, std::string>> traces;
+  Kiv::traceSinkIs([&](const Kiv::TraceLine& l) { traces.emplace_back(0, l.source); });
+  Sim::SimLog quiet;
+  auto r = Sim::runScenario(Sim::parseScenario(text, "forms.yaml"), quiet,
+                            Sim::RunOptions{.check = true});
+  Kiv::traceSinkIs(nullptr);
+  EXPECT_TRUE(r.ok()) << r.failures[0];
+  // Traced in the step that asked, and not after it.
+  ASSERT_FALSE(traces.empty());
+  EXPECT_EQ(Kiv::traceConfig(), "");
+  for (const auto& [t, source] : traces) EXPECT_EQ(source, "ObaEvpnFloodingEsiSm");
 }
 
 TEST(Scenario, AWrongExpectationFailsTheCheckWithWhatHappened) {

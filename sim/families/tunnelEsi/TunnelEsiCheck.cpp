@@ -1,4 +1,4 @@
-#include "sim/FuzzCheck.h"
+#include "sim/families/tunnelEsi/TunnelEsiCheck.h"
 
 #include <set>
 #include <sstream>
@@ -12,8 +12,8 @@ namespace Sim {
 namespace {
 
 using TunnelId = Tunnel::TunnelTable::TunnelId;
-using PortVlan = SoftwareChip::PortVlan;
-using EsiEntry = SoftwareChip::EsiEntry;
+using PortVlan = TunnelEsiChip::PortVlan;
+using EsiEntry = TunnelEsiChip::EsiEntry;
 
 TunnelId tunnelOf(Quil::IntfId tep) { return TunnelId(Quil::DynamicTunnelIntfId::tunnelId(tep)); }
 
@@ -78,7 +78,7 @@ enum class Stale { no, localLabel, nonMplsRemote };
 // machine's algorithm knowingly leaves in place. Both exceptions need the machine to hold the port
 // as programmed, for the current designated forwarder's tunnel and published hardware id, with the
 // remote label the chip has. Nothing else passes.
-Stale staleEntry(const HostAgent& agent, const PortVlan& key, const EsiEntry& actual,
+Stale staleEntry(const TunnelEsiAgent& agent, const PortVlan& key, const EsiEntry& actual,
                  const Holder* holder) {
   if (!holder || !holder->programmed || !agent.floodingEsiSm) return Stale::no;
   const Quil::IntfId logical = holder->logical;
@@ -115,13 +115,6 @@ Stale staleEntry(const HostAgent& agent, const PortVlan& key, const EsiEntry& ac
 
 }  // namespace
 
-std::uint32_t freeHwTunnelId(const SoftwareChip& chip) {
-  const auto& inUse = chip.hwTunnelIdsInUse();
-  std::uint32_t id = 1;
-  while (inUse.contains(id)) ++id;
-  return id <= chip.hwTunnelIdPool() ? id : 0;
-}
-
 EsiTable expectedEsiData(const Evpn::EvpnStatus& evpnStatus, const Oba::ObaCommonSmData& acsd,
                          const Oba::TunnelIdToHwTunnelIdMapping& mapping) {
   EsiTable out;
@@ -155,7 +148,7 @@ std::string esiLine(const PortVlan& key, const EsiEntry& e) {
   return line(key.first, " vlan ", key.second, " ", entryText(&e));
 }
 
-EsiComparison compareEsiData(const HostAgent& agent, Allowances* allowances) {
+EsiComparison compareEsiData(const TunnelEsiAgent& agent, Counters* allowances) {
   EsiComparison out;
   const EsiTable expected = expectedEsiData(*agent.evpnStatus, *agent.acsd, *agent.mapping);
   const EsiTable& actual = agent.chip->esiData();
@@ -180,14 +173,14 @@ EsiComparison compareEsiData(const HostAgent& agent, Allowances* allowances) {
     const Holder* holder = h == held.end() ? nullptr : &h->second;
     if (want && !got && holder && !holder->programmed) {
       // Refused by the chip and parked: the review retries it; until then the port is absent.
-      if (allowances) ++allowances->parkedPort;
+      if (allowances) ++(*allowances)["parkedPort"];
       continue;
     }
     if (got) {
       Stale stale = staleEntry(agent, key, *got, holder);
       if (stale != Stale::no) {
         if (allowances) {
-          ++(stale == Stale::localLabel ? allowances->staleLocalLabel : allowances->nonMplsRemote);
+          ++(*allowances)[stale == Stale::localLabel ? "staleLocalLabel" : "nonMplsRemote"];
         }
         out.wanted.emplace(key, *got);
         continue;
@@ -203,7 +196,7 @@ EsiComparison compareEsiData(const HostAgent& agent, Allowances* allowances) {
 namespace {
 using Dfs = std::map<Oba::IntfVlanKey, TunnelId>;
 
-std::vector<std::string> checkHwTunnelIdSm(const HostAgent& agent, const Dfs& dfs) {
+std::vector<std::string> checkHwTunnelIdSm(const TunnelEsiAgent& agent, const Dfs& dfs) {
   std::vector<std::string> out;
   const auto& sm = agent.hwTunnelIdSm;
   if (!sm) return {"the machine is not running"};
@@ -276,7 +269,7 @@ std::vector<std::string> checkHwTunnelIdSm(const HostAgent& agent, const Dfs& df
   return out;
 }
 
-std::vector<std::string> checkFloodingEsiSm(const HostAgent& agent, const Dfs& dfs) {
+std::vector<std::string> checkFloodingEsiSm(const TunnelEsiAgent& agent, const Dfs& dfs) {
   std::vector<std::string> out;
   const auto& sm = agent.floodingEsiSm;
   if (!sm) return {"the machine is not running"};
@@ -389,7 +382,7 @@ std::vector<std::string> checkFloodingEsiSm(const HostAgent& agent, const Dfs& d
   return out;
 }
 
-std::vector<std::string> checkMapping(const HostAgent& agent, const Dfs& dfs) {
+std::vector<std::string> checkMapping(const TunnelEsiAgent& agent, const Dfs& dfs) {
   std::vector<std::string> out;
   std::set<TunnelId> inUse;
   for (const auto& [key, tunnel] : dfs) inUse.insert(tunnel);
@@ -413,7 +406,7 @@ std::vector<std::string> checkMapping(const HostAgent& agent, const Dfs& dfs) {
     }
   }
   if (!waiting.empty()) {
-    if (std::uint32_t id = freeHwTunnelId(*agent.chip)) {
+    if (std::uint32_t id = agent.chip->freeHwTunnelId()) {
       out.push_back(line(waiting.front(), " waits for an id while the chip has id ", id, " free"));
     }
   }
@@ -422,22 +415,21 @@ std::vector<std::string> checkMapping(const HostAgent& agent, const Dfs& dfs) {
 
 }  // namespace
 
-std::vector<std::string> checkHwTunnelIdSm(const HostAgent& agent) {
+std::vector<std::string> checkHwTunnelIdSm(const TunnelEsiAgent& agent) {
   return checkHwTunnelIdSm(agent, designatedForwarders(*agent.evpnStatus));
 }
 
-std::vector<std::string> checkFloodingEsiSm(const HostAgent& agent) {
+std::vector<std::string> checkFloodingEsiSm(const TunnelEsiAgent& agent) {
   return checkFloodingEsiSm(agent, designatedForwarders(*agent.evpnStatus));
 }
 
-std::vector<std::string> checkMapping(const HostAgent& agent) {
+std::vector<std::string> checkMapping(const TunnelEsiAgent& agent) {
   return checkMapping(agent, designatedForwarders(*agent.evpnStatus));
 }
 
-std::vector<std::string> checkLedger(const HostAgent& agent) {
+std::vector<std::string> checkHwTunnelIdLedger(const TunnelEsiAgent& agent) {
   std::vector<std::string> out;
-  const SoftwareChip& chip = *agent.chip;
-  for (const auto& v : chip.violations()) out.push_back(line("violation: ", v.text));
+  const TunnelEsiChip& chip = *agent.chip;
   std::map<std::uint32_t, int> rows;
   for (auto [tunnel, row] : agent.mapping->tunnelIdToHwTunnelIdWalk()) {
     ++rows[row.hwTunnelId().value()];
@@ -460,8 +452,7 @@ std::vector<std::string> checkLedger(const HostAgent& agent) {
   return out;
 }
 
-std::optional<CheckFailure> checkAgent(const HostAgent& agent, Allowances* allowances) {
-  if (auto l = checkLedger(agent); !l.empty()) return CheckFailure{"ledger", std::move(l)};
+std::optional<CheckFailure> checkTunnelEsi(const TunnelEsiAgent& agent, Counters* allowances) {
   const Dfs dfs = designatedForwarders(*agent.evpnStatus);
   if (auto l = checkHwTunnelIdSm(agent, dfs); !l.empty()) {
     return CheckFailure{"hwTunnelId machine", std::move(l)};

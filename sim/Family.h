@@ -1,0 +1,182 @@
+#pragma once
+// A machine family of the simulator: a group of state machines that share their inputs and chip
+// tables (the hardware tunnel ids and the ESI data they program; the MAC FECs; ...), with
+// everything the simulator needs of them in one place:
+//   - its part of the host agent: inputs, outputs and machines, built, torn down and restarted
+//     (FamilyAgent);
+//   - its chip tables and their ledger, as a part of the software chip (SoftwareChip::Part);
+//   - its scenario actions and table expectations, read with the core's Reader;
+//   - its random worlds and steps in the fuzzer, and its independent check of the drained state
+//     against what the inputs call for (FamilyFuzz).
+// The core (clock, scheduler, log, run loop, scenario top level, fuzz driver) knows families only
+// through this interface; sim/Families.cpp lists the families, one line each.
+
+#include <yaml-cpp/yaml.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace Sim {
+
+class HostAgent;
+class Reader;
+class Rng;
+struct FuzzOptions;
+
+// ---- scenario actions ---------------------------------------------------------------------------
+
+// One action of a scenario, read: what it does to the agent, and how a scenario file writes it.
+class ActionBody {
+ public:
+  virtual ~ActionBody() = default;
+  // Changes an input, the chip or the agent. Before the agent starts, only inputs and the chip.
+  virtual void apply(HostAgent& agent) const = 0;
+  // As a scenario file writes it, without the list dash: "designatedForwarder: {segment: ...}".
+  virtual void write(std::ostream& os) const = 0;
+  // A restart needs a started agent: such an action cannot be among the initial ones.
+  virtual bool needsStartedAgent() const { return false; }
+};
+
+struct Action {
+  int line = 0;  // 0: made by the fuzzer, not read
+  std::shared_ptr<const ActionBody> body;
+  void apply(HostAgent& agent) const { body->apply(agent); }
+};
+
+// An action a family offers: its key in a scenario file and how to read its value.
+struct ActionKind {
+  using Fn =
+      std::function<std::shared_ptr<const ActionBody>(const Reader&, const YAML::Node& value)>;
+  std::string name;
+  Fn read;
+};
+
+// A table a family offers to expectations: its key, and how an entry given as a map (rather than
+// as the line it prints) turns into that line. `entry` may be empty: lines only.
+struct TableKind {
+  std::string name;
+  std::string item;  // what one entry is, for errors: "ESI entries", "ids"
+  std::function<std::string(const Reader&, const YAML::Node& entry)> entry;
+};
+
+// A chip operation a family's chip part answers, which chipRefuse rules may name.
+struct ChipOperation {
+  std::string name;
+  std::string rcWhat;  // the codes it may answer, for errors: "notProgrammed or invalidHwId"
+  std::function<std::uint32_t(const Reader&, const YAML::Node&)> rc;
+  std::uint32_t defaultRc;
+  // Whether its calls name a port and a VLAN (a rule for a port never matches a call without).
+  bool hasPort = false;
+  bool hasVlan = false;
+  std::function<std::string(std::uint32_t)> rcText;  // for writing a rule back
+};
+
+// ---- the host agent -----------------------------------------------------------------------------
+
+// One family's part of a host agent: its inputs, outputs and machines.
+class FamilyAgent {
+ public:
+  virtual ~FamilyAgent() = default;
+  // Makes the machines over the inputs as they are now.
+  virtual void start() = 0;
+  // Drops the machines; what they programmed stays in the chip, as when an agent goes.
+  virtual void stop() = 0;
+  // Restarts one of the family's machines, by a name of Family::machines().
+  virtual void restart(const std::string& machine) = 0;
+  // A table expectation's lines, for a name of Family::tables().
+  virtual std::vector<std::string> lines(std::string_view table) const = 0;
+  // The final state, for --state: the family's chip tables, then its output tables.
+  virtual void printChip(std::ostream&) const {}
+  virtual void printOutputs(std::ostream&) const {}
+};
+
+// ---- the fuzzer ---------------------------------------------------------------------------------
+
+// What a check found wrong: its name ("esiData", "mapping", ...) and one line per finding.
+struct CheckFailure {
+  std::string check;
+  std::vector<std::string> lines;
+};
+
+// Named tallies a family keeps over a whole fuzz run (entries compared, allowed differences).
+using Counters = std::map<std::string, std::uint64_t>;
+
+// One family in one seeded run: the world it drew and its random actions.
+class FamilyFuzz {
+ public:
+  virtual ~FamilyFuzz() = default;
+  // Actions the run starts with, before the random initial ones (the chip's settings).
+  virtual std::vector<Action> setup() const { return {}; }
+  // The kinds of random action it may draw now, each with its weight. The driver rolls once
+  // over every family's kinds together, then asks the family for the action of the kind drawn.
+  struct Choice {
+    std::uint32_t kind;
+    std::uint64_t weight;
+  };
+  virtual void choices(bool initial, std::vector<Choice>& out) const = 0;
+  virtual Action action(std::uint32_t kind, Rng& rng) const = 0;
+};
+
+// A command-line option of `oba-evpn-sim fuzz` that a family adds (its canaries).
+struct FuzzFlag {
+  std::string name;  // "--canary-drop-delete"
+  std::string arg;   // "N"
+  std::string help;
+  std::function<bool(const char* value)> set;  // false: not a valid value
+  std::function<std::string()> replay;         // the flag as the replay command repeats it, or ""
+};
+
+// ---- the family ---------------------------------------------------------------------------------
+
+class Family {
+ public:
+  virtual ~Family() = default;
+  virtual std::string_view name() const = 0;
+  // Its machines, by the names a scenario restarts them with, in the order they start.
+  virtual std::vector<std::string> machines() const = 0;
+  virtual std::vector<ChipOperation> chipOperations() const { return {}; }
+  virtual std::vector<ActionKind> actions() const = 0;
+  virtual std::vector<TableKind> tables() const { return {}; }
+  // Its part of a new host agent (the agent's clock, scheduler, chip and log exist).
+  virtual std::unique_ptr<FamilyAgent> agentIs(HostAgent& agent) const = 0;
+
+  // Its part of one seeded run: draws its world from `rng`.
+  virtual std::unique_ptr<FamilyFuzz> fuzzIs(Rng& rng, const FuzzOptions& options) const = 0;
+  // Whether a review is pending that could still change something: the fuzzer drains the
+  // reviews until no family is busy.
+  virtual bool busy(const HostAgent& agent) const = 0;
+  // After each drained step: tallies, then the ledger lines of its chip part (what did not
+  // balance), then its own checks in order, the first failure ending the run. Each check compares
+  // the drained state with an independent function of the inputs.
+  virtual void count(const HostAgent&, Counters&) const {}
+  virtual void ledger(const HostAgent&, std::vector<std::string>&) const {}
+  virtual std::optional<CheckFailure> check(const HostAgent& agent, Counters* counters) const = 0;
+  // The expectations a written failing run ends with: what a replay must find, each difference
+  // the checks allow taken as the chip has it, so that only the real differences fail it.
+  virtual std::vector<std::pair<std::string, std::vector<std::string>>> finalExpectations(
+      const HostAgent& agent) const = 0;
+  // Checks whose failures a scenario's expectations can show (others look inside a machine).
+  virtual bool visibleToScenario(std::string_view check) const {
+    (void)check;
+    return false;
+  }
+  virtual std::vector<FuzzFlag> fuzzFlags() const { return {}; }
+  // Its parts of the run's summary: tallies ("N ESI entries compared, "), allowed differences.
+  virtual void printCounts(const Counters&, std::ostream&) const {}
+  virtual void printAllowances(const Counters&, std::ostream&) const {}
+};
+
+using Families = std::vector<const Family*>;
+
+// Every family of the simulator, in the order the agent starts them (sim/Families.cpp).
+const Families& registeredFamilies();
+
+}  // namespace Sim

@@ -1,0 +1,175 @@
+// A family added beside the registered ones, the way a new machine family joins the simulator:
+// its action and table are read by the core's scenario reader, its agent part starts and restarts
+// with the others, its chip operation can be refused, and the fuzzer draws its steps and runs its
+// check. Nothing of the core changes for it.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "sim/ChipLink.h"
+#include "sim/Fuzz.h"
+#include "sim/Rng.h"
+#include "sim/Scenario.h"
+#include "sim/ScenarioRunner.h"
+
+namespace {
+
+// The chip's one register, written by the family's "machine".
+class RegisterChip : public Sim::SoftwareChip::Part {
+ public:
+  explicit RegisterChip(Sim::SoftwareChip* chip) : chip_(chip) {}
+  bool write(std::uint64_t v) {
+    chip_->countCall();
+    const bool refused = chip_->refused("writeRegister", std::nullopt, std::nullopt).has_value();
+    if (!refused) value = v == lost ? 0 : v;
+    if (chip_->listening()) {
+      chip_->tell("writeRegister",
+                  Sim::chipText("writeRegister ", v, refused ? " -> refused" : ""));
+    }
+    return !refused;
+  }
+  void reset() override { value = 0; }
+  void detach() override {}
+  std::uint64_t value = 0;
+  static inline std::uint64_t lost = 99;  // a broken chip loses writes of this value
+
+ private:
+  Sim::SoftwareChip* chip_;
+};
+
+// Its input is a number; its machine copies the number to the chip whenever it runs.
+class RegisterAgent : public Sim::FamilyAgent {
+ public:
+  explicit RegisterAgent(Sim::HostAgent& agent) : chip(new RegisterChip(agent.chip.ptr())) {
+    agent.chip->partIs(chip);
+    agent.chip->operationIs("writeRegister");
+  }
+  void start() override {
+    running = true;
+    sync();
+  }
+  void stop() override { running = false; }
+  void restart(const std::string&) override { start(); }
+  void sync() {
+    if (running) chip->write(input);
+  }
+  std::vector<std::string> lines(std::string_view) const override {
+    return {std::to_string(chip->value)};
+  }
+  Kiv::Ptr<RegisterChip> chip;
+  std::uint64_t input = 0;
+  bool running = false;
+};
+
+class SetRegister : public Sim::ActionBody {
+ public:
+  explicit SetRegister(std::uint64_t v) : v_(v) {}
+  void apply(Sim::HostAgent& agent) const override {
+    auto& f = agent.family<RegisterAgent>();
+    f.input = v_;
+    f.sync();
+  }
+  void write(std::ostream& os) const override { os << "register: " << v_; }
+
+ private:
+  std::uint64_t v_;
+};
+
+class RegisterFuzz : public Sim::FamilyFuzz {
+ public:
+  void choices(bool, std::vector<Choice>& out) const override { out.push_back({0, 30}); }
+  Sim::Action action(std::uint32_t, Sim::Rng& r) const override {
+    return Sim::Action{0, std::make_shared<SetRegister>(r.below(5))};
+  }
+};
+
+class RegisterFamily : public Sim::Family {
+ public:
+  std::string_view name() const override { return "register"; }
+  std::vector<std::string> machines() const override { return {"registerWriter"}; }
+  std::vector<Sim::ChipOperation> chipOperations() const override {
+    return {{"writeRegister", "refused", [](const Sim::Reader&, const YAML::Node&) { return 1u; },
+             1, false, false, [](std::uint32_t) { return std::string("refused"); }}};
+  }
+  std::vector<Sim::ActionKind> actions() const override {
+    return {{"register", [](const Sim::Reader& r, const YAML::Node& v) {
+               return std::make_shared<SetRegister>(r.count(v, "a register value"));
+             }}};
+  }
+  std::vector<Sim::TableKind> tables() const override { return {{"register", "values", {}}}; }
+  std::unique_ptr<Sim::FamilyAgent> agentIs(Sim::HostAgent& agent) const override {
+    return std::make_unique<RegisterAgent>(agent);
+  }
+  std::unique_ptr<Sim::FamilyFuzz> fuzzIs(Sim::Rng&, const Sim::FuzzOptions&) const override {
+    return std::make_unique<RegisterFuzz>();
+  }
+  bool busy(const Sim::HostAgent&) const override { return false; }
+  // The chip must hold the input.
+  std::optional<Sim::CheckFailure> check(const Sim::HostAgent& agent,
+                                         Sim::Counters* counters) const override {
+    const auto& f = agent.family<RegisterAgent>();
+    if (counters) ++(*counters)["registerChecks"];
+    if (f.chip->value == f.input) return std::nullopt;
+    return Sim::CheckFailure{
+        "register",
+        {"expected " + std::to_string(f.input) + ", actual " + std::to_string(f.chip->value)}};
+  }
+  std::vector<std::pair<std::string, std::vector<std::string>>> finalExpectations(
+      const Sim::HostAgent& agent) const override {
+    return {{"register", {std::to_string(agent.family<RegisterAgent>().input)}}};
+  }
+  bool visibleToScenario(std::string_view check) const override { return check == "register"; }
+};
+
+TEST(Family, ANewFamilyJoinsScenariosAndTheFuzzerThroughItsOwnPlaceAlone) {
+  RegisterFamily reg;
+  Sim::Families families = Sim::registeredFamilies();
+  families.push_back(&reg);
+
+  // Its action, its chip operation in a refusal rule, its machine restarted by name, its table.
+  const char* const text = R"(
+initial:
+  - register: 3
+steps:
+  - at: 1
+    do:
+      - chipRefuse: {op: writeRegister, times: 1}
+      - register: 4
+    expect:
+      register: [3]
+  - at: 2
+    do:
+      - restart: registerWriter
+    expect:
+      calls: [writeRegister 3, writeRegister 4 -> refused, writeRegister 4]
+      register: [4]
+)";
+  Sim::SimLog quiet;
+  auto r = Sim::runScenario(Sim::parseScenario(text, "register.yaml", families), quiet,
+                            Sim::RunOptions{.check = true});
+  EXPECT_TRUE(r.ok()) << r.failures[0];
+  // Without it registered, its action is unknown to the reader.
+  EXPECT_THROW(Sim::parseScenario(text, "register.yaml"), Sim::ScenarioError);
+
+  // The fuzzer draws its steps among the others and runs its check after every one.
+  Sim::FuzzOptions o;
+  o.seeds = 5;
+  o.steps = 100;
+  o.restarts = true;
+  Sim::FuzzResult ok = Sim::fuzz(o, nullptr, nullptr, families);
+  ASSERT_FALSE(ok.failure) << ok.failure->failure.lines[0];
+  EXPECT_EQ(ok.counters["registerChecks"], 5u * 101u);
+
+  // A chip that loses a write is caught, shrunk and written as a scenario that --check fails.
+  RegisterChip::lost = 2;
+  o.outDir = ::testing::TempDir() + "family-fuzz";
+  std::filesystem::remove_all(o.outDir);
+  Sim::FuzzResult bad = Sim::fuzz(o, nullptr, nullptr, families);
+  ASSERT_TRUE(bad.failure);
+  EXPECT_EQ(bad.failure->failure.check, "register");
+  EXPECT_TRUE(bad.failure->checkFails);
+  EXPECT_LE(bad.failure->shrunkActions, 3u);
+  RegisterChip::lost = 99;
+}
+
+}  // namespace
