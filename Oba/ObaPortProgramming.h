@@ -12,7 +12,8 @@
 //
 // and then drives the functions below with what is its own: the chip operation for one port, and
 // its handlers for a port and for a whole pair, so that every entry trace stays the machine's.
-// The machine also provides maybeScheduleUnprogrammedReview(bool immediate) and acsd().
+// The machine also provides acsd(), processIntfVlan(intf, vlan), its reviewUnprogrammed task and
+// maybeScheduleUnprogrammedReview(bool immediate), which calls schedulePortReview.
 
 #include "Bridging/VlanId.h"
 #include "Kiv/Assert.h"
@@ -31,6 +32,7 @@
   void portStatusDel(const ::Oba::IntfVlanKey& k) { status##Del(k); }      \
   void portParkedIs(const ::Oba::IntfVlanKey& k) { parked##Is(k, true); }  \
   void portParkedDel(const ::Oba::IntfVlanKey& k) { parked##Del(k); }      \
+  auto portParkedWalk() const { return parked##Walk(); }                   \
                                                                            \
  public:
 
@@ -145,6 +147,31 @@ bool unprogramPort(Sm& sm, const IntfVlanKey& key, Quil::IntfId phy, const Kiv::
   status->programmedDel(phy);
   destroy();
   return true;
+}
+
+// Schedules the machine's unprogrammed review (at once when `immediate`), once initialized.
+template <class Sm>
+void schedulePortReview(Sm& sm, bool immediate, const Kiv::TraceHandle& th) {
+  if (!sm.initialized()) return;
+  KIV_ASSERT_TEXT(sm.reviewUnprogrammed(), "task");
+  scheduleUnprogrammedReview(*sm.reviewUnprogrammed()->task(), immediate,
+                             sm.defaultUnprogrammedRetryInterval(), th);
+}
+
+// The unprogrammed review: every parked pair decided again. `statusText` and `waitingText` are
+// the machine's texts for a parked pair without status, or without a refused port.
+template <class Sm>
+void reviewParkedPorts(Sm& sm, const char* statusText, const char* waitingText) {
+  KIV_ASSERT_TEXT(sm.initialized(), "initialized()");
+  Mox::TimerTask* task = sm.reviewUnprogrammed() ? sm.reviewUnprogrammed()->task().ptr() : nullptr;
+  KIV_ASSERT_TEXT(task, "task");
+  reviewEach(sm.portParkedWalk(), *task, sm.defaultUnprogrammedRetryInterval(),
+             [&](const IntfVlanKey& key) {
+               auto status = sm.portStatus(key);
+               KIV_ASSERT_TEXT(status, statusText);
+               KIV_ASSERT_TEXT(status->unprogrammeds(), waitingText);
+               sm.processIntfVlan(key.intfId(), key.vlanId());
+             });
 }
 
 }  // namespace Oba

@@ -242,24 +242,12 @@ void EvpnFloodingDot1qSm::unprogramDot1qHelper(Quil::IntfId logical, Quil::IntfI
 
 void EvpnFloodingDot1qSm::maybeScheduleUnprogrammedReview(bool immediate) {
   OBA_TRACE8(th, "maybeScheduleUnprogrammedReview", " immediate " << immediate);
-  if (!initialized()) return;
-  KIV_ASSERT_TEXT(reviewUnprogrammed(), "task");
-  scheduleUnprogrammedReview(*reviewUnprogrammed()->task(), immediate,
-                             defaultUnprogrammedRetryInterval(), th);
+  schedulePortReview(*this, immediate, th);
 }
 
 void EvpnFloodingDot1qSm::doReviewUnprogrammed() {
   OBA_TRACE8(th, "doReviewUnprogrammed");
-  KIV_ASSERT(initialized());
-  Mox::TimerTask* task = reviewUnprogrammed() ? reviewUnprogrammed()->task().ptr() : nullptr;
-  KIV_ASSERT(task);
-  reviewEach(unprogrammedDot1qWalk(), *task, defaultUnprogrammedRetryInterval(),
-             [this](const IntfVlanKey& key) {
-               auto ds = dot1qStatus(key);
-               KIV_ASSERT(ds);
-               KIV_ASSERT(ds->unprogrammeds());
-               processIntfVlan(key.intfId(), key.vlanId());
-             });
+  reviewParkedPorts(*this, "ds", "ds->unprogrammeds()");
 }
 
 }  // namespace Oba

@@ -301,24 +301,12 @@ void EvpnFloodingEsiSm::unprogramEsiHelper(Quil::IntfId logical, Quil::IntfId ph
 
 void EvpnFloodingEsiSm::maybeScheduleUnprogrammedReview(bool immediate) {
   OBA_TRACE8(th, "maybeScheduleUnprogrammedReview", " immediate " << immediate);
-  if (!initialized()) return;
-  KIV_ASSERT_TEXT(reviewUnprogrammed(), "task");
-  scheduleUnprogrammedReview(*reviewUnprogrammed()->task(), immediate,
-                             defaultUnprogrammedRetryInterval(), th);
+  schedulePortReview(*this, immediate, th);
 }
 
 void EvpnFloodingEsiSm::doReviewUnprogrammed() {
   OBA_TRACE8(th, "doReviewUnprogrammed");
-  KIV_ASSERT(initialized());
-  Mox::TimerTask* task = reviewUnprogrammed() ? reviewUnprogrammed()->task().ptr() : nullptr;
-  KIV_ASSERT(task);
-  reviewEach(unprogrammedEsiWalk(), *task, defaultUnprogrammedRetryInterval(),
-             [this](const IntfVlanKey& key) {
-               auto es = esiStatus(key);
-               KIV_ASSERT(es);
-               KIV_ASSERT(es->unprogrammeds());
-               processIntfVlan(key.intfId(), key.vlanId());
-             });
+  reviewParkedPorts(*this, "es", "es->unprogrammeds()");
 }
 
 }  // namespace Oba
