@@ -243,32 +243,10 @@ void EvpnFloodingEsiSm::programEsi(Quil::IntfId intf, Bridging::VlanId vlan,
                                    Quil::MplsLabel label) {
   OBA_TRACE8(th, "programEsi", " " << intf << " vlan " << vlan << " label " << label);
   KIV_ASSERT(initialized());
-  if (!isLag(intf)) {
-    programEsiHelper(intf, intf, vlan, label);
-    return;
-  }
-  auto members = acsd()->lagToPort(intf);
-  if (!members) {
-    OBA_TRACE5(th, "no lag configuration");
-    unprogramEsi(intf, vlan);
-    return;
-  }
-  if (members->empty()) {
-    OBA_TRACE5(th, "no lag members");
-    unprogramEsi(intf, vlan);
-    return;
-  }
-  IntfVlanKey key(intf, vlan);
-  unprogrammedEsiDel(key);  // every member is tried again below
-  if (auto es = esiStatus(key)) {
-    es->unprogrammedDelAll();
-    for (auto [port, member] : es->programmedWalk()) {
-      if (members->has(port)) continue;
-      OBA_TRACE5(th, "stale lag member, delete");
-      unprogramEsiHelper(intf, port, vlan);
-    }
-  }
-  for (Quil::IntfId port : members->ports()) programEsiHelper(intf, port, vlan, label);
+  programLagPorts(
+      *this, intf, vlan, th, [&](Quil::IntfId port) { programEsiHelper(intf, port, vlan, label); },
+      [&](Quil::IntfId port) { unprogramEsiHelper(intf, port, vlan); },
+      [&] { unprogramEsi(intf, vlan); });
 }
 
 void EvpnFloodingEsiSm::programEsiHelper(Quil::IntfId logical, Quil::IntfId phy,
@@ -294,48 +272,22 @@ void EvpnFloodingEsiSm::programEsiHelper(Quil::IntfId logical, Quil::IntfId phy,
   }
   IntfVlanTunnelKey labelKey(logical, vlan, tunnel);
   KIV_ASSERT_TEXT(intfVlanTunnelLabelHas(labelKey), "intfVlanTunnelLabelHas( labelKey )");
-  auto es = esiStatusIs(key);
-  if (es->programmedHas(phy)) {
-    OBA_TRACE5(th, "already programmed");
-    return;
-  }
-  es->unprogrammedDel(phy);
-  if (!es->unprogrammeds()) unprogrammedEsiDel(key);
-  switch (floodingHelper()->createEsiData(phy, vlan, tunnel, hwTunnel.row.hwTunnelId(), label,
-                                          localLabel->mplsLabel())) {
-    case HwProgrammingStatus::programmed:
-      OBA_TRACE5(th, "programmed esi");
-      es->programmedIs(phy, true);
-      break;
-    case HwProgrammingStatus::notProgrammed:
-      OBA_TRACE5(th, "failed to program esi");
-      unprogrammedEsiIs(key, true);
-      es->unprogrammedIs(phy, true);
-      maybeScheduleUnprogrammedReview(false);
-      break;
-    case HwProgrammingStatus::invalidHwId:
-      // The ids handed over come from the published mapping: the chip refusing one is a bug.
-      OBA_TRACE5(th, "invalid hwId, failed to program");
-      KIV_ASSERT(0);
-      break;
-    default:
-      break;  // an answer the chip layer does not define: nothing to record
-  }
+  // The ids handed over come from the published mapping: the chip refusing one is a bug.
+  static constexpr PortProgrammingTexts texts{"programmed esi", "failed to program esi",
+                                              "invalid hwId, failed to program"};
+  programPort(*this, key, phy, th, texts, [&] {
+    return floodingHelper()->createEsiData(phy, vlan, tunnel, hwTunnel.row.hwTunnelId(), label,
+                                           localLabel->mplsLabel());
+  });
 }
 
 void EvpnFloodingEsiSm::unprogramEsi(Quil::IntfId intf, Bridging::VlanId vlan) {
   OBA_TRACE8(th, "unprogramEsi", " " << intf << " vlan " << vlan);
   KIV_ASSERT(initialized());
-  IntfVlanKey key(intf, vlan);
-  unprogrammedEsiDel(key);
-  if (auto es = esiStatus(key)) {
-    for (auto [port, member] : es->programmedWalk()) unprogramEsiHelper(intf, port, vlan);
-    // The entries freed in the chip may let the waiting pairs through now.
-    if (unprogrammedEsis()) maybeScheduleUnprogrammedReview(true);
-  } else {
-    OBA_TRACE5(th, "not programmed");
-  }
-  esiStatusDel(key);
+  bool released = unprogramPorts(*this, IntfVlanKey(intf, vlan), th,
+                                 [&](Quil::IntfId port) { unprogramEsiHelper(intf, port, vlan); });
+  // The entries freed in the chip may let the waiting pairs through now.
+  if (released && unprogrammedEsis()) maybeScheduleUnprogrammedReview(true);
 }
 
 void EvpnFloodingEsiSm::unprogramEsiHelper(Quil::IntfId logical, Quil::IntfId phy,
@@ -343,40 +295,18 @@ void EvpnFloodingEsiSm::unprogramEsiHelper(Quil::IntfId logical, Quil::IntfId ph
   OBA_TRACE8(th, "unprogramEsiHelper",
              " logical intf " << logical << " phy intf " << phy << " vlan " << vlan);
   KIV_ASSERT(initialized());
-  auto es = esiStatus(IntfVlanKey(logical, vlan));
-  if (!es) {
-    OBA_TRACE5(th, "not programmed");
-    return;
-  }
-  es->unprogrammedDel(phy);
-  if (!es->programmedHas(phy)) {
-    OBA_TRACE5(th, "not programmed");
-    return;
-  }
-  es->programmedDel(phy);
-  floodingHelper()->deleteEsiData(phy, vlan);
+  unprogramPort(*this, IntfVlanKey(logical, vlan), phy, th,
+                [&] { floodingHelper()->deleteEsiData(phy, vlan); });
 }
 
 void EvpnFloodingEsiSm::maybeScheduleUnprogrammedReview(bool immediate) {
   OBA_TRACE8(th, "maybeScheduleUnprogrammedReview", " immediate " << immediate);
-  if (!initialized()) return;
-  KIV_ASSERT_TEXT(reviewUnprogrammed(), "task");
-  scheduleUnprogrammedReview(*reviewUnprogrammed()->task(), immediate,
-                             defaultUnprogrammedRetryInterval(), th);
+  schedulePortReview(*this, immediate, th);
 }
 
 void EvpnFloodingEsiSm::doReviewUnprogrammed() {
   OBA_TRACE8(th, "doReviewUnprogrammed");
-  KIV_ASSERT(initialized());
-  Mox::TimerTask* task = reviewUnprogrammed() ? reviewUnprogrammed()->task().ptr() : nullptr;
-  KIV_ASSERT(task);
-  reviewEach(unprogrammedEsiWalk(), *task, defaultUnprogrammedRetryInterval(),
-             [this](const IntfVlanKey& key) {
-               auto es = esiStatus(key);
-               KIV_ASSERT(es);
-               KIV_ASSERT(es->unprogrammeds());
-               processIntfVlan(key.intfId(), key.vlanId());
-             });
+  reviewParkedPorts(*this, "es", "es->unprogrammeds()");
 }
 
 }  // namespace Oba

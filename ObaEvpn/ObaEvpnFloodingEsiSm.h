@@ -19,6 +19,7 @@
 #include "Oba/ObaExport.h"
 #include "Oba/ObaHelpers.h"
 #include "Oba/ObaKeys.h"
+#include "Oba/ObaPortProgramming.h"
 #include "Oba/ObaSets.h"
 #include "Oba/TunnelIdToHwTunnelIdMapping.h"
 #include "Quil/IntfId.h"
@@ -96,6 +97,7 @@ class OBA_EXPORT EvpnFloodingEsiSm : public Kiv::PtrInterface {
   KIV_COLLECTION(intfVlanTunnelLabel, IntfVlanTunnelKey, Quil::MplsLabel)    // remote ESI label
   KIV_CHILD_COLLECTION(esiStatus, IntfVlanKey, IntfVlanStatus)  // ports programmed or refused
   KIV_ORDERED_COLLECTION(unprogrammedEsi, IntfVlanKey, bool)    // pairs with a refused port
+  OBA_PORT_PROGRAMMING(esiStatus, unprogrammedEsi)
   KIV_SCALAR(initialized, bool, false)
   KIV_SCALAR(defaultUnprogrammedRetryInterval, double, unprogrammedRetryIntervalDefault)
 

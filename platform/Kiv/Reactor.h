@@ -189,3 +189,25 @@ class ReactorSlot {
   ::Kiv::ReactorSlot<R> attr##_;                                       \
                                                                        \
  public:
+
+// A single reactor over a top-level input that the machine also writes (a backlog it consumes):
+// as KIV_REACTOR, but attr() is the writable input.
+#define KIV_WRITABLE_REACTOR(attr, R, Qualified)                          \
+ public:                                                                  \
+  const ::Kiv::Ptr<typename R::Entity>& attr() const { return attr##W_; } \
+  const ::Kiv::Ptr<R>& attr##Reactor() const { return attr##_.get(); }    \
+  void attr##Is(const ::Kiv::Ptr<typename R::Entity>& e) {                \
+    if (!e) ::Kiv::throwNullMutator(#attr, Qualified);                    \
+    attr##_.set(::Kiv::Ptr<const typename R::Entity>(e), this);           \
+    attr##W_ = e;                                                         \
+  }                                                                       \
+  void attr##Del() {                                                      \
+    attr##_.reset();                                                      \
+    attr##W_ = nullptr;                                                   \
+  }                                                                       \
+                                                                          \
+ private:                                                                 \
+  ::Kiv::ReactorSlot<R> attr##_;                                          \
+  ::Kiv::Ptr<typename R::Entity> attr##W_;                                \
+                                                                          \
+ public:

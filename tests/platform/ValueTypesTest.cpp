@@ -10,6 +10,7 @@
 #include "Bridging/MacVlanPair.h"
 #include "Bridging/VlanIdOrNone.h"
 #include "L2Rib/Dest.h"
+#include "Mpls/Lfib.h"
 #include "Mpls/ReturnCode.h"
 #include "Quil/IntfId.h"
 #include "Tunnel/TunnelId.h"
@@ -260,6 +261,27 @@ TEST(ValueTypesTest, DestFormsOrderAndId) {
   }
   expectRejected<L2Rib::DestId>("DestId", "DestId");
   expectRejected<L2Rib::DestId>("DestId4294967296", "DestId");
+}
+
+// The numbers the label-forwarding agents exchange are fixed; the names are ours.
+TEST(ValueTypesTest, LabelRouteKeysViaKeysAndReturnCodes) {
+  using Mpls::LfibHwProgrammingReturnCode;
+  EXPECT_EQ(static_cast<int>(LfibHwProgrammingReturnCode::lfibHwProgrammingIntfConflict), 1);
+  EXPECT_EQ(static_cast<int>(LfibHwProgrammingReturnCode::lfibHwProgrammingResourceFull), 2);
+  EXPECT_EQ(static_cast<int>(LfibHwProgrammingReturnCode::lfibHwProgrammingFailed), 3);
+  EXPECT_EQ(static_cast<int>(Mpls::LfibViaType::viaTypeEvpnEthernetSegmentFilter), 6);
+
+  Mpls::RouteKey r(MplsLabel(1001));
+  EXPECT_EQ(streamed(r), "topLabel 1001");
+  EXPECT_LT(r, Mpls::RouteKey(MplsLabel(1002)));
+  EXPECT_EQ(r.hash(), Mpls::RouteKey(MplsLabel(1001)).hash());
+  EXPECT_FALSE(Mpls::LfibViaKey());  // names no via
+  Mpls::LfibViaKey via(Mpls::LfibViaType::viaTypeEvpnEthernetSegmentFilter, 12);
+  EXPECT_TRUE(via);
+  EXPECT_EQ(streamed(via), "6/12");
+  EXPECT_NE(via.hash(), Mpls::LfibViaKey(Mpls::LfibViaType::viaTypeMpls, 12).hash());
+  EXPECT_EQ(streamed(Mpls::LfibEvpnEthernetSegmentFilterVia{IntfId::ethernet(3)}),
+            "intf Ethernet3");
 }
 
 }  // namespace

@@ -1,13 +1,15 @@
 #pragma once
 // The EVPN status that the control plane publishes: per Ethernet segment (keyed by the segment's
 // interface) the designated-forwarder tunnel endpoint of each VLAN and the ESI labels that remote
-// endpoints advertise, and the locally allocated ESI label of each segment.
+// endpoints advertise, the locally allocated ESI label of each segment, and the 802.1Q tag of
+// each EVPN VLAN service.
 
 #include <cstdint>
 #include <ostream>
 #include <string_view>
 
 #include "Bridging/VlanId.h"
+#include "Bridging/VlanIdOrNone.h"
 #include "Kiv/Entity.h"
 #include "Quil/IntfId.h"
 #include "Quil/MplsLabel.h"
@@ -63,10 +65,23 @@ class EvpnStatus : public Kiv::Entity<EvpnStatus> {
    public:
     KIV_NOTIFIEE_COLLECTION(segmentStatus, SegmentStatus, Quil::IntfId)
     KIV_NOTIFIEE_COLLECTION(localEsiLabel, LocalEsiLabel, Quil::IntfId)
+    KIV_NOTIFIEE_COLLECTION(vlanToDot1q, VlanToDot1q, Bridging::VlanId)
   };
   KIV_WATCHED_CHILD_COLLECTION(segmentStatus, SegmentStatus, Quil::IntfId, EthernetSegmentStatus)
   // Segment interface -> the ESI label allocated locally for it.
   KIV_WATCHED_COLLECTION(localEsiLabel, LocalEsiLabel, Quil::IntfId, EncapTypeLabel)
+  // VLAN of an EVPN VLAN service -> the 802.1Q tag its flooded traffic carries on a port.
+  KIV_WATCHED_COLLECTION(vlanToDot1q, VlanToDot1q, Bridging::VlanId, Bridging::VlanIdOrNone)
+};
+
+// The EVPN MPLS configuration; the library follows only whether VLAN services use 802.1Q tags.
+class MplsConfig : public Kiv::Entity<MplsConfig> {
+ public:
+  class NotifieeConst : public Kiv::NotifieeConstBase<MplsConfig> {
+   public:
+    KIV_NOTIFIEE_SCALAR(VlanServiceDot1qEnabled)
+  };
+  KIV_WATCHED_SCALAR(vlanServiceDot1qEnabled, VlanServiceDot1qEnabled, bool, false)
 };
 
 }  // namespace Evpn

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::array<std::string_view, 4> names = {
     "lfibHwProgrammingSuccess",
-    "lfibHwProgrammingInProgress",
+    "lfibHwProgrammingIntfConflict",
     "lfibHwProgrammingResourceFull",
     "lfibHwProgrammingFailed",
 };

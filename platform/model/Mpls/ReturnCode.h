@@ -10,7 +10,7 @@ namespace Mpls {
 
 enum class LfibHwProgrammingReturnCode : std::uint32_t {
   lfibHwProgrammingSuccess = 0,
-  lfibHwProgrammingInProgress = 1,
+  lfibHwProgrammingIntfConflict = 1,  // the interface is already mapped for another route
   lfibHwProgrammingResourceFull = 2,
   lfibHwProgrammingFailed = 3,
 };
