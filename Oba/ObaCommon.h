@@ -63,18 +63,20 @@ void scheduleUnprogrammedReview(Mox::TimerTask& task, bool immediate, Kiv::Secon
 // A review's walk: `retry(key)` for every key of the unprogrammed collection, one unit of task
 // work each. When keys remain and the scheduler asks the task to yield, the review reschedules
 // itself after `interval` and stops, so a large backlog never holds the event loop. The retry may
-// change the collection (a success removes its own key).
+// change the collection (a success removes its own key). Answers true when the walk reached the
+// end, false when it yielded.
 template <class Walk, class Retry>
-void reviewEach(const Walk& walk, Mox::TimerTask& task, Kiv::Seconds interval, Retry retry) {
+bool reviewEach(const Walk& walk, Mox::TimerTask& task, Kiv::Seconds interval, Retry retry) {
   for (auto it = walk.begin(); it != walk.end();) {
     retry((*it).key);
     task.taskWorkCountInc(1);
-    if (++it == walk.end()) return;
+    if (++it == walk.end()) return true;
     if (task.taskShouldYield()) {
       task.scheduleTaskDelay(interval);
-      return;
+      return false;
     }
   }
+  return true;
 }
 
 }  // namespace Oba

@@ -36,8 +36,8 @@ struct ObjTupleAndFecIdFields {
   static constexpr const char* typeName = "Oba::ObjTupleAndFecId";
   static constexpr std::array<const char*, 2> names{"objTuple", "fecId"};
 };
-class OBA_EXPORT ObjTupleAndFecId : public Value<ObjTupleAndFecId, ObjTupleAndFecIdFields,
-                                                 L2Rib::ObjTuple, Shoal::Fib::FecId> {
+class OBA_EXPORT ObjTupleAndFecId
+    : public Value<ObjTupleAndFecId, ObjTupleAndFecIdFields, L2Rib::ObjTuple, Shoal::Fib::FecId> {
  public:
   using Value::Value;
   L2Rib::ObjTuple objTuple() const { return field<0>(); }

@@ -60,8 +60,8 @@ class FecId {
 // "FecId(0x800000000000007)"
 inline std::ostream& operator<<(std::ostream& os, FecId id) {
   char buf[32];
-  int n = std::snprintf(buf, sizeof buf, "FecId(0x%llx)",
-                        static_cast<unsigned long long>(id.value()));
+  int n =
+      std::snprintf(buf, sizeof buf, "FecId(0x%llx)", static_cast<unsigned long long>(id.value()));
   return os.write(buf, n);
 }
 
@@ -98,7 +98,10 @@ class Via {
   Via() = default;
   // Out over a tunnel (an invalid tunnel id while the destination is not known) under a label.
   Via(EcmpIndex index, Quil::MplsLabel mplsLabel, TunnelId tunnelId)
-      : tunnelId_(tunnelId), index_(index), mplsLabel_(mplsLabel), labelAction_(actionOf(mplsLabel)) {}
+      : tunnelId_(tunnelId),
+        index_(index),
+        mplsLabel_(mplsLabel),
+        labelAction_(actionOf(mplsLabel)) {}
   // Through another FEC, with a label pushed on top.
   static Via hierarchical(EcmpIndex index, Quil::MplsLabel mplsLabel, FecId fecId) {
     Via v(index, mplsLabel, TunnelId());

@@ -7,8 +7,7 @@
 namespace L2Rib {
 
 std::ostream& operator<<(std::ostream& os, TableType t) {
-  static constexpr std::array<std::string_view, 4> names = {"none", "loadBalance", "label",
-                                                            "dest"};
+  static constexpr std::array<std::string_view, 4> names = {"none", "loadBalance", "label", "dest"};
   if (t < names.size()) return os << names[t];
   return os << Quil::TextBuf<16>().append("TableType(").appendDecimal(t).append(")").view();
 }
