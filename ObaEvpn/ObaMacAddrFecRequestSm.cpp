@@ -280,8 +280,7 @@ void ObaMacAddrFecRequestSm::handleLabel(const L2Rib::LabelId& labelId) {
     const ObjTuple objTuple = ObjTuple::label(labelId);
     const L2Rib::Label label = labelTable()->label(labelId).row;
     settleChainHead(
-        *this, objTuple, label,
-        [&] { updateMapsForLabelTableChange(label, labelId, objTuple); },
+        *this, objTuple, label, [&] { updateMapsForLabelTableChange(label, labelId, objTuple); },
         [&] { return buildFecForLabel(label, labelId, objTuple); });
   });
 }

@@ -123,7 +123,7 @@ class OBA_EXPORT ObaMacAddrFecRequestSm : public Kiv::PtrInterface {
   KIV_COLLECTION(isFirstLevelNextHop, ObjTuple, std::uint32_t)    // hosts pointing straight at it
   KIV_COLLECTION(fecRequestCache, ObjTuple, FecId)                // hardware ids requested
   KIV_COLLECTION(macVlanToObjTupleCache, Bridging::MacVlanPair, ObjTuple)  // as last handled
-  KIV_COLLECTION(fecRequestReverseMap, FecId, ObjTuple)  // the owner of a requested FEC id
+  KIV_COLLECTION(fecRequestReverseMap, FecId, ObjTuple)      // the owner of a requested FEC id
   KIV_COLLECTION(hostBackLogQ, Bridging::MacVlanPair, bool)  // hosts waiting for the review
   KIV_COLLECTION(objTupleBackLogQ, ObjTuple, bool)           // objects waiting for the review
   KIV_COLLECTION(fecCache, FecId, bool)                      // FEC ids with a built FEC

@@ -55,9 +55,7 @@ class MacAddrFecRequestSmTest : public ::testing::Test {
   FecId fecIdOf(ObjTuple t) { return request->objTupleToFecId(t).row.fecId(); }
   Shoal::Fib::Fec fecOf(ObjTuple t) { return request->fec(fecIdOf(t)).row; }
   bool hasFec(ObjTuple t) { return request->objTupleToFecId(t).found; }
-  bool requested(ObjTuple t) {
-    return hasFec(t) && request->hwFecIdRequest(fecIdOf(t)).found;
-  }
+  bool requested(ObjTuple t) { return hasFec(t) && request->hwFecIdRequest(fecIdOf(t)).found; }
   std::string vias(ObjTuple t) {
     std::ostringstream os;
     const Shoal::Fib::Fec fec = fecOf(t);
