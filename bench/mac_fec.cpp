@@ -75,7 +75,8 @@ struct Rib {
     }
     for (std::uint32_t b = 0; b < s.lbs; ++b) {
       std::vector<ObjTuple> next;
-      for (std::uint32_t i = 0; i < 4; ++i) next.push_back(ObjTuple::dest(L2Rib::DestId((b + i) % s.dests)));
+      for (std::uint32_t i = 0; i < 4; ++i)
+        next.push_back(ObjTuple::dest(L2Rib::DestId((b + i) % s.dests)));
       lbs->loadBalanceIs(L2Rib::LoadBalanceId(b), L2Rib::LoadBalance(std::move(next)));
     }
     for (std::uint32_t l = 0; l < s.labels; ++l) {
@@ -181,6 +182,19 @@ bool sameRequests(benchmark::State& state, const MachineSide& m, const Floor& f)
   return same;
 }
 
+// After the equivalence check: the iteration's time and, unless only checking, the rates. Answers
+// whether the phase goes on to report its own figures.
+bool checkedRates(benchmark::State& state, const MachineSide& m, const Floor& f, double machine,
+                  double floor) {
+  if (!sameRequests(state, m, f)) return false;
+  state.SetIterationTime(machine);
+  if (gCheckOnly) return false;
+  state.counters["hosts/s"] = gShape.hosts / machine;
+  state.counters["floor_hosts/s"] = gShape.hosts / floor;
+  state.counters["x_floor"] = machine / floor;
+  return true;
+}
+
 void BM_ColdStart(benchmark::State& state) {
   for (auto _ : state) {
     Rib rib(gShape);
@@ -195,12 +209,7 @@ void BM_ColdStart(benchmark::State& state) {
     t = Stopwatch::now();
     for (auto&& e : rib.hosts->hostWalk()) f.host(e.key);
     double floor = since(t);
-    if (!sameRequests(state, m, f)) return;
-    state.SetIterationTime(machine);
-    if (gCheckOnly) continue;
-    state.counters["hosts/s"] = gShape.hosts / machine;
-    state.counters["floor_hosts/s"] = gShape.hosts / floor;
-    state.counters["x_floor"] = machine / floor;
+    if (!checkedRates(state, m, f, machine, floor)) continue;
     state.counters["B/host"] = bytes / gShape.hosts;
     state.counters["max_task_us"] = m.longestRun * 1e6;
   }
@@ -223,12 +232,7 @@ void BM_HostMove(benchmark::State& state) {
       f.host(hostKey(h));
     }
     double floor = since(t);
-    if (!sameRequests(state, m, f)) return;
-    state.SetIterationTime(machine);
-    if (gCheckOnly) continue;
-    state.counters["hosts/s"] = gShape.hosts / machine;
-    state.counters["floor_hosts/s"] = gShape.hosts / floor;
-    state.counters["x_floor"] = machine / floor;
+    if (!checkedRates(state, m, f, machine, floor)) continue;
   }
 }
 
