@@ -2,7 +2,8 @@
 // Keyed collections that an entity or a state machine owns.
 //
 // Kiv::HashMap<K, V>     O(1) on average; walks in a deterministic order (insertion order,
-//                        perturbed only by removals outside a walk).
+//                        perturbed by removals: the last element takes a removed one's place,
+//                        at once or, for removals during a walk, when the walk ends).
 // Kiv::OrderedMap<K, V>  walks in key order (reviews that must go in key order use it).
 //
 // Both tolerate any change while they are walked: the current element, or any other, may be
@@ -133,9 +134,10 @@ class HashMap {
     if (walkers_) {
       slots_[i].live = false;
       slots_[i].value = V();
-      ++dead_;
+      holes_.push_back(i);
     } else {
       removeSlot(i);
+      if (!size_) release();
     }
     return true;
   }
@@ -144,12 +146,13 @@ class HashMap {
     if (walkers_) {
       [[maybe_unused]] std::vector<V> doomed;
       doomed.reserve(size_);
-      for (Slot& s : slots_) {
+      for (std::uint32_t i = 0; i < slots_.size(); ++i) {
+        Slot& s = slots_[i];
         if (!s.live) continue;
         doomed.push_back(std::move(s.value));
         s.value = V();
         s.live = false;
-        ++dead_;
+        holes_.push_back(i);
       }
       cells_.clear();
       size_ = 0;
@@ -303,26 +306,40 @@ class HashMap {
     slots_.pop_back();
   }
 
+  // Removals during a walk left holes: fill each from the back, as a removal outside a walk
+  // does, so the cost follows what was removed, not the size of the map (a review that drains a
+  // large backlog a budget at a time must not pay for the whole backlog at each yield).
   void walkEnded() {
-    if (--walkers_ || !dead_) return;
-    std::size_t out = 0;
-    for (std::size_t i = 0; i < slots_.size(); ++i) {
-      if (!slots_[i].live) continue;
-      if (out != i) {
-        slots_[out] = std::move(slots_[i]);
-        repoint(slots_[out].key, static_cast<std::uint32_t>(i), static_cast<std::uint32_t>(out));
-      }
-      ++out;
+    if (--walkers_) return;
+    if (!size_) {
+      release();
+      return;
     }
-    slots_.erase(slots_.begin() + static_cast<std::ptrdiff_t>(out), slots_.end());
-    dead_ = 0;
+    for (std::uint32_t hole : holes_) {
+      while (!slots_.empty() && !slots_.back().live) slots_.pop_back();
+      if (hole >= slots_.size()) continue;
+      std::uint32_t last = static_cast<std::uint32_t>(slots_.size() - 1);
+      slots_[hole] = std::move(slots_[last]);
+      repoint(slots_[hole].key, last, hole);
+      slots_.pop_back();
+    }
+    while (!slots_.empty() && !slots_.back().live) slots_.pop_back();
+    holes_.clear();
+  }
+
+  // An emptied map gives its memory back: a drained backlog of a million keys keeps nothing.
+  void release() {
+    std::vector<Slot>().swap(slots_);
+    std::vector<Cell>().swap(cells_);
+    std::vector<std::uint32_t>().swap(holes_);
   }
 
   std::vector<Slot> slots_;
   std::vector<Cell> cells_;
   std::uint32_t size_ = 0;
   mutable std::uint32_t walkers_ = 0;
-  std::uint32_t dead_ = 0;
+  // Slots removed during the current walks.
+  std::vector<std::uint32_t> holes_;
 };
 
 template <class K, class V, class Less = std::less<K>>

@@ -1,31 +1,31 @@
 #pragma once
 // The KivShoal glue: embeds a Shoal table in a Kiv entity as an attribute `x` of rows keyed by K.
 //
-// In the entity:    KIV_SHOAL_TABLE(x, X, K, Row)
+// In the entity:    KIV_SHOAL_TABLE(x, X, K, Row)   rows that carry their key (row.key())
+//                   KIV_SHOAL_MAP(x, X, K, V)       values written under a key the writer gives
 // In its notifiee:  KIV_NOTIFIEE_SHOAL_TABLE(x, X, K)
 //
-// Writer side: xIs(row) inserts or overwrites, xDel(k) removes, xDelAll() removes every row,
-// xCommit(row) publishes a row written in place; each notifies onX(key) after the write (even when
-// nothing changed: a reader re-reads the row). Reader side: x(k) answers a Shoal::Lookup (row and
-// found flag, never throws), xs() counts rows, xWalk() walks them; xNotify(k),
+// Writer side: xIs(row) (a map: xIs(k, v)) inserts or overwrites, xDel(k) removes, xDelAll()
+// removes every row, xCommit(row) (xCommit(k, v)) publishes a row written in place; each notifies
+// onX(key) after the write (even when nothing changed: a reader re-reads the row). Reader side:
+// x(k) answers a Shoal::Lookup (row and found flag; an absent key is no error, a corrupt row raises
+// Shoal::CorruptionException), xs() counts rows, xWalk() walks them; xNotify(k),
 // xNotifyCollection() and xNotifyMountStatus() deliver per-key, whole-collection and mount-state
-// notifications; xControl() is the table's control block.
+// notifications; xControl() is the table's control block; xCorruptIs(k) marks a row corrupt (tests
+// and simulators).
 
 #include "Kiv/Entity.h"
 #include "Shoal/Table.h"
 
-#define KIV_SHOAL_TABLE(attr, Attr, K, Row)                                                    \
+// The reader side, removal and notification, shared by both kinds.
+#define KIV_SHOAL_COMMON_(attr, Attr, K, Row)                                                  \
  public:                                                                                       \
   ::Shoal::Lookup<Row> attr(const K& k) const { return attr##_.find(k); }                      \
   std::size_t attr##s() const { return attr##_.size(); }                                       \
   typename ::Kiv::HashMap<K, Row>::Walk attr##Walk() const { return attr##_.walk(); }          \
   const ::Kiv::Ptr<::Shoal::TableControl>& attr##Control() const { return attr##_.control(); } \
   void attr##Mount(::Shoal::Role role) { attr##_.mount(role); }                                \
-  void attr##Is(const Row& row) {                                                              \
-    attr##_.put(row);                                                                          \
-    attr##Notify(row.key());                                                                   \
-  }                                                                                            \
-  void attr##Commit(const Row& row) { attr##Is(row); }                                         \
+  void attr##CorruptIs(const K& k) { attr##_.corruptIs(k); }                                   \
   void attr##Del(const K& k) {                                                                 \
     attr##_.erase(k);                                                                          \
     attr##Notify(k);                                                                           \
@@ -51,3 +51,19 @@
 #define KIV_NOTIFIEE_SHOAL_TABLE(attr, Attr, K) \
   KIV_NOTIFIEE_COLLECTION(attr, Attr, K)        \
   virtual void on##Attr##MountStatus() {}
+
+#define KIV_SHOAL_TABLE(attr, Attr, K, Row) \
+  KIV_SHOAL_COMMON_(attr, Attr, K, Row)     \
+  void attr##Is(const Row& row) {           \
+    attr##_.put(row.key(), row);            \
+    attr##Notify(row.key());                \
+  }                                         \
+  void attr##Commit(const Row& row) { attr##Is(row); }
+
+#define KIV_SHOAL_MAP(attr, Attr, K, V)   \
+  KIV_SHOAL_COMMON_(attr, Attr, K, V)     \
+  void attr##Is(const K& k, const V& v) { \
+    attr##_.put(k, v);                    \
+    attr##Notify(k);                      \
+  }                                       \
+  void attr##Commit(const K& k, const V& v) { attr##Is(k, v); }

@@ -66,3 +66,36 @@ TEST(ShoalTableDeathTest, AWriteToAnUnmountedTableIsAnAssertion) {
 }
 
 }  // namespace
+
+// A table of values keyed by what the writer gives, with a row marked corrupt as a torn
+// shared-memory read would leave it.
+class Labels : public Kiv::Entity<Labels> {
+ public:
+  class NotifieeConst : public Kiv::NotifieeConstBase<Labels> {
+   public:
+    KIV_NOTIFIEE_SHOAL_TABLE(label, Label, int)
+  };
+  KIV_SHOAL_MAP(label, Label, int, std::string)
+};
+
+TEST(ShoalTable, ACorruptRowRaisesOnReadUntilTheWriterRewritesIt) {
+  Kiv::Ptr<Labels> t = new Labels;
+  t->labelMount(Shoal::Role::writer);
+  t->labelIs(1, "one");
+  t->labelIs(2, "two");
+  t->labelCorruptIs(1);
+  EXPECT_THROW(t->label(1), Shoal::CorruptionException);
+  try {
+    t->label(1);
+  } catch (const Shoal::CorruptionException& e) {
+    EXPECT_STREQ(e.what(), "corrupt row 1");
+  }
+  EXPECT_EQ(t->label(2).row, "two");  // other rows read as before
+  EXPECT_EQ(t->labels(), 2u);         // and a walk still names the corrupt key
+
+  t->labelIs(1, "uno");
+  EXPECT_EQ(t->label(1).row, "uno");
+  t->labelCorruptIs(2);
+  t->labelDel(2);
+  EXPECT_FALSE(t->label(2).found);  // deleting the row clears the mark too
+}

@@ -10,9 +10,11 @@
 #include "Bridging/MacVlanPair.h"
 #include "Bridging/VlanIdOrNone.h"
 #include "L2Rib/Dest.h"
+#include "L2Rib/ObjTuple.h"
 #include "Mpls/Lfib.h"
 #include "Mpls/ReturnCode.h"
 #include "Quil/IntfId.h"
+#include "Shoal/Fib.h"
 #include "Tunnel/TunnelId.h"
 
 namespace {
@@ -285,3 +287,40 @@ TEST(ValueTypesTest, LabelRouteKeysViaKeysAndReturnCodes) {
 }
 
 }  // namespace
+
+TEST(RibForwardingTypes, ObjectTuplesFecIdsAndTheEcmpRange) {
+  using L2Rib::ObjTuple;
+  ObjTuple label = ObjTuple::label(L2Rib::LabelId(7));
+  EXPECT_EQ(label.toString(), "label/7");
+  EXPECT_EQ(label.labelId(), L2Rib::LabelId(7));
+  // The same id in another table is another object.
+  EXPECT_NE(label, ObjTuple::dest(L2Rib::DestId(7)));
+  EXPECT_NE(label.hash(), ObjTuple::dest(L2Rib::DestId(7)).hash());
+  EXPECT_EQ(ObjTuple().tableType(), L2Rib::tableTypeNone_);
+  EXPECT_EQ(L2Rib::LoadBalanceId::parse("LoadBalanceId12"), L2Rib::LoadBalanceId(12));
+
+  using namespace Shoal::Fib;
+  FecId id = FecId::encode(FecIdAdjType::tunnel, 7);
+  EXPECT_EQ(id.value(), 0x0800000000000007ull);
+  EXPECT_EQ(id.number(), 7u);
+  EXPECT_FALSE(FecId::invalid().isValid());
+  EXPECT_NO_THROW(EcmpIndex(EcmpIndex::max));
+  try {
+    EcmpIndex(EcmpIndex::max + 1);
+    ADD_FAILURE() << "no range error";
+  } catch (const Kiv::RangeException& e) {
+    EXPECT_STREQ(e.what(), "EcmpIndex::value < EcmpIndex::min or > EcmpIndex::max not allowed");
+  }
+  // Vias keep index order whatever order they are added in; re-adding an index replaces it.
+  Fec fec(id);
+  Tunnel::TunnelTable::TunnelId t1((1ull << 32) | 1);
+  fec.viaIs(Via(EcmpIndex(1), Quil::MplsLabel(20), t1));
+  fec.viaIs(Via(EcmpIndex(0), Quil::MplsLabel(10), t1));
+  fec.viaIs(Via(EcmpIndex(1), Quil::MplsLabel(21), t1));
+  ASSERT_EQ(fec.vias(), 2u);
+  EXPECT_EQ(fec.via()[1].mplsLabel(), Quil::MplsLabel(21));
+  std::ostringstream os;
+  os << fec;
+  EXPECT_EQ(os.str(),
+            "Fec(FecId(0x800000000000007) [via(0, 10, Tunnel1.1), via(1, 21, Tunnel1.1)])");
+}

@@ -74,19 +74,6 @@ FloodSetType parseFloodSetType(std::string_view s) {
   Quil::text::cannotParse(s, "FloodSetType");
 }
 
-std::optional<DestId> DestId::tryParse(std::string_view s) {
-  std::uint64_t v = 0;
-  if (!Quil::text::consumePrefix(s, "DestId") || !Quil::text::parseDecimal(s, 0xffffffffull, v)) {
-    return std::nullopt;
-  }
-  return DestId(static_cast<std::uint32_t>(v));
-}
-
-DestId DestId::parse(std::string_view s) {
-  if (auto v = tryParse(s)) return *v;
-  Quil::text::cannotParse(s, "DestId");
-}
-
 Quil::TextBuf<40> Dest::text() const {
   Quil::TextBuf<40> t;
   switch (destType_) {

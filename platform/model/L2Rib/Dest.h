@@ -8,8 +8,8 @@
 //   auto f = L2Rib::Dest::intf(Quil::IntfId::ethernet(3));         // "intf(Ethernet3)"
 //   L2Rib::Dest();                                                 // "unknown"
 //
-// Also here: DestType, the kind of a destination; DestId, the short id a destination is known by
-// in traces; and FloodSetType, which kind of flooded traffic a flood set carries.
+// Also here: DestType, the kind of a destination, and FloodSetType, which kind of flooded traffic
+// a flood set carries. A destination's short id, DestId, is in L2Rib/RibId.h.
 
 #include <compare>
 #include <cstdint>
@@ -20,6 +20,7 @@
 #include <string_view>
 
 #include "Kiv/Types.h"
+#include "L2Rib/RibId.h"
 #include "Quil/IntfId.h"
 #include "Quil/MplsLabel.h"
 #include "Quil/Text.h"
@@ -56,33 +57,6 @@ std::string toString(FloodSetType t);
 // Kiv::RangeException "cannot parse '<s>' as FloodSetType" otherwise.
 FloodSetType parseFloodSetType(std::string_view s);
 
-// A destination's short id, "DestId<n>".
-class DestId {
- public:
-  constexpr DestId() = default;
-  explicit constexpr DestId(std::uint32_t value) : value_(value) {}
-  // Accepts exactly "DestId<n>"; parse() raises Kiv::RangeException
-  // "cannot parse '<s>' as DestId" where tryParse() gives nothing.
-  static std::optional<DestId> tryParse(std::string_view s);
-  static DestId parse(std::string_view s);
-
-  constexpr std::uint32_t value() const { return value_; }
-
-  std::uint32_t hash() const { return Kiv::HashMixer().add(value_).result(); }
-  constexpr bool operator==(const DestId&) const = default;
-  constexpr auto operator<=>(const DestId&) const = default;
-  // The string form, on the stack.
-  Quil::TextBuf<16> text() const {
-    return Quil::TextBuf<16>().append("DestId").appendDecimal(value_);
-  }
-  std::string toString() const { return text().string(); }
-
- private:
-  std::uint32_t value_ = 0;
-};
-
-inline std::ostream& operator<<(std::ostream& os, DestId id) { return os << id.text().view(); }
-
 class Dest {
  public:
   using TunnelId = Tunnel::TunnelTable::TunnelId;
@@ -105,6 +79,8 @@ class Dest {
 
   constexpr DestType destType() const { return destType_; }
   constexpr TunnelId tunnelId() const { return tunnelId_; }
+  // The RIB's destination table calls it the destination's tunnel.
+  constexpr TunnelId tunnel() const { return tunnelId_; }
   constexpr Quil::MplsLabel label() const { return label_; }
   constexpr Quil::IntfId intfId() const { return intfId_; }
   // Derived from the fields alone, so the same destination has the same id in every trace.
@@ -146,11 +122,6 @@ inline std::ostream& operator<<(std::ostream& os, const Dest& dest) {
 }
 
 }  // namespace L2Rib
-
-template <>
-struct std::hash<L2Rib::DestId> {
-  std::size_t operator()(L2Rib::DestId v) const noexcept { return v.hash(); }
-};
 
 template <>
 struct std::hash<L2Rib::Dest> {

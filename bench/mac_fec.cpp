@@ -1,0 +1,271 @@
+// MAC-address FEC requests at RIB scale: the MAC-address FEC machine over a virtual-time scheduler,
+// beside a floor that makes the same requests by hand with std::unordered_map.
+//
+// The RIB: `dests` tunnel destinations, `lbs` load balances of four destinations each, `labels`
+// labels (label l points at load balance l / 25 when l is a multiple of 25, else at destination
+// l mod dests) and `hosts` hosts (host h points at label h mod labels). Two-level chains.
+//
+// Phases, one benchmark each:
+//   ColdStart  the machine made over the full tables, drained by its review task
+//   HostMove   every host moves to the next label (a storm of host changes), handled as they come
+// Each phase first checks that the machine and the floor published the same requests (per RIB
+// object: its FEC's vias, and whether its hardware id is requested), then reports:
+//   hosts/s        hosts handled per second by the machine;  floor_hosts/s  the same for the floor
+//   x_floor        machine time over floor time
+//   B/host         live bytes of the machine's state and of the requests it published, per host
+//   max_task_us    ColdStart: the longest single run of the review task
+//
+//   build/default/bench/mac_fec                                    # full scale: 1M hosts
+//   build/default/bench/mac_fec --mac_world=10000,1000,40,10       # another world
+//   build/default/bench/mac_fec --mac_check_only --mac_world=...   # equivalence only, no timing
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <unordered_map>
+#include <vector>
+
+#include "Kiv/Clock.h"
+#include "L2Rib/RibOutputs.h"
+#include "Mox/TaskScheduler.h"
+#include "Mox/TimerWheel.h"
+#include "Oba/ObaFecRecords.h"
+#include "ObaEvpn/ObaMacAddrFecRequestSm.h"
+
+#include "CountingAllocator.h"
+
+namespace {
+
+using L2Rib::ObjTuple;
+using Shoal::Fib::EcmpIndex;
+using Shoal::Fib::Fec;
+using Shoal::Fib::FecId;
+using Shoal::Fib::Via;
+using Stopwatch = std::chrono::steady_clock;
+using TunnelId = Tunnel::TunnelTable::TunnelId;
+
+bool gCheckOnly = false;
+bool gFailed = false;
+
+struct Shape {
+  std::uint32_t hosts = 1'000'000, labels = 100'000, lbs = 4'000, dests = 1'000;
+};
+Shape gShape;
+
+double since(Stopwatch::time_point t) {
+  return std::chrono::duration<double>(Stopwatch::now() - t).count();
+}
+
+Bridging::MacVlanPair hostKey(std::uint32_t h) {
+  return {Bridging::VlanId(std::uint16_t(1 + h % 4000)), Quil::EthAddr(0x020000000000ull + h)};
+}
+
+// The RIB's tables, filled.
+struct Rib {
+  Kiv::Ptr<L2Rib::LabelOutput> labels = new L2Rib::LabelOutput("label");
+  Kiv::Ptr<L2Rib::LoadBalanceOutput> lbs = new L2Rib::LoadBalanceOutput("lb");
+  Kiv::Ptr<L2Rib::DestOutput> dests = new L2Rib::DestOutput("dest");
+  Kiv::Ptr<L2Rib::HostOutput> hosts = new L2Rib::HostOutput("host");
+
+  explicit Rib(const Shape& s) {
+    for (std::uint32_t d = 0; d < s.dests; ++d) {
+      dests->destIs(L2Rib::DestId(d), L2Rib::Dest::tunnel(TunnelId((1ull << 32) | d)));
+    }
+    for (std::uint32_t b = 0; b < s.lbs; ++b) {
+      std::vector<ObjTuple> next;
+      for (std::uint32_t i = 0; i < 4; ++i)
+        next.push_back(ObjTuple::dest(L2Rib::DestId((b + i) % s.dests)));
+      lbs->loadBalanceIs(L2Rib::LoadBalanceId(b), L2Rib::LoadBalance(std::move(next)));
+    }
+    for (std::uint32_t l = 0; l < s.labels; ++l) {
+      ObjTuple next = l % 25 == 0 ? ObjTuple::loadBalance(L2Rib::LoadBalanceId(l / 25 % s.lbs))
+                                  : ObjTuple::dest(L2Rib::DestId(l % s.dests));
+      labels->labelIs(L2Rib::LabelId(l), L2Rib::Label(Quil::MplsLabel(16 + l), next));
+    }
+    for (std::uint32_t h = 0; h < s.hosts; ++h) hostIs(h, h % s.labels);
+  }
+  void hostIs(std::uint32_t h, std::uint32_t l) {
+    hosts->hostIs(hostKey(h), L2Rib::HostAndSource(ObjTuple::label(L2Rib::LabelId(l))));
+  }
+};
+
+// The floor: the same requests from plain hash maps, each host handled by hand.
+struct Floor {
+  struct Head {
+    std::uint32_t hosts = 0;
+    Fec fec;
+  };
+  explicit Floor(const Rib& r) : rib(r) {}
+  const Rib& rib;
+  std::unordered_map<Bridging::MacVlanPair, ObjTuple> hostTuple;
+  std::unordered_map<ObjTuple, Head> heads;
+  std::unordered_map<FecId, ObjTuple> requests;
+  std::uint64_t nextNumber = 1;
+
+  TunnelId tunnelOf(ObjTuple d) const { return rib.dests->dest(d.destId()).row.tunnel(); }
+  Fec build(ObjTuple t) {
+    Fec fec(FecId::encode(Shoal::Fib::FecIdAdjType::tunnel, nextNumber++));
+    L2Rib::Label label = rib.labels->label(t.labelId()).row;
+    if (label.next().tableType() == L2Rib::tableTypeDest_) {
+      fec.viaIs(Via(EcmpIndex(0), label.mplsLabel(), tunnelOf(label.next())));
+      return fec;
+    }
+    L2Rib::LoadBalance lb = rib.lbs->loadBalance(label.next().loadBalanceId()).row;
+    for (std::uint32_t i = 0; i < lb.next().size(); ++i) {
+      fec.viaIs(Via(EcmpIndex(i), label.mplsLabel(), tunnelOf(lb.next()[i])));
+    }
+    return fec;
+  }
+  void host(const Bridging::MacVlanPair& key) {
+    ObjTuple t = rib.hosts->host(key).row.objTuple();
+    auto [it, fresh] = hostTuple.try_emplace(key, t);
+    if (!fresh) {
+      if (it->second == t) return;
+      auto old = heads.find(it->second);
+      if (--old->second.hosts == 0) {
+        requests.erase(old->second.fec.fecId());
+        heads.erase(old);
+      }
+      it->second = t;
+    }
+    Head& head = heads[t];
+    if (head.hosts++ == 0) {
+      head.fec = build(t);
+      requests.emplace(head.fec.fecId(), t);
+    }
+  }
+};
+
+struct MachineSide {
+  Kiv::Ptr<Kiv::VirtualClock> clock = new Kiv::VirtualClock;
+  Kiv::Ptr<Mox::TaskScheduler> scheduler = Mox::TaskScheduler::TaskSchedulerIs(clock);
+  Kiv::Ptr<Mox::TimerWheel> wheel = Mox::TimerWheel::TimerWheelIs(clock);
+  Kiv::Ptr<Oba::FecIdToHwFecIdResponse> response = new Oba::FecIdToHwFecIdResponse("response");
+  Kiv::Ptr<Oba::FecIdToHwFecIdRequest> request = new Oba::FecIdToHwFecIdRequest("request");
+  Kiv::Ptr<Oba::ObjTupleToHwId> result = new Oba::ObjTupleToHwId("result");
+  Kiv::Ptr<Oba::ObaMacAddrFecRequestSm> sm;
+  double longestRun = 0;
+
+  void start(const Rib& rib) {
+    sm = Oba::obaMacAddrFecRequestSmFactory(rib.labels, rib.lbs, rib.dests, rib.hosts, response,
+                                            request, result, wheel, scheduler);
+  }
+  void drain() {
+    while (!sm->backLogQsDrained()) {
+      auto t = Stopwatch::now();
+      scheduler->advanceBy(sm->reviewInterval());
+      longestRun = std::max(longestRun, since(t));
+    }
+  }
+};
+
+// The same requests: per RIB object the same vias, and the same objects requested.
+bool sameRequests(benchmark::State& state, const MachineSide& m, const Floor& f) {
+  std::size_t requested = 0;
+  bool same = m.request->objTupleToFecIds() == f.heads.size();
+  for (auto&& e : m.request->objTupleToFecIdWalk()) {
+    auto head = f.heads.find(e.key);
+    if (head == f.heads.end()) {
+      same = false;
+      break;
+    }
+    same &= m.request->fec(e.value.fecId()).row.via() == head->second.fec.via();
+    requested += m.request->hwFecIdRequest(e.value.fecId()).found;
+  }
+  same &= requested == f.requests.size() && m.request->hwFecIdRequests() == f.requests.size();
+  if (!same) {
+    state.SkipWithError("the machine and the floor published different requests");
+    gFailed = true;
+  }
+  return same;
+}
+
+// After the equivalence check: the iteration's time and, unless only checking, the rates. Answers
+// whether the phase goes on to report its own figures.
+bool checkedRates(benchmark::State& state, const MachineSide& m, const Floor& f, double machine,
+                  double floor) {
+  if (!sameRequests(state, m, f)) return false;
+  state.SetIterationTime(machine);
+  if (gCheckOnly) return false;
+  state.counters["hosts/s"] = gShape.hosts / machine;
+  state.counters["floor_hosts/s"] = gShape.hosts / floor;
+  state.counters["x_floor"] = machine / floor;
+  return true;
+}
+
+void BM_ColdStart(benchmark::State& state) {
+  for (auto _ : state) {
+    Rib rib(gShape);
+    MachineSide m;
+    std::size_t before = gLiveBytes;
+    auto t = Stopwatch::now();
+    m.start(rib);
+    m.drain();
+    double machine = since(t);
+    double bytes = double(gLiveBytes - before);
+    Floor f(rib);
+    t = Stopwatch::now();
+    for (auto&& e : rib.hosts->hostWalk()) f.host(e.key);
+    double floor = since(t);
+    if (!checkedRates(state, m, f, machine, floor)) continue;
+    state.counters["B/host"] = bytes / gShape.hosts;
+    state.counters["max_task_us"] = m.longestRun * 1e6;
+  }
+}
+
+void BM_HostMove(benchmark::State& state) {
+  for (auto _ : state) {
+    Rib rib(gShape), floorRib(gShape);
+    MachineSide m;
+    m.start(rib);
+    m.drain();
+    Floor f(floorRib);
+    for (auto&& e : floorRib.hosts->hostWalk()) f.host(e.key);
+    auto t = Stopwatch::now();
+    for (std::uint32_t h = 0; h < gShape.hosts; ++h) rib.hostIs(h, (h + 1) % gShape.labels);
+    double machine = since(t);
+    t = Stopwatch::now();
+    for (std::uint32_t h = 0; h < gShape.hosts; ++h) {
+      floorRib.hostIs(h, (h + 1) % gShape.labels);
+      f.host(hostKey(h));
+    }
+    double floor = since(t);
+    if (!checkedRates(state, m, f, machine, floor)) continue;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int kept = 1;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--mac_check_only") == 0) {
+      gCheckOnly = true;
+    } else if (std::strncmp(argv[i], "--mac_world=", 12) == 0) {
+      Shape& s = gShape;
+      if (std::sscanf(argv[i] + 12, "%u,%u,%u,%u", &s.hosts, &s.labels, &s.lbs, &s.dests) != 4 ||
+          !s.labels || !s.lbs || !s.dests) {
+        std::fprintf(stderr, "mac_fec: --mac_world wants HOSTS,LABELS,LBS,DESTS\n");
+        return 2;
+      }
+    } else {
+      argv[kept++] = argv[i];
+    }
+  }
+  argc = kept;
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+  benchmark::RegisterBenchmark("ColdStart", BM_ColdStart)
+      ->UseManualTime()
+      ->Unit(benchmark::kMillisecond)
+      ->Iterations(1);
+  benchmark::RegisterBenchmark("HostMove", BM_HostMove)
+      ->UseManualTime()
+      ->Unit(benchmark::kMillisecond)
+      ->Iterations(1);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return gFailed ? 1 : 0;
+}
