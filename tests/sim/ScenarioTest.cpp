@@ -151,3 +151,35 @@ TEST(Scenario, TheBuiltInScenarioTellsTheTypicalEventAndEndsClean) {
 }
 
 }  // namespace
+
+namespace {
+
+// Restarting the tunnel-id machine: the ESI data naming a published id and the rows go before
+// the ids go back to the chip, so no reader still uses an id the chip may hand out again.
+TEST(Scenario, ARestartedTunnelIdMachineRetractsItsIdsBeforeGivingThemBack) {
+  const char* const text = R"(
+initial:
+  - localEsiLabel: {segment: Ethernet1, label: mpls:2001}
+  - remoteEsiLabel: {segment: Ethernet1, tep: DynTunnel1.1, label: mpls:1001}
+  - designatedForwarder: {segment: Ethernet1, vlan: 10, tep: DynTunnel1.1}
+steps:
+  - at: 1
+    do:
+      - restart: hwTunnelId
+)";
+  std::ostringstream log;
+  Sim::SimLog lines(&log);
+  Sim::runScenario(Sim::parseScenario(text, "r.yaml"), lines, Sim::RunOptions{});
+  const std::string l = log.str();
+  const auto restart = l.find("restart hwTunnelId");
+  const auto deleted = l.find("agent>chip       deleteEsiData Ethernet1 vlan 10", restart);
+  const auto row = l.find("mapping          Tunnel1.1 deleted", restart);
+  const auto release = l.find("agent>chip       releaseHwTunnelId 1", restart);
+  const auto again = l.find("hwTunnelId>chip  getHwTunnelId -> 1", restart);
+  ASSERT_NE(release, std::string::npos) << l;
+  EXPECT_LT(deleted, row) << l;
+  EXPECT_LT(row, release) << l;
+  EXPECT_LT(release, again) << l;
+}
+
+}  // namespace

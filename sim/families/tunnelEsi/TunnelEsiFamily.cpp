@@ -90,14 +90,26 @@ void TunnelEsiAgent::restart(const std::string& machine) {
     reconcileEsiData();
     return;
   }
-  // The new incarnation clears the mapping table and asks for ids afresh: the ids the old one
-  // published go back to the chip first, or they would leak. The flooding machine reads that
-  // table and forgets a tunnel's users when its row goes, so a row that comes back would never
-  // reprogram them: the reader restarts with its writer, after it.
+  // The new incarnation asks for ids afresh, so the ids the old one published go back to the chip,
+  // or they would leak. Readers must stop using an id before the chip may hand it out again: the
+  // ESI data that names a published id is deleted and the rows are removed first, and only then
+  // do the ids go back. The flooding machine reads the table and forgets a tunnel's users when its
+  // row goes, so a row that comes back would never reprogram them: the reader restarts with its
+  // writer, after it.
   stop();
+  std::vector<std::pair<Tunnel::TunnelTable::TunnelId, Oba::HwTunnelId>> rows;
+  std::set<std::uint32_t> published;
   for (auto [tunnel, row] : mapping->tunnelIdToHwTunnelIdWalk()) {
-    chip->releaseHwTunnelId(row.hwTunnelId());
+    rows.emplace_back(tunnel, row.hwTunnelId());
+    published.insert(row.hwTunnelId().value());
   }
+  std::vector<TunnelEsiChip::PortVlan> naming;
+  for (const auto& [key, entry] : chip->esiData()) {
+    if (published.contains(entry.hw.value())) naming.push_back(key);
+  }
+  for (const auto& [port, vlan] : naming) chip->deleteEsiData(port, vlan);
+  for (const auto& [tunnel, hw] : rows) mapping->tunnelIdToHwTunnelIdDel(tunnel);
+  for (const auto& [tunnel, hw] : rows) chip->releaseHwTunnelId(hw);
   start();
   reconcileEsiData();
 }
