@@ -14,6 +14,7 @@ HostAgent::HostAgent(SimLog* log, const Families& families)
   // agent itself.
   chip->callListenerIs([this](const SoftwareChip::Call& c) {
     calls_.push_back(c.text);
+    if (c.caller) lastMachineCall_.assign(c.caller).append(": ").append(c.text);
     if (!log_->enabled()) return;
     if (c.caller) {
       note(std::string(c.caller) + ">chip", c.text);

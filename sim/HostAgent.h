@@ -44,6 +44,10 @@ class HostAgent {
   SimLog& log() const { return *log_; }
   void note(std::string_view source, std::string_view text) { log_->add(now(), source, text); }
 
+  // The last chip call a machine made, as "<machine>: <call text>", or empty: what a broken
+  // invariant right after a chip's answer is reported with.
+  const std::string& lastMachineCall() const { return lastMachineCall_; }
+
   const Families& families() const { return families_; }
   // A family's part, by its type: agent.family<TunnelEsiAgent>().
   template <class T>
@@ -63,6 +67,7 @@ class HostAgent {
   Families families_;
   std::vector<std::unique_ptr<FamilyAgent>> agents_;
   std::vector<std::string> calls_;
+  std::string lastMachineCall_;
 };
 
 // "  <line>\n" per line, or "    (none)": the blocks of --state and of a failed expectation.

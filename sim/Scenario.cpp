@@ -224,6 +224,7 @@ class Expectations {
       }
     }
     names_.push_back("violations");
+    names_.push_back("abort");
   }
   const std::vector<std::string>& names() const { return names_; }
 
@@ -294,7 +295,9 @@ Scenario parseScenario(const std::string& text, const std::string& file, const F
   YAML::Node steps = r.field(root, "steps");
   if (!steps.IsSequence()) r.fail(steps, "expected a list of steps under 'steps'");
   double last = 0;
+  const YAML::Node* aborted = nullptr;
   for (const auto& n : steps) {
+    if (aborted) r.fail(n, "a step after one that expects an abort never runs");
     r.onlyKeys(n, {"at", "note", "trace", "do", "expect"}, "a step");
     Step step;
     step.line = n.Mark().line + 1;
@@ -318,6 +321,11 @@ Scenario parseScenario(const std::string& text, const std::string& file, const F
     if (YAML::Node e = n["expect"]) {
       r.onlyKeys(e, expectations.names(), "'expect'");
       for (const auto& kv : e) {
+        if (kv.first.Scalar() == "abort") {
+          step.abort = r.scalar(kv.second, "the text of the assertion that fails (\"0\")");
+          aborted = &n;
+          continue;
+        }
         step.expectations.push_back(expectations.read(r, kv.first.Scalar(), kv.second));
       }
     }

@@ -8,6 +8,7 @@
 // the top level, the steps, the chip's refusal rules and restarts; every other action and table
 // expectation belongs to a family, which reads it.
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -35,6 +36,9 @@ struct Step {
   std::string trace;  // the library's trace levels while the step runs (SOURCE/LEVEL,...)
   std::vector<Action> actions;
   std::vector<Expectation> expectations;
+  // The text of the assertion a machine is expected to fail in this step ("0"); the agent is
+  // done then, so such a step is the last.
+  std::optional<std::string> abort;
 };
 
 struct Scenario {

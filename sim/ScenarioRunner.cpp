@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "Kiv/Assert.h"
 #include "Kiv/Trace.h"
 
 namespace Sim {
@@ -44,25 +45,25 @@ class StepTrace {
 
 }  // namespace
 
-RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
-                      std::ostream* stateOut) {
-  RunResult result;
-  HostAgent agent(&log, s.families);
+// The initial inputs, the start, and each step; `current` follows the step being run.
+static void runSteps(const Scenario& s, HostAgent& agent, SimLog& log, const RunOptions& options,
+                     RunResult& result, const Step*& current) {
   log.add(0, "scenario", s.name);
   for (const Action& a : s.initial) agent.apply(a);
   log.add(0, "agent", "start");
   agent.start();
   agent.scheduler->runDue();
 
-  bool violationsExpected = false;
   for (const Step& step : s.steps) {
-    for (const auto& e : step.expectations) violationsExpected |= e.name == "violations";
+    for (const auto& e : step.expectations) result.violationsExpected |= e.name == "violations";
   }
 
   std::vector<std::string> calls;
   for (const Step& step : s.steps) {
-    // Reviews due before the step run at their own times; then the step begins, and what falls
-    // due exactly at its time runs before its actions.
+    // Reviews due before the step run at their own times (a part of the step: an abort there is
+    // the step's); then the step begins, and what falls due exactly at its time runs before its
+    // actions.
+    current = &step;
     for (auto due = agent.scheduler->nextDueTime(); due && *due < step.at;
          due = agent.scheduler->nextDueTime()) {
       agent.scheduler->advanceTo(*due);
@@ -98,8 +99,62 @@ RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
     if (consumedCalls) calls.clear();
     if (!result.failures.empty()) break;
   }
+}
 
-  if (options.check && result.failures.empty() && !violationsExpected &&
+namespace {
+
+// Where a broken invariant is, from the source tree's top ("Oba/ObaPortProgramming.h:109").
+std::string whereOf(const Kiv::AssertionFailure& f) {
+  std::string_view src = f.source();
+  for (const char* top : {"/ObaEvpn/", "/Oba/", "/platform/", "/sim/"}) {
+    if (auto at = src.rfind(top); at != std::string_view::npos) {
+      src = src.substr(at + 1);
+      break;
+    }
+  }
+  return std::string(src) + ":" + std::to_string(f.line());
+}
+
+}  // namespace
+
+RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
+                      std::ostream* stateOut) {
+  RunResult result;
+  // A broken invariant is reported as the step that caused it, not by an abort of the process.
+  Kiv::ThrowingAssertions throwing;
+  HostAgent agent(&log, s.families);
+  const Step* current = nullptr;
+  try {
+    runSteps(s, agent, log, options, result, current);
+  } catch (const Kiv::AssertionFailure& f) {
+    // The machine is the one whose chip call came last: an invariant the machines assert is
+    // about what the chip just answered, and shared code cannot name its caller.
+    std::string what = "assertion \"" + std::string(f.condition()) + "\" failed at " + whereOf(f);
+    if (!agent.lastMachineCall().empty()) what += ", after " + agent.lastMachineCall();
+    log.add(agent.now(), "abort", what);
+    if (current && current->abort && *current->abort == f.condition()) {
+      // What the step expected: the contract, told as a story.
+    } else {
+      std::ostringstream os;
+      if (current) {
+        os << s.file << ":" << current->line << ": the step at time " << current->at
+           << " aborted at time " << agent.now() << ":";
+      } else {
+        os << s.file << ": the agent's start aborted:";
+      }
+      os << " " << what << "\n";
+      result.failures.push_back(os.str());
+      result.aborted = true;
+    }
+    log.flush();
+    return result;
+  }
+  if (current && current->abort) {
+    result.failures.push_back(s.file + ":" + std::to_string(current->line) +
+                              ": expected the step to abort with assertion \"" + *current->abort +
+                              "\", but it completed\n");
+  }
+  if (options.check && result.failures.empty() && !result.violationsExpected &&
       !agent.chip->violations().empty()) {
     result.failures.push_back(s.file + ": the chip reported violations:\n" +
                               block(agent.violationLines()));

@@ -2,6 +2,9 @@
 // Replays a scenario through a host agent: the initial inputs, the agent's start, then each step
 // at its virtual time (time advances first, running the review tasks that fall due on the way),
 // its actions, the tasks due at once, and its expectations.
+//
+// A machine that breaks an invariant ends the run: its assertion is caught (not aborting the
+// process), logged as the step's, and either met by the step's `abort` expectation or reported.
 
 #include <ostream>
 #include <string>
@@ -20,6 +23,10 @@ struct RunOptions {
 
 struct RunResult {
   std::vector<std::string> failures;  // "<file>:<line>: ..." with expected and actual
+  // A machine broke an invariant where the scenario did not expect it: the step, its file and
+  // line, the machine and the assertion are the last failure. The run ended there.
+  bool aborted = false;
+  bool violationsExpected = false;  // some step states the chip's violations
   bool ok() const { return failures.empty(); }
 };
 

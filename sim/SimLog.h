@@ -25,6 +25,10 @@ class SimLog {
   void addNow(std::string_view source, std::string_view text) {
     add(clock_ ? clock_->now() : 0.0, source, text);
   }
+  // Writes out what is buffered: before anything that may end the process.
+  void flush() {
+    if (out_) out_->flush();
+  }
 
  private:
   std::ostream* out_;

@@ -32,7 +32,8 @@ options:
   --help         this text
 
 exit status: 0 all well, 1 an expectation was not met, 2 bad input (file, line and what was
-expected are printed; nothing of the scenario is run)
+expected are printed; nothing of the scenario is run), 3 a machine broke an invariant that the
+scenario does not expect (the step, its line, the machine and the assertion are printed)
 )";
 
 }  // namespace
@@ -103,7 +104,9 @@ int main(int argc, char** argv) {
       std::cerr << "oba-evpn-sim: " << s.file << ": " << e.what() << "\n";
       return 2;
     }
-    for (const auto& f : r.failures) std::cerr << f;
+    std::cout.flush();
+    for (const auto& f : r.failures) std::cerr << (r.aborted ? "oba-evpn-sim: " : "") << f;
+    if (r.aborted) return 3;
     if (!r.ok()) status = 1;
     if (options.check) {
       std::cerr << (r.ok() ? "PASS " : "FAIL ") << s.file << "\n";

@@ -41,8 +41,10 @@
 // everything.
 
 #include <cstdint>
+#include <exception>
 #include <vector>
 
+#include "Kiv/Assert.h"
 #include "Kiv/Collection.h"
 #include "Kiv/Ptr.h"
 
@@ -69,19 +71,39 @@ class NotifieeList {
   }
   std::size_t size() const { return slots_.size() - holes_; }
 
+  // A notifiee that throws does not deprive the others: every notifiee is told, then the first
+  // exception reaches the mutator's caller, with the list as consistent as after any delivery.
+  // A broken invariant (a thrown AssertionFailure) ends the delivery at once: the agent is done.
   template <class F>
   void deliver(F&& f) {
     const std::size_t end = slots_.size();
+    std::exception_ptr failure;
     ++delivering_;
     for (std::size_t i = 0; i < end; ++i) {
-      if (N* n = slots_[i]) f(n);
+      N* n = slots_[i];
+      if (!n) continue;
+      try {
+        f(n);
+      } catch (const AssertionFailure&) {
+        endDelivery();
+        throw;
+      } catch (...) {
+        if (!failure) failure = std::current_exception();
+      }
     }
+    endDelivery();
+    if (failure) std::rethrow_exception(failure);
+  }
+
+ private:
+  void endDelivery() {
     if (--delivering_ == 0 && holes_) {
       std::erase(slots_, nullptr);
       holes_ = 0;
     }
   }
 
+ public:
  private:
   std::vector<N*> slots_;
   std::uint32_t delivering_ = 0;

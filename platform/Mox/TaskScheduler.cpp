@@ -78,10 +78,13 @@ void TaskScheduler::runFirst() {
   ++task->runCount_;
   ++runCount_;
   KIV_TRACE(th, 8, "run " << task->name_ << " at " << now());
-  running_ = task;
-  // The notifiee may destroy itself or the task: neither is touched after the call.
+  // The notifiee may destroy itself or the task: neither is touched after the call. A run that
+  // throws still ends the run, so the scheduler can be used (or torn down) after it.
+  struct Running {
+    TimerTask*& running;
+    ~Running() { running = nullptr; }
+  } guard{running_ = task};
   if (TimerTask::Notifiee* notifiee = task->notifiee_) notifiee->onTaskRun();
-  running_ = nullptr;
 }
 
 std::size_t TaskScheduler::runPass(Kiv::Seconds t) {

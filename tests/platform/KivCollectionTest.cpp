@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "Kiv/Assert.h"
 #include "Kiv/Collection.h"
 #include "Kiv/Entity.h"
 
@@ -211,6 +212,43 @@ TEST(KivEntity, DeliveryToleratesNotifieesThatRemoveOrAddOthers) {
   dropper.onVlanHook = [&](int) { dropper.notifierIs(nullptr); };
   raw->vlanIs(1, "z");
   EXPECT_EQ(dropper.log.size(), 1u);
+}
+
+// A notifiee that throws (a machine's range error on a bad input) does not deprive the others, and
+// the first error reaches the mutator's caller with the list delivering normally afterwards. A
+// broken invariant, thrown where a host asked for it, ends the delivery at once.
+TEST(KivEntity, ANotifieeThatThrowsLeavesTheListConsistent) {
+  Kiv::Ptr<Port> port = new Port(1);
+  Recorder first, second, third;
+  first.notifierIs(port);
+  second.notifierIs(port);
+  third.notifierIs(port);
+  first.onVlanHook = [&](int v) {
+    if (v == 1) throw Kiv::RangeException("first");
+  };
+  second.onVlanHook = [&](int v) {
+    second.notifierIs(nullptr);  // a removal during the failed delivery is compacted after it
+    if (v == 1) throw Kiv::RangeException("second");
+  };
+  try {
+    port->vlanIs(1, "x");
+    ADD_FAILURE() << "the error did not reach the caller";
+  } catch (const Kiv::RangeException& e) {
+    EXPECT_STREQ(e.what(), "first");
+  }
+  EXPECT_EQ(third.log.size(), 1u);
+  EXPECT_EQ(port->notifieeCount(), 2u);
+  port->vlanIs(2, "y");
+  EXPECT_EQ(first.log.size(), 2u);
+  EXPECT_EQ(third.log.size(), 2u);
+
+  Kiv::ThrowingAssertions throwing;
+  first.onVlanHook = [](int) { KIV_ASSERT_TEXT(false, "0"); };
+  EXPECT_THROW(port->vlanIs(3, "z"), Kiv::AssertionFailure);
+  EXPECT_EQ(third.log.size(), 2u);  // not told: the agent is done
+  first.onVlanHook = nullptr;
+  port->vlanIs(4, "w");
+  EXPECT_EQ(third.log.size(), 3u);
 }
 
 TEST(KivEntity, PlainSetsAndChildrenFollowTheFamilyRules) {

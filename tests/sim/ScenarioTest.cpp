@@ -34,7 +34,7 @@ TEST(Scenario, MistakesNameTheLineColumnAndWhatWasExpected) {
             "s.yaml:4:30: missing 'tep'");
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    expect:\n      esiDta: none\n"),
             "s.yaml:4:7: unknown key 'esiDta' in 'expect' (expected: calls, callsAnyOrder, "
-            "esiData, mapping, hwTunnelIds, violations)");
+            "esiData, mapping, hwTunnelIds, violations, abort)");
   EXPECT_NE(errorOf("steps:\n  - at: 1\n    do:\n      - dfSet: {}\n")
                 .find("s.yaml:4:9: unknown action 'dfSet'"),
             std::string::npos);
@@ -180,6 +180,60 @@ steps:
   EXPECT_LT(deleted, row) << l;
   EXPECT_LT(row, release) << l;
   EXPECT_LT(release, again) << l;
+}
+
+}  // namespace
+
+namespace {
+
+// A machine that breaks an invariant the scenario does not expect ends the run with the step, its
+// line, the assertion and the chip call that led to it; a step that expects an abort that does
+// not come fails; and a step after an expected abort is refused, since it would never run.
+TEST(Scenario, AnAbortIsReportedAsTheStepThatCausedIt) {
+  const std::string head = R"(
+initial:
+  - localEsiLabel: {segment: Ethernet1, label: mpls:2001}
+  - remoteEsiLabel: {segment: Ethernet1, tep: DynTunnel1.1, label: mpls:1001}
+steps:
+  - at: 1
+    do:
+      - chipRefuse: {op: createEsiData, rc: invalidHwId}
+      - designatedForwarder: {segment: Ethernet1, vlan: 10, tep: DynTunnel1.1}
+)";
+  std::ostringstream log;
+  Sim::SimLog lines(&log);
+  auto r = Sim::runScenario(Sim::parseScenario(head, "a.yaml"), lines, Sim::RunOptions{});
+  ASSERT_TRUE(r.aborted);
+  const std::string& f = r.failures.back();
+  EXPECT_EQ(
+      f.rfind("a.yaml:6: the step at time 1 aborted at time 1: assertion \"0\" failed at Oba/", 0),
+      0u)
+      << f;
+  EXPECT_NE(f.find(", after floodingEsi: createEsiData Ethernet1 vlan 10 tunnel Tunnel1.1 hw 1 "
+                   "label 1001 local 2001 -> invalidHwId\n"),
+            std::string::npos)
+      << f;
+  EXPECT_NE(log.str().find("abort            assertion \"0\" failed"), std::string::npos);
+
+  auto expected =
+      Sim::runScenario(Sim::parseScenario(head + "    expect: {abort: \"0\"}\n", "a.yaml"), lines,
+                       Sim::RunOptions{.check = true});
+  EXPECT_TRUE(expected.ok() && !expected.aborted);
+  auto other = Sim::runScenario(
+      Sim::parseScenario(head + "    expect: {abort: \"initialized()\"}\n", "a.yaml"), lines,
+      Sim::RunOptions{.check = true});
+  EXPECT_TRUE(other.aborted);
+
+  const std::string quiet = R"(
+steps:
+  - at: 1
+    expect: {abort: "0"}
+)";
+  auto none = Sim::runScenario(Sim::parseScenario(quiet, "q.yaml"), lines, Sim::RunOptions{});
+  EXPECT_EQ(none.failures.back(),
+            "q.yaml:3: expected the step to abort with assertion \"0\", but it completed\n");
+  EXPECT_EQ(errorOf(quiet + "  - at: 2\n"),
+            "s.yaml:5:5: a step after one that expects an abort never runs");
 }
 
 }  // namespace
