@@ -25,6 +25,7 @@
 //   build/default/bench/flood_sets                                 # full scale: 4094 x 64
 //   build/default/bench/flood_sets --fs_world=64,8,16              # another world
 //   build/default/bench/flood_sets --fs_check_only --fs_world=...  # equivalence only, no timing
+//   build/default/bench/flood_sets --fs_cpu_handlings              # handlings on the CPU clock
 
 #include <benchmark/benchmark.h>
 
@@ -59,6 +60,9 @@ using TunnelId = Tunnel::TunnelTable::TunnelId;
 
 bool gCheckOnly = false;
 bool gFailed = false;
+// Every handling timed on the thread's CPU clock: the longest handling without preemption, at
+// the price of a system call per handling (so the rates of such a run are not the ones to quote).
+bool gCpuHandlings = false;
 
 struct Shape {
   std::uint32_t vlans = 4094, pes = 64, labels = 4094;
@@ -88,9 +92,16 @@ double gLongest = 0;
 std::uint64_t gRibWrites = 0, gLongestAt = 0;
 template <class F>
 void timed(F f) {
-  auto t = Wall::now();
-  f();
-  double d = std::chrono::duration<double>(Wall::now() - t).count();
+  double d;
+  if (gCpuHandlings) {
+    double t = Stopwatch::now();
+    f();
+    d = since(t);
+  } else {
+    auto t = Wall::now();
+    f();
+    d = std::chrono::duration<double>(Wall::now() - t).count();
+  }
   if (d > gLongest) {
     gLongest = d;
     gLongestAt = gRibWrites;
@@ -410,6 +421,8 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--fs_check_only") == 0) {
       gCheckOnly = true;
+    } else if (std::strcmp(argv[i], "--fs_cpu_handlings") == 0) {
+      gCpuHandlings = true;
     } else if (std::strncmp(argv[i], "--fs_world=", 11) == 0) {
       Shape& s = gShape;
       if (std::sscanf(argv[i] + 11, "%u,%u,%u", &s.vlans, &s.pes, &s.labels) != 3 || !s.vlans ||
