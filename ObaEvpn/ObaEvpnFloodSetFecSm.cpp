@@ -8,6 +8,8 @@ namespace Oba {
 
 static Kiv::TraceHandle th("ObaEvpnFloodSetFecSm");
 
+const Kiv::TraceHandle& EvpnFloodSetFecSm::traceHandle() { return th; }
+
 Kiv::Ptr<EvpnFloodSetFecSm> EvpnFloodSetFecSm::EvpnFloodSetFecSmIs(
     const Kiv::Ptr<const L2Rib::FloodSetOutput>& floodSetOutput,
     const Kiv::Ptr<const TunnelIdToHwTunnelIdMapping>& hwTunnelIdMapping,
@@ -42,20 +44,11 @@ EvpnFloodSetFecSm::EvpnFloodSetFecSm(
     : request_(mplsFloodSetFecRequest), hwInfoMapping_(hwInfoMapping), timerWheel_(timerWheel) {
   if (hwTunnelIdMapping) hwTunnelIdMappingIs(hwTunnelIdMapping);
   if (mplsFloodSetFecResponse) mplsFloodSetFecResponseIs(mplsFloodSetFecResponse);
-  // The flood lists are watched before the initial walk, which alone handles what they hold.
-  if (floodSetOutput) {
-    floodSetOutputIs(floodSetOutput);
-    for (auto [vlan, vlanFloodSet] : floodSetOutput->vlanFloodSetWalk()) {
-      vlanFloodSetIs(vlanFloodSet);
-    }
-  }
+  floodSetOutputWatch(floodSetOutput);
   handleInitialized();
-  // The chip's results are learnt only from their reactors: made now, they tell what the
-  // hardware still holds.
-  if (vlanFloodSetHwStatus) {
-    vlanFloodSetHwStatusIs(vlanFloodSetHwStatus);
-    for (auto [pair, status] : vlanFloodSetHwStatus->statusWalk()) vlanFloodSetStatusIs(status);
-  }
+  // The initial walk does not read the chip's results: their reactors, made now, tell which
+  // pairs the hardware still holds.
+  vlanFloodSetHwStatusWatch(vlanFloodSetHwStatus);
 }
 
 EvpnFloodSetFecSm::FecId EvpnFloodSetFecSm::indexToFecId(std::int64_t index) {
@@ -77,34 +70,7 @@ void EvpnFloodSetFecSm::handleInitialized() {
   // The FEC definitions stay: the chip may still use them until it answers the new requests.
   mplsFloodSetFecRequest()->hwFecIdRequestDelAll();
   initializedIs(true);
-  if (!floodSetOutput()) return;
-  for (auto [vlan, vlanFloodSet] : floodSetOutput()->vlanFloodSetWalk()) {
-    forEachDest(*vlanFloodSet, [&](const Quil::EthAddr& mac, const L2Rib::Dest& dest) {
-      processMplsDest(vlan, mac, dest);
-    });
-  }
-}
-
-void EvpnFloodSetFecSm::handleVlanFloodSet(const L2Rib::VlanFloodSet& vlanFloodSet) {
-  OBA_TRACE8(th, "handleVlanFloodSet", " vlan: " << vlanFloodSet.vlanId());
-  if (!initialized()) return;
-  forEachDest(vlanFloodSet, [&](const Quil::EthAddr& mac, const L2Rib::Dest& dest) {
-    processMplsDest(vlanFloodSet.vlanId(), mac, dest);
-  });
-}
-
-void EvpnFloodSetFecSm::handleFloodSet(Bridging::VlanId vlanId, const L2Rib::FloodSet& floodSet) {
-  OBA_TRACE8(th, "handleFloodSet", " vlan: " << vlanId << " mac: " << floodSet.macAddr());
-  if (!initialized()) return;
-  for (auto [dest, member] : floodSet.destSetWalk()) {
-    processMplsDest(vlanId, floodSet.macAddr(), dest);
-  }
-}
-
-void EvpnFloodSetFecSm::handleDestSet(Bridging::VlanId vlanId, const Quil::EthAddr& macAddr,
-                                      const L2Rib::Dest& dest) {
-  OBA_TRACE8(th, "handleDestSet", " vlan: " << vlanId << " mac: " << macAddr << " dest: " << dest);
-  if (initialized()) processMplsDest(vlanId, macAddr, dest);
+  processAllMplsDests();
 }
 
 void EvpnFloodSetFecSm::handleHwTunnelIdMapping(const TunnelId& tunnelId) {
@@ -143,15 +109,6 @@ void EvpnFloodSetFecSm::handleFecResponse(const FecId& fecId) {
              " add or update hwInfo for tunnelId: ", via->tunnelId() << " label: " << via->label());
   hwInfoMapping()->mappingIs(*via,
                              MplsDestHwInfo(response.hwFecId(fecId).row.hwFecId(), l2IntfId.row));
-}
-
-void EvpnFloodSetFecSm::handleVlanFloodSetStatus(const VlanFloodSetStatus& status) {
-  OBA_TRACE8(th, "handleVlanFloodSetStatus",
-             " vlan: " << status.macVlanPair().vlanId << " mac: " << status.macVlanPair().macAddr);
-  if (!initialized()) return;
-  for (auto [config, result] : status.mplsDestStatusWalk()) {
-    handleMplsDestStatus(status.macVlanPair(), config);
-  }
 }
 
 void EvpnFloodSetFecSm::handleMplsDestStatus(const Bridging::MacVlanPair& macVlanPair,
@@ -293,16 +250,6 @@ void EvpnFloodSetFecSm::maybeDeleteFecId(const FecId& fecId) {
 bool EvpnFloodSetFecSm::hasFecResponse(const FecId& fecId) const {
   // The hardware id row is the answer; the layer-2 interface is what it tells beside it.
   return mplsFloodSetFecResponse() && mplsFloodSetFecResponse()->hwFecId(fecId).found;
-}
-
-bool EvpnFloodSetFecSm::isDestInFloodSet(Bridging::VlanId vlanId, const Quil::EthAddr& macAddr,
-                                         const L2Rib::Dest& dest) const {
-  return Oba::isDestInFloodSet(floodSetOutput().get(), vlanId, macAddr, dest);
-}
-
-bool EvpnFloodSetFecSm::isMplsDestConfigProgrammed(const Bridging::MacVlanPair& macVlanPair,
-                                                   const MplsDestConfig& mplsDestConfig) const {
-  return Oba::isMplsDestConfigProgrammed(vlanFloodSetHwStatus().get(), macVlanPair, mplsDestConfig);
 }
 
 }  // namespace Oba

@@ -34,7 +34,9 @@
 
 namespace Oba {
 
-class OBA_EXPORT EvpnFloodSetFecSm : public Kiv::PtrInterface, public FecNumberAllocation {
+class OBA_EXPORT EvpnFloodSetFecSm : public Kiv::PtrInterface,
+                                     public FloodSetHandlers<EvpnFloodSetFecSm>,
+                                     public FecNumberAllocation {
  public:
   using TunnelId = Tunnel::TunnelTable::TunnelId;
   using FecId = Shoal::Fib::FecId;
@@ -104,15 +106,12 @@ class OBA_EXPORT EvpnFloodSetFecSm : public Kiv::PtrInterface, public FecNumberA
   KIV_CHILD_COLLECTION(tunnelInfoCache, TunnelId, TunnelIdToMplsFloodSetVia)  // requested pairs
   KIV_SCALAR(initialized, bool, false)
 
-  // Handlers.
+  // Handlers. From FloodSetHandlers: handleVlanFloodSet, handleFloodSet, handleDestSet and
+  // handleVlanFloodSetStatus (each settles its members with processMplsDest or
+  // handleMplsDestStatus), isDestInFloodSet and isMplsDestConfigProgrammed.
   void handleInitialized();
-  void handleVlanFloodSet(const L2Rib::VlanFloodSet& vlanFloodSet);
-  void handleFloodSet(Bridging::VlanId vlanId, const L2Rib::FloodSet& floodSet);
-  void handleDestSet(Bridging::VlanId vlanId, const Quil::EthAddr& macAddr,
-                     const L2Rib::Dest& dest);
   void handleHwTunnelIdMapping(const TunnelId& tunnelId);
   void handleFecResponse(const FecId& fecId);
-  void handleVlanFloodSetStatus(const VlanFloodSetStatus& status);
   void handleMplsDestStatus(const Bridging::MacVlanPair& macVlanPair,
                             const MplsDestConfig& mplsDestConfig);
 
@@ -128,11 +127,10 @@ class OBA_EXPORT EvpnFloodSetFecSm : public Kiv::PtrInterface, public FecNumberA
   void updateTunnelInfoCache(const MplsFloodSetVia& via, bool remove);
   void maybeDeleteFecId(const FecId& fecId);
   bool hasFecResponse(const FecId& fecId) const;
-  bool isDestInFloodSet(Bridging::VlanId vlanId, const Quil::EthAddr& macAddr,
-                        const L2Rib::Dest& dest) const;
-  bool isMplsDestConfigProgrammed(const Bridging::MacVlanPair& macVlanPair,
-                                  const MplsDestConfig& mplsDestConfig) const;
   static FecId indexToFecId(std::int64_t index);
+
+  // The machine's trace handle, under which the shared handlers trace too.
+  static const Kiv::TraceHandle& traceHandle();
 
  private:
   Kiv::Ptr<FecIdToHwFecIdRequest> request_;

@@ -10,6 +10,8 @@ namespace Oba {
 
 static Kiv::TraceHandle th("ObaEvpnVlanFloodSetSm");
 
+const Kiv::TraceHandle& EvpnVlanFloodSetSm::traceHandle() { return th; }
+
 namespace {
 
 // A member's five fields as the hardware-config trace lines give them, after "tunnelId: ".
@@ -52,18 +54,9 @@ EvpnVlanFloodSetSm::EvpnVlanFloodSetSm(
     : hwConfig_(vlanFloodSetHwConfig) {
   if (hwTunnelIdMapping) hwTunnelIdMappingIs(hwTunnelIdMapping);
   if (hwInfoMapping) hwInfoMappingIs(hwInfoMapping);
-  if (vlanFloodSetHwStatus) vlanFloodSetHwStatusIs(vlanFloodSetHwStatus);
-  // The flood lists are watched before the initial walk, which alone handles what they hold.
-  if (floodSetOutput) {
-    floodSetOutputIs(floodSetOutput);
-    for (auto [vlan, vlanFloodSet] : floodSetOutput->vlanFloodSetWalk()) {
-      vlanFloodSetIs(vlanFloodSet);
-    }
-  }
+  floodSetOutputWatch(floodSetOutput);
   handleInitialized();
-  if (vlanFloodSetHwStatus) {
-    for (auto [pair, status] : vlanFloodSetHwStatus->statusWalk()) vlanFloodSetStatusIs(status);
-  }
+  vlanFloodSetHwStatusWatch(vlanFloodSetHwStatus);
 }
 
 // ---- handlers --------------------------------------------------------------------------------
@@ -73,39 +66,8 @@ void EvpnVlanFloodSetSm::handleInitialized() {
   KIV_ASSERT(vlanFloodSetHwConfig());
   // Whatever an earlier incarnation wrote goes before anything is rebuilt.
   vlanFloodSetHwConfig()->configDelAll();
-  if (!floodSetOutput()) {
-    initializedIs(true);
-    return;
-  }
-  for (auto [vlan, vlanFloodSet] : floodSetOutput()->vlanFloodSetWalk()) {
-    forEachDest(*vlanFloodSet, [&](const Quil::EthAddr& mac, const L2Rib::Dest& dest) {
-      processMplsDest(vlan, mac, dest);
-    });
-  }
+  processAllMplsDests();
   initializedIs(true);
-}
-
-void EvpnVlanFloodSetSm::handleVlanFloodSet(const L2Rib::VlanFloodSet& vlanFloodSet) {
-  OBA_TRACE8(th, "handleVlanFloodSet", " vlan: " << vlanFloodSet.vlanId());
-  if (!initialized()) return;
-  forEachDest(vlanFloodSet, [&](const Quil::EthAddr& mac, const L2Rib::Dest& dest) {
-    processMplsDest(vlanFloodSet.vlanId(), mac, dest);
-  });
-}
-
-void EvpnVlanFloodSetSm::handleFloodSet(Bridging::VlanId vlanId, const L2Rib::FloodSet& floodSet) {
-  OBA_TRACE8(th, "handleFloodSet", " vlan: " << vlanId << " mac: " << floodSet.macAddr());
-  if (!initialized()) return;
-  for (auto [dest, member] : floodSet.destSetWalk()) {
-    processMplsDest(vlanId, floodSet.macAddr(), dest);
-  }
-}
-
-void EvpnVlanFloodSetSm::handleDestSet(Bridging::VlanId vlanId, const Quil::EthAddr& macAddr,
-                                       const L2Rib::Dest& dest) {
-  OBA_TRACE8(th, "handleDestSet", " vlan: " << vlanId << " mac: " << macAddr << " dest: " << dest);
-  // Addition or removal: processMplsDest reads which from the input.
-  if (initialized()) processMplsDest(vlanId, macAddr, dest);
 }
 
 void EvpnVlanFloodSetSm::handleHwTunnelIdMapping(const TunnelId& tunnelId) {
@@ -130,15 +92,6 @@ void EvpnVlanFloodSetSm::handleHwInfoMapping(const MplsFloodSetVia& via) {
   // Added or changed identifiers add or update every member; removed ones withdraw them.
   for (auto [vlanMacDest, member] : entry->vlanMacDestSetWalk()) {
     processMplsDestConfig(vlanMacDest);
-  }
-}
-
-void EvpnVlanFloodSetSm::handleVlanFloodSetStatus(const VlanFloodSetStatus& status) {
-  OBA_TRACE8(th, "handleVlanFloodSetStatus",
-             " vlan: " << status.macVlanPair().vlanId << " mac: " << status.macVlanPair().macAddr);
-  if (!initialized()) return;
-  for (auto [config, result] : status.mplsDestStatusWalk()) {
-    handleMplsDestStatus(status.macVlanPair(), config);
   }
 }
 
@@ -262,16 +215,6 @@ void EvpnVlanFloodSetSm::deleteMplsDestHwConfig(const VlanMacDest& vlanMacDest) 
     if (!floodList->mplsDestConfigs()) vlanFloodSetHwConfig()->configDel(pair);
   }
   mplsDestHwConfigDel(vlanMacDest);
-}
-
-bool EvpnVlanFloodSetSm::isDestInFloodSet(Bridging::VlanId vlanId, const Quil::EthAddr& macAddr,
-                                          const L2Rib::Dest& dest) const {
-  return Oba::isDestInFloodSet(floodSetOutput().get(), vlanId, macAddr, dest);
-}
-
-bool EvpnVlanFloodSetSm::isMplsDestConfigProgrammed(const Bridging::MacVlanPair& macVlanPair,
-                                                    const MplsDestConfig& mplsDestConfig) const {
-  return Oba::isMplsDestConfigProgrammed(vlanFloodSetHwStatus().get(), macVlanPair, mplsDestConfig);
 }
 
 }  // namespace Oba

@@ -27,7 +27,8 @@
 
 namespace Oba {
 
-class OBA_EXPORT EvpnVlanFloodSetSm : public Kiv::PtrInterface {
+class OBA_EXPORT EvpnVlanFloodSetSm : public Kiv::PtrInterface,
+                                      public FloodSetHandlers<EvpnVlanFloodSetSm> {
  public:
   using TunnelId = Tunnel::TunnelTable::TunnelId;
 
@@ -81,15 +82,12 @@ class OBA_EXPORT EvpnVlanFloodSetSm : public Kiv::PtrInterface {
                        MplsFloodSetViaToVlanMacDestSet)  // by (tunnel, label)
   KIV_SCALAR(initialized, bool, false)
 
-  // Handlers.
+  // Handlers. From FloodSetHandlers: handleVlanFloodSet, handleFloodSet, handleDestSet and
+  // handleVlanFloodSetStatus (each settles its members with processMplsDest or
+  // handleMplsDestStatus), isDestInFloodSet and isMplsDestConfigProgrammed.
   void handleInitialized();
-  void handleVlanFloodSet(const L2Rib::VlanFloodSet& vlanFloodSet);
-  void handleFloodSet(Bridging::VlanId vlanId, const L2Rib::FloodSet& floodSet);
-  void handleDestSet(Bridging::VlanId vlanId, const Quil::EthAddr& macAddr,
-                     const L2Rib::Dest& dest);
   void handleHwTunnelIdMapping(const TunnelId& tunnelId);
   void handleHwInfoMapping(const MplsFloodSetVia& via);
-  void handleVlanFloodSetStatus(const VlanFloodSetStatus& status);
   void handleMplsDestStatus(const Bridging::MacVlanPair& macVlanPair,
                             const MplsDestConfig& mplsDestConfig);
 
@@ -101,10 +99,9 @@ class OBA_EXPORT EvpnVlanFloodSetSm : public Kiv::PtrInterface {
   MplsDestConfig createMplsDestConfig(const L2Rib::Dest& dest) const;
   void addOrUpdateMplsDestHwConfig(const VlanMacDest& vlanMacDest);
   void deleteMplsDestHwConfig(const VlanMacDest& vlanMacDest);
-  bool isDestInFloodSet(Bridging::VlanId vlanId, const Quil::EthAddr& macAddr,
-                        const L2Rib::Dest& dest) const;
-  bool isMplsDestConfigProgrammed(const Bridging::MacVlanPair& macVlanPair,
-                                  const MplsDestConfig& mplsDestConfig) const;
+
+  // The machine's trace handle, under which the shared handlers trace too.
+  static const Kiv::TraceHandle& traceHandle();
 
  private:
   Kiv::Ptr<EvpnVlanFloodSetHwConfig> hwConfig_;
