@@ -156,6 +156,14 @@ TEST_F(FloodSetWorld, AMemberWaitsForItsPairsHardwareIdsAndIsThenWrittenWhole) {
   EXPECT_TRUE(traces.has("  Invalid tunnelId not supported "));
   EXPECT_EQ(log.events.size(), 1u);
   EXPECT_EQ(request->hwFecIdRequests(), 1u);
+
+  // Identifiers for what no flood list uses change nothing.
+  hwTunnel(5, 9);
+  EXPECT_TRUE(traces.has(" no fecRequest associated with this tunnel "));
+  EXPECT_TRUE(traces.has(" no dests associated with this tunnel "));
+  hwInfo->mappingIs(via(5, 1001), Oba::MplsDestHwInfo(9, Quil::IntfId::ethernet(9)));
+  EXPECT_TRUE(traces.has(" hwId is not ready "));
+  EXPECT_EQ(log.events.size(), 1u);
 }
 
 TEST_F(FloodSetWorld, NewHardwareIdsRewriteEveryVlanAddingBeforeRemoving) {
@@ -288,6 +296,12 @@ TEST_F(FloodSetWorld, AfterMakeBeforeBreakThePairNoLongerWaitsForTheHardware) {
   del(10, mpls(1, 1001));
   EXPECT_FALSE(requested(id));  // the hardware still has `next`
   EXPECT_FALSE(traces.has("    wait for hardware to unprogram the floodSet"));
+  // Once the chip has withdrawn its answer, its removal of the member finds nothing to remove.
+  withdraw(id);
+  report(10, next, false);
+  EXPECT_TRUE(traces.has("  config is removed from hardware"));
+  EXPECT_TRUE(traces.has("  config is not programmed in hardware"));
+  EXPECT_TRUE(traces.has("     fecId not found, fecRequest already removed"));
 }
 
 TEST_F(FloodSetWorld, ARestartedVlanMachineRebuildsOnlyCurrentResolvedMembers) {
