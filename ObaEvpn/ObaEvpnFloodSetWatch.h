@@ -1,0 +1,182 @@
+#pragma once
+// What the two MPLS flood-set machines watch alike, and how they walk it: the flood lists (per
+// VLAN, per flood MAC, a set of MPLS destinations) and the chip's per-member results for each
+// hardware flood list. Each machine takes these reactors as its own,
+//
+//   using KivFloodSetOutput = FloodSetWatch<EvpnVlanFloodSetSm>::KivFloodSetOutput;
+//
+// and derives from FloodSetHandlers<Machine>, whose handlers the reactors forward to:
+//
+//   handleVlanFloodSet(vlanFloodSet)          a VLAN's reactor was made, or retired
+//   handleFloodSet(vlanId, floodSet)          a flood list's reactor was made, or retired
+//   handleDestSet(vlanId, macAddr, dest)      a destination was added to or removed from a list
+//   handleVlanFloodSetStatus(status)          a flood list's result reactor was made, or retired
+//
+// Each settles the members it names with the machine's own processMplsDest(vlanId, macAddr,
+// dest), or handleMplsDestStatus(macVlanPair, config) for a result, and traces under the machine's
+// handle. A reactor's last (zombie) pass hands the handler the entity that went, still holding
+// what it held, so walking it settles every member it had: the input answers "gone" for each.
+
+#include "Bridging/MacVlanPair.h"
+#include "Bridging/VlanId.h"
+#include "Kiv/Reactor.h"
+#include "Kiv/Trace.h"
+#include "L2Rib/Dest.h"
+#include "L2Rib/FloodSet.h"
+#include "Oba/ObaCommon.h"
+#include "Oba/ObaFloodSetRecords.h"
+#include "Quil/EthAddr.h"
+
+namespace Oba {
+
+template <class Sm>
+struct FloodSetWatch {
+  class KivVlanFloodSet;
+  // Per flood list: onDestSet -> handleDestSet; made and retired -> handleFloodSet.
+  class KivFloodSet : public Kiv::Reactor<L2Rib::FloodSet, KivVlanFloodSet> {
+   public:
+    using Kiv::Reactor<L2Rib::FloodSet, KivVlanFloodSet>::Reactor;
+    void onDestSet(const L2Rib::Dest& dest) override {
+      sm()->handleDestSet(this->owner()->fwkKey(), this->fwkKey(), dest);
+    }
+    void handleFloodSet() { sm()->handleFloodSet(this->owner()->fwkKey(), *this->entity()); }
+    Sm* sm() const { return this->owner()->owner(); }
+  };
+  // Per VLAN: onFloodSet -> makes or retires that MAC's reactor; made and retired ->
+  // handleVlanFloodSet. Watches the MACs the VLAN already holds from its construction.
+  class KivVlanFloodSet : public Kiv::Reactor<L2Rib::VlanFloodSet, Sm> {
+   public:
+    KivVlanFloodSet(const Kiv::Ptr<const L2Rib::VlanFloodSet>& vlanFloodSet, Sm* owner)
+        : Kiv::Reactor<L2Rib::VlanFloodSet, Sm>(vlanFloodSet, owner) {
+      for (auto [mac, floodSet] : vlanFloodSet->floodSetWalk()) floodSetIs(floodSet);
+    }
+    void onFloodSet(const Quil::EthAddr& mac) override {
+      floodSetTrack(mac, this->entity()->floodSet(mac));
+    }
+    void handleVlanFloodSet() { this->owner()->handleVlanFloodSet(*this->entity()); }
+    KIV_REACTOR_COLLECTION(floodSet, Quil::EthAddr, KivFloodSet, handleFloodSet,
+                           "Oba::FloodSetWatch::KivVlanFloodSet")
+  };
+  // The flood lists: onVlanFloodSet -> makes or retires that VLAN's reactor.
+  class KivFloodSetOutput : public Kiv::Reactor<L2Rib::FloodSetOutput, Sm> {
+   public:
+    using Kiv::Reactor<L2Rib::FloodSetOutput, Sm>::Reactor;
+    void onVlanFloodSet(const Bridging::VlanId& vlan) override {
+      this->owner()->vlanFloodSetTrack(vlan, this->entity()->vlanFloodSet(vlan));
+    }
+  };
+
+  // Per hardware flood list: onMplsDestStatus -> handleMplsDestStatus; made and retired ->
+  // handleVlanFloodSetStatus.
+  class KivVlanFloodSetStatus : public Kiv::Reactor<VlanFloodSetStatus, Sm> {
+   public:
+    using Kiv::Reactor<VlanFloodSetStatus, Sm>::Reactor;
+    void onMplsDestStatus(const MplsDestConfig& config) override {
+      this->owner()->handleMplsDestStatus(this->fwkKey(), config);
+    }
+    void handleVlanFloodSetStatus() { this->owner()->handleVlanFloodSetStatus(*this->entity()); }
+  };
+  // The chip's results: onStatus -> makes or retires that flood list's reactor.
+  class KivVlanFloodSetHwStatus : public Kiv::Reactor<EvpnVlanFloodSetHwStatus, Sm> {
+   public:
+    using Kiv::Reactor<EvpnVlanFloodSetHwStatus, Sm>::Reactor;
+    void onStatus(const Bridging::MacVlanPair& pair) override {
+      this->owner()->vlanFloodSetStatusTrack(pair, this->entity()->status(pair));
+    }
+  };
+};
+
+// The flood-list handlers of a machine, and the two tests both machines make of their inputs.
+// `Sm` gives its trace handle (`Sm::traceHandle()`), `initialized()`, its inputs `floodSetOutput()`
+// and `vlanFloodSetHwStatus()`, its reactor collections and
+// `processMplsDest`/`handleMplsDestStatus`.
+template <class Sm>
+class FloodSetHandlers {
+ public:
+  void handleVlanFloodSet(const L2Rib::VlanFloodSet& vlanFloodSet) {
+    OBA_TRACE8(Sm::traceHandle(), "handleVlanFloodSet", " vlan: " << vlanFloodSet.vlanId());
+    if (!sm().initialized()) return;
+    processVlanFloodSet(vlanFloodSet);
+  }
+  void handleFloodSet(Bridging::VlanId vlanId, const L2Rib::FloodSet& floodSet) {
+    OBA_TRACE8(Sm::traceHandle(), "handleFloodSet",
+               " vlan: " << vlanId << " mac: " << floodSet.macAddr());
+    if (!sm().initialized()) return;
+    for (auto [dest, member] : floodSet.destSetWalk()) {
+      sm().processMplsDest(vlanId, floodSet.macAddr(), dest);
+    }
+  }
+  void handleDestSet(Bridging::VlanId vlanId, const Quil::EthAddr& macAddr,
+                     const L2Rib::Dest& dest) {
+    OBA_TRACE8(Sm::traceHandle(), "handleDestSet",
+               " vlan: " << vlanId << " mac: " << macAddr << " dest: " << dest);
+    // Addition or removal: processMplsDest reads which from the input.
+    if (sm().initialized()) sm().processMplsDest(vlanId, macAddr, dest);
+  }
+  void handleVlanFloodSetStatus(const VlanFloodSetStatus& status) {
+    OBA_TRACE8(
+        Sm::traceHandle(), "handleVlanFloodSetStatus",
+        " vlan: " << status.macVlanPair().vlanId << " mac: " << status.macVlanPair().macAddr);
+    if (!sm().initialized()) return;
+    for (auto [config, result] : status.mplsDestStatusWalk()) {
+      sm().handleMplsDestStatus(status.macVlanPair(), config);
+    }
+  }
+
+  // Whether `dest` is a member of the flood list (vlanId, macAddr): the value the RIB stored with
+  // it, false when the list, its VLAN or the whole table is absent.
+  bool isDestInFloodSet(Bridging::VlanId vlanId, const Quil::EthAddr& macAddr,
+                        const L2Rib::Dest& dest) const {
+    const auto& floodSetOutput = sm().floodSetOutput();
+    if (!floodSetOutput) return false;
+    auto vlanFloodSet = floodSetOutput->vlanFloodSet(vlanId);
+    if (!vlanFloodSet) return false;
+    auto floodSet = vlanFloodSet->floodSet(macAddr);
+    return floodSet && floodSet->destSet(dest).value_or(false);
+  }
+  // Whether the chip reports `config` programmed in the flood list `macVlanPair`.
+  bool isMplsDestConfigProgrammed(const Bridging::MacVlanPair& macVlanPair,
+                                  const MplsDestConfig& config) const {
+    const auto& hwStatus = sm().vlanFloodSetHwStatus();
+    if (!hwStatus) return false;
+    auto status = hwStatus->status(macVlanPair);
+    return status && status->mplsDestStatus(config) == HwProgrammingStatus::programmed;
+  }
+
+ protected:
+  // Watches the flood lists the table holds; their reactors' first passes are left to the
+  // initial walk (they come before initialization).
+  void floodSetOutputWatch(const Kiv::Ptr<const L2Rib::FloodSetOutput>& floodSetOutput) {
+    if (!floodSetOutput) return;
+    sm().floodSetOutputIs(floodSetOutput);
+    for (auto [vlan, vlanFloodSet] : floodSetOutput->vlanFloodSetWalk()) {
+      sm().vlanFloodSetIs(vlanFloodSet);
+    }
+  }
+  // Watches the chip's results; each flood list's reactor tells what it holds at once.
+  void vlanFloodSetHwStatusWatch(const Kiv::Ptr<const EvpnVlanFloodSetHwStatus>& hwStatus) {
+    if (!hwStatus) return;
+    sm().vlanFloodSetHwStatusIs(hwStatus);
+    for (auto [pair, status] : hwStatus->statusWalk()) sm().vlanFloodSetStatusIs(status);
+  }
+  // processMplsDest for every member of every flood list of the input.
+  void processAllMplsDests() {
+    if (!sm().floodSetOutput()) return;
+    for (auto [vlan, vlanFloodSet] : sm().floodSetOutput()->vlanFloodSetWalk()) {
+      processVlanFloodSet(*vlanFloodSet);
+    }
+  }
+
+ private:
+  void processVlanFloodSet(const L2Rib::VlanFloodSet& vlanFloodSet) {
+    for (auto [mac, floodSet] : vlanFloodSet.floodSetWalk()) {
+      for (auto [dest, member] : floodSet->destSetWalk()) {
+        sm().processMplsDest(vlanFloodSet.vlanId(), mac, dest);
+      }
+    }
+  }
+  Sm& sm() { return static_cast<Sm&>(*this); }
+  const Sm& sm() const { return static_cast<const Sm&>(*this); }
+};
+
+}  // namespace Oba
