@@ -269,28 +269,28 @@ std::string fileText(const std::string& path) {
 }
 
 // A recorded run, kept byte for byte: the scenario the fuzzer writes for seed 1 with a chip that
-// loses its 7th delete, and the log of replaying it over a sound chip. Any change to what a seed
+// loses its 3rd delete, and the log of replaying it over a sound chip. Any change to what a seed
 // draws, how a run is recorded, or what the agent and machines do shows up here first.
 TEST(Fuzz, ARecordedSeedIsWrittenAndReplayedByteForByte) {
   const std::string dir = ::testing::TempDir() + "fuzz-recorded";
   std::filesystem::remove_all(dir);
   Sim::FuzzOptions o;
   o.seeds = 1;
-  o.steps = 43;
+  o.steps = 80;
   o.restarts = true;
   o.shrink = false;
   o.outDir = dir;
   {
-    Canary canary(7);
+    Canary canary(3);
     auto f = Sim::fuzz(o, nullptr, nullptr).failure;
     ASSERT_TRUE(f);
-    EXPECT_EQ(fileText(f->scenarioPath), fileText(OBA_TEST_DATA "/fuzz-seed1-canary7.yaml"));
+    EXPECT_EQ(fileText(f->scenarioPath), fileText(OBA_TEST_DATA "/fuzz-seed1-canary3.yaml"));
   }
   std::ostringstream log, state;
   Sim::SimLog text(&log);
-  Sim::runScenario(Sim::readScenarioFile(OBA_TEST_DATA "/fuzz-seed1-canary7.yaml"), text,
+  Sim::runScenario(Sim::readScenarioFile(OBA_TEST_DATA "/fuzz-seed1-canary3.yaml"), text,
                    Sim::RunOptions{.state = true}, &state);
-  EXPECT_EQ(log.str() + state.str(), fileText(OBA_TEST_DATA "/fuzz-seed1-canary7.log"));
+  EXPECT_EQ(log.str() + state.str(), fileText(OBA_TEST_DATA "/fuzz-seed1-canary3.log"));
 }
 
 }  // namespace
