@@ -146,52 +146,52 @@ Comparison<PortMapTable> comparePortMaps(const Dot1qDecapAgent& agent, Counters*
   auto count = [&](const char* what) {
     if (allowances) ++(*allowances)[what];
   };
-  merge(expected, actual, [&](Quil::MplsLabel label, const Quil::IntfId* want,
-                              const Quil::IntfId* got) {
-    const Mpls::RouteKey key(label);
-    if (want && got && *want == *got) {
-      out.wanted.emplace(label, *want);
-      return;
-    }
-    if (got && !want && sm && otherViaType(lfib, label)) {
-      // A finding: the machine skips a route whose via turned to another type, and its port map
-      // stays, held by the machine for the route.
-      auto via = sm->routeEsiFilterVia(key);
-      if (via && via->intfId == *got) {
-        count("otherViaType");
-        out.wanted.emplace(label, *got);
-        return;
-      }
-    }
-    if (want && !got && sm) {
-      auto parked = agent.lfibHwStatus->unprogrammedRoute(key);
-      if (parked == Rc::lfibHwProgrammingIntfConflict) {
-        // One route per interface: another route's map holds it, as the machine records.
-        auto owner = sm->intfRoute(*want);
-        auto ownerMap = owner ? actual.find(owner->topLabel()) : actual.end();
-        if (owner && *owner != key && ownerMap != actual.end() && ownerMap->second == *want) {
-          count("parkedConflict");
-          return;
-        }
-      } else if (parked == Rc::lfibHwProgrammingResourceFull ||
-                 parked == Rc::lfibHwProgrammingFailed) {
-        count("parkedRefused");  // retried every five seconds
-        return;
-      } else if (!parked && !sm->routeEsiFilterViaHas(key)) {
-        // The chip answered a code the machine does not define: it records nothing, and nothing
-        // retries the route until it changes.
-        auto rc = agent.chip->lastPortMapRc().find(label);
-        if (rc != agent.chip->lastPortMapRc().end() &&
-            static_cast<std::uint32_t>(rc->second) > 3) {
-          count("undefinedRc");
-          return;
-        }
-      }
-    }
-    if (want) out.wanted.emplace(label, *want);
-    out.diffs.push_back(line("label ", label, ": expected intf ", orNone(want), ", actual ",
-                             orNone(got)));
-  });
+  merge(expected, actual,
+        [&](Quil::MplsLabel label, const Quil::IntfId* want, const Quil::IntfId* got) {
+          const Mpls::RouteKey key(label);
+          if (want && got && *want == *got) {
+            out.wanted.emplace(label, *want);
+            return;
+          }
+          if (got && !want && sm && otherViaType(lfib, label)) {
+            // A finding: the machine skips a route whose via turned to another type, and its port
+            // map stays, held by the machine for the route.
+            auto via = sm->routeEsiFilterVia(key);
+            if (via && via->intfId == *got) {
+              count("otherViaType");
+              out.wanted.emplace(label, *got);
+              return;
+            }
+          }
+          if (want && !got && sm) {
+            auto parked = agent.lfibHwStatus->unprogrammedRoute(key);
+            if (parked == Rc::lfibHwProgrammingIntfConflict) {
+              // One route per interface: another route's map holds it, as the machine records.
+              auto owner = sm->intfRoute(*want);
+              auto ownerMap = owner ? actual.find(owner->topLabel()) : actual.end();
+              if (owner && *owner != key && ownerMap != actual.end() && ownerMap->second == *want) {
+                count("parkedConflict");
+                return;
+              }
+            } else if (parked == Rc::lfibHwProgrammingResourceFull ||
+                       parked == Rc::lfibHwProgrammingFailed) {
+              count("parkedRefused");  // retried every five seconds
+              return;
+            } else if (!parked && !sm->routeEsiFilterViaHas(key)) {
+              // The chip answered a code the machine does not define: it records nothing, and
+              // nothing retries the route until it changes.
+              auto rc = agent.chip->lastPortMapRc().find(label);
+              if (rc != agent.chip->lastPortMapRc().end() &&
+                  static_cast<std::uint32_t>(rc->second) > 3) {
+                count("undefinedRc");
+                return;
+              }
+            }
+          }
+          if (want) out.wanted.emplace(label, *want);
+          out.diffs.push_back(
+              line("label ", label, ": expected intf ", orNone(want), ", actual ", orNone(got)));
+        });
   // Parked routes that are not filter routes: only those whose via turned to another type (the
   // machine skips them and leaves them parked).
   for (auto [key, rc] : agent.lfibHwStatus->unprogrammedRouteWalk()) {
@@ -247,14 +247,16 @@ std::vector<std::string> checkFloodingDot1qSm(const Dot1qDecapAgent& agent) {
   // programmed and parked are apart; parked ports and unprogrammedDot1q agree.
   for (auto [key, st] : sm->dot1qStatusWalk()) {
     auto tag = sm->intfVlanDot1q(key);
-    if (!tag) out.push_back(line("dot1qStatus ", key.intfId(), " vlan ", key.vlanId(), " without a tag"));
+    if (!tag)
+      out.push_back(line("dot1qStatus ", key.intfId(), " vlan ", key.vlanId(), " without a tag"));
     if (st->unprogrammeds() && !sm->unprogrammedDot1qHas(key)) {
       out.push_back(line("dot1qStatus ", key.intfId(), " vlan ", key.vlanId(),
                          " has parked ports but is not in unprogrammedDot1q"));
     }
     for (auto [port, m] : st->programmedWalk()) {
       if (st->unprogrammedHas(port)) {
-        out.push_back(line(key.intfId(), " vlan ", key.vlanId(), ": ", port, " programmed and parked"));
+        out.push_back(
+            line(key.intfId(), " vlan ", key.vlanId(), ": ", port, " programmed and parked"));
       }
       auto it = agent.chip->dot1q().find(PortVlan{port, key.vlanId()});
       if (it == agent.chip->dot1q().end() || (tag && it->second != *tag)) {
@@ -266,8 +268,8 @@ std::vector<std::string> checkFloodingDot1qSm(const Dot1qDecapAgent& agent) {
   for (auto [key, m] : sm->unprogrammedDot1qWalk()) {
     auto st = sm->dot1qStatus(key);
     if (!st || !st->unprogrammeds()) {
-      out.push_back(line("unprogrammedDot1q ", key.intfId(), " vlan ", key.vlanId(),
-                         " has no parked port"));
+      out.push_back(
+          line("unprogrammedDot1q ", key.intfId(), " vlan ", key.vlanId(), " has no parked port"));
     }
   }
   return out;

@@ -106,8 +106,8 @@ void Dot1qDecapChip::deleteVlanToDot1qMapping(Quil::IntfId port, Bridging::VlanI
                               ": nothing to delete"));
   } else {
     if (it->second != dot1q) {
-      chip_->violation(chipText("deleteVlanToDot1qMapping ", port, " vlan ", vlan, " dot1q ",
-                                dot1q, ": the mapping has dot1q ", it->second));
+      chip_->violation(chipText("deleteVlanToDot1qMapping ", port, " vlan ", vlan, " dot1q ", dot1q,
+                                ": the mapping has dot1q ", it->second));
     }
     dot1q_.erase(it);
   }

@@ -105,7 +105,8 @@ void Dot1qDecapAgent::restart(const std::string& machine) {
     floodingDot1qSm = nullptr;
     std::vector<std::pair<Dot1qDecapChip::PortVlan, Bridging::VlanIdOrNone>> held(
         chip->dot1q().begin(), chip->dot1q().end());
-    for (const auto& [key, dot1q] : held) chip->deleteVlanToDot1qMapping(key.first, key.second, dot1q);
+    for (const auto& [key, dot1q] : held)
+      chip->deleteVlanToDot1qMapping(key.first, key.second, dot1q);
     startFloodingDot1qSm();
     return;
   }
@@ -328,8 +329,8 @@ class Dot1qDecapAction : public ActionBody {
         os << "routeDel: " << label;
         break;
       case Kind::viaSet:
-        os << "viaSet: {set: " << set << ", type: " << via.viaType() << ", index: " << via.viaIndex()
-           << "}";
+        os << "viaSet: {set: " << set << ", type: " << via.viaType()
+           << ", index: " << via.viaIndex() << "}";
         break;
       case Kind::viaSetDel:
         os << "viaSetDel: " << set;
@@ -715,7 +716,8 @@ class Dot1qDecapFamily : public Family {
       const HostAgent& agent) const override {
     const auto& f = agent.family<Dot1qDecapAgent>();
     std::vector<std::string> dot1q, portMaps;
-    for (const auto& [key, tag] : compareDot1q(f, nullptr).wanted) dot1q.push_back(dot1qLine(key, tag));
+    for (const auto& [key, tag] : compareDot1q(f, nullptr).wanted)
+      dot1q.push_back(dot1qLine(key, tag));
     for (const auto& [label, intf] : comparePortMaps(f, nullptr).wanted) {
       portMaps.push_back(portMapLine(label, intf));
     }

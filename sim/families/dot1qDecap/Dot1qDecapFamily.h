@@ -57,8 +57,8 @@ class Dot1qDecapAgent : public FamilyAgent {
 
   HostAgent& agent;
   const Kiv::Ptr<Dot1qDecapChip> chip;
-  const Kiv::Ptr<Evpn::EvpnStatus> evpnStatus;     // the tunnel-id and ESI family's
-  const Kiv::Ptr<Oba::ObaCommonSmData> acsd;       // the tunnel-id and ESI family's
+  const Kiv::Ptr<Evpn::EvpnStatus> evpnStatus;  // the tunnel-id and ESI family's
+  const Kiv::Ptr<Oba::ObaCommonSmData> acsd;    // the tunnel-id and ESI family's
   const Kiv::Ptr<Evpn::MplsConfig> mplsConfig;
   const Kiv::Ptr<Bridging::VlanStatusDir> vlanStatusDir;
   const Kiv::Ptr<Mpls::LfibStatus> lfibStatus;
