@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 
 #include "sim/Fuzz.h"
+#include "sim/FuzzCanary.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
 #include "sim/families/dot1qDecap/Dot1qDecapCheck.h"
@@ -68,7 +68,8 @@ TEST(Dot1qDecapChip, FiniteTablesRefuseAndTheLedgerNamesWhatACorrectAgentNeverDo
   EXPECT_EQ(violations(*chip)[2],
             "createEsiPortMap 1002 intf Port-Channel10: the interface already has the port map "
             "of 1001");
-  EXPECT_EQ(violations(*chip)[3], "deleteEsiPortMap 1001 intf Ethernet1: no such port map to delete");
+  EXPECT_EQ(violations(*chip)[3],
+            "deleteEsiPortMap 1001 intf Ethernet1: no such port map to delete");
 
   chip->reset();
   EXPECT_TRUE(part->dot1q().empty());
@@ -107,13 +108,13 @@ TEST(Dot1qDecapCheck, TheTablesTheInputsCallForAndWhatTheChecksCatchBehindTheMac
   Sim::SimLog quiet;
   Sim::HostAgent agent(&quiet);
   auto& f = agent.family<Sim::Dot1qDecapAgent>();
-  for (const char* a : {"lag: {lag: Port-Channel10, members: [Ethernet1, Ethernet2]}",
-                        "vlanMember: {vlan: 10, intf: Port-Channel10}",
-                        "vlanMember: {vlan: 20, intf: Ethernet3}", "dot1q: {vlan: 10, tag: 100}",
-                        "filterVia: {index: 1, intf: Ethernet3}", "viaSet: {set: 1, type: 6, index: 1}",
-                        "viaSet: {set: 2, type: 5, index: 1}", "viaSet: {set: 3, type: 6, index: 2}",
-                        "route: {label: 1001, viaSet: 1}", "route: {label: 1002, viaSet: 2}",
-                        "route: {label: 1003, viaSet: 3}"}) {
+  for (const char* a :
+       {"lag: {lag: Port-Channel10, members: [Ethernet1, Ethernet2]}",
+        "vlanMember: {vlan: 10, intf: Port-Channel10}", "vlanMember: {vlan: 20, intf: Ethernet3}",
+        "dot1q: {vlan: 10, tag: 100}", "filterVia: {index: 1, intf: Ethernet3}",
+        "viaSet: {set: 1, type: 6, index: 1}", "viaSet: {set: 2, type: 5, index: 1}",
+        "viaSet: {set: 3, type: 6, index: 2}", "route: {label: 1001, viaSet: 1}",
+        "route: {label: 1002, viaSet: 2}", "route: {label: 1003, viaSet: 3}"}) {
     agent.apply(Sim::actionOf(a));
   }
   // A LAG is its members; a VLAN without a tag is nothing; only a published filter via counts.
@@ -143,12 +144,14 @@ TEST(Dot1qDecapCheck, TheTablesTheInputsCallForAndWhatTheChecksCatchBehindTheMac
 
   // Half of a mirrored relation in each machine; a route parked that is no filter route.
   f.floodingDot1qSm->vlanIntfSetIs(v20)->intfIdIs(e1, true);
-  EXPECT_TRUE(has(Sim::checkFloodingDot1qSm(f), "intfVlanSet and vlanIntfSet hold different pairs"));
+  EXPECT_TRUE(
+      has(Sim::checkFloodingDot1qSm(f), "intfVlanSet and vlanIntfSet hold different pairs"));
   f.decapSm->intfRouteIs(e1, Mpls::RouteKey(MplsLabel(1003)));
   EXPECT_TRUE(has(Sim::checkDecapSm(f), "intfRoute Ethernet1 -> 1003 without its via"));
   f.lfibHwStatus->unprogrammedRouteIs(Mpls::RouteKey(MplsLabel(1003)), Rc::lfibHwProgrammingFailed);
-  EXPECT_TRUE(has(Sim::comparePortMaps(f, nullptr).diffs,
-                  "label 1003: parked (lfibHwProgrammingFailed) but not a route with a filter via"));
+  EXPECT_TRUE(
+      has(Sim::comparePortMaps(f, nullptr).diffs,
+          "label 1003: parked (lfibHwProgrammingFailed) but not a route with a filter via"));
 }
 
 // Found by the fuzzer before the agent reconciled a restarted machine's chip table. A new
@@ -184,43 +187,10 @@ steps:
   EXPECT_TRUE(r.ok()) << r.failures[0];
 }
 
-// Turns the canary off again however the test ends.
-struct Canary {
-  explicit Canary(std::uint64_t n) { Dot1qDecapChip::canaryDropDeleteDot1qIs(n); }
-  ~Canary() { Dot1qDecapChip::canaryDropDeleteDot1qIs(0); }
-};
-
 TEST(Dot1qDecapFuzz, AChipThatLosesADot1qDeleteIsCaughtAndWrittenAsAScenarioThatFailsTheCheck) {
-  const std::string dir = ::testing::TempDir() + "fuzz-dot1q-canary";
-  std::filesystem::remove_all(dir);
-  Sim::FuzzOptions o;  // the CI configuration
-  o.seeds = 200;
-  o.steps = 1000;
-  o.faultRate = 0.1;
-  o.restarts = true;
-  o.outDir = dir;
-  std::optional<Sim::FuzzFailure> f;
-  {
-    Canary canary(25);
-    f = Sim::fuzz(o, nullptr, nullptr).failure;
-    ASSERT_TRUE(f);
-    EXPECT_EQ(f->failure.check, "dot1q");
-    EXPECT_NE(f->failure.lines[0].find("expected dot1q none, actual"), std::string::npos)
-        << f->failure.lines[0];
-    EXPECT_TRUE(f->replayable);
-    EXPECT_LT(f->shrunkActions, f->actions);
-    EXPECT_TRUE(f->checkFails);
-    Sim::SimLog quiet;
-    auto r = Sim::runScenario(Sim::readScenarioFile(f->scenarioPath), quiet,
-                              Sim::RunOptions{.check = true});
-    ASSERT_FALSE(r.ok());
-    EXPECT_NE(r.failures[0].find("expected dot1q"), std::string::npos) << r.failures[0];
-  }
-  // With a sound chip the same file passes: what it caught is the chip's fault.
-  Sim::SimLog quiet;
-  auto r = Sim::runScenario(Sim::readScenarioFile(f->scenarioPath), quiet,
-                            Sim::RunOptions{.check = true});
-  EXPECT_TRUE(r.ok()) << r.failures[0];
+  SimTest::Canary canary(Dot1qDecapChip::canaryDropDeleteDot1qIs, 25);
+  SimTest::expectCanaryCaught(canary, "fuzz-dot1q-canary", "dot1q", "expected dot1q none, actual",
+                              "expected dot1q");
 }
 
 }  // namespace
