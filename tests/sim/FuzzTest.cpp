@@ -10,6 +10,7 @@
 #include <string>
 
 #include "sim/Fuzz.h"
+#include "sim/FuzzCanary.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
 #include "sim/families/tunnelEsi/TunnelEsiCheck.h"
@@ -216,45 +217,10 @@ steps:
   EXPECT_TRUE(r.ok()) << r.failures[0];
 }
 
-// Turns the canary off again however the test ends.
-struct Canary {
-  explicit Canary(std::uint64_t n) { TunnelEsiChip::canaryDropDeleteEsiDataIs(n); }
-  ~Canary() { TunnelEsiChip::canaryDropDeleteEsiDataIs(0); }
-};
-
 TEST(Fuzz, AChipThatLosesADeleteIsCaughtAndWrittenAsAScenarioThatFailsTheCheck) {
-  const std::string dir = ::testing::TempDir() + "fuzz-canary";
-  std::filesystem::remove_all(dir);
-  Sim::FuzzOptions o;  // the CI configuration
-  o.seeds = 200;
-  o.steps = 1000;
-  o.faultRate = 0.1;
-  o.restarts = true;
-  o.outDir = dir;
-  std::optional<Sim::FuzzFailure> f;
-  {
-    Canary canary(25);
-    f = Sim::fuzz(o, nullptr, nullptr).failure;
-    ASSERT_TRUE(f);
-    EXPECT_EQ(f->failure.check, "esiData");
-    EXPECT_NE(f->failure.lines[0].find("expected none, actual tunnel"), std::string::npos)
-        << f->failure.lines[0];
-    EXPECT_TRUE(f->replayable);
-    EXPECT_LT(f->shrunkActions, f->actions);
-    EXPECT_TRUE(f->checkFails);
-    ASSERT_EQ(f->scenarioPath, dir + "/fuzz-seed" + std::to_string(f->seed) + ".yaml");
-    // What `oba-evpn-sim --check` does with the file, the broken chip still in place.
-    Sim::SimLog quiet;
-    auto r = Sim::runScenario(Sim::readScenarioFile(f->scenarioPath), quiet,
-                              Sim::RunOptions{.check = true});
-    ASSERT_FALSE(r.ok());
-    EXPECT_NE(r.failures[0].find("expected esiData"), std::string::npos) << r.failures[0];
-  }
-  // With a sound chip the same file passes: what it caught is the chip's fault.
-  Sim::SimLog quiet;
-  auto r = Sim::runScenario(Sim::readScenarioFile(f->scenarioPath), quiet,
-                            Sim::RunOptions{.check = true});
-  EXPECT_TRUE(r.ok()) << r.failures[0];
+  SimTest::Canary canary(TunnelEsiChip::canaryDropDeleteEsiDataIs, 25);
+  SimTest::expectCanaryCaught(canary, "fuzz-canary", "esiData", "expected none, actual tunnel",
+                              "expected esiData");
 }
 
 }  // namespace
@@ -269,28 +235,28 @@ std::string fileText(const std::string& path) {
 }
 
 // A recorded run, kept byte for byte: the scenario the fuzzer writes for seed 1 with a chip that
-// loses its 7th delete, and the log of replaying it over a sound chip. Any change to what a seed
+// loses its 3rd delete, and the log of replaying it over a sound chip. Any change to what a seed
 // draws, how a run is recorded, or what the agent and machines do shows up here first.
 TEST(Fuzz, ARecordedSeedIsWrittenAndReplayedByteForByte) {
   const std::string dir = ::testing::TempDir() + "fuzz-recorded";
   std::filesystem::remove_all(dir);
   Sim::FuzzOptions o;
   o.seeds = 1;
-  o.steps = 43;
+  o.steps = 80;
   o.restarts = true;
   o.shrink = false;
   o.outDir = dir;
   {
-    Canary canary(7);
+    SimTest::Canary canary(TunnelEsiChip::canaryDropDeleteEsiDataIs, 3);
     auto f = Sim::fuzz(o, nullptr, nullptr).failure;
     ASSERT_TRUE(f);
-    EXPECT_EQ(fileText(f->scenarioPath), fileText(OBA_TEST_DATA "/fuzz-seed1-canary7.yaml"));
+    EXPECT_EQ(fileText(f->scenarioPath), fileText(OBA_TEST_DATA "/fuzz-seed1-canary3.yaml"));
   }
   std::ostringstream log, state;
   Sim::SimLog text(&log);
-  Sim::runScenario(Sim::readScenarioFile(OBA_TEST_DATA "/fuzz-seed1-canary7.yaml"), text,
+  Sim::runScenario(Sim::readScenarioFile(OBA_TEST_DATA "/fuzz-seed1-canary3.yaml"), text,
                    Sim::RunOptions{.state = true}, &state);
-  EXPECT_EQ(log.str() + state.str(), fileText(OBA_TEST_DATA "/fuzz-seed1-canary7.log"));
+  EXPECT_EQ(log.str() + state.str(), fileText(OBA_TEST_DATA "/fuzz-seed1-canary3.log"));
 }
 
 }  // namespace

@@ -34,7 +34,8 @@ TEST(Scenario, MistakesNameTheLineColumnAndWhatWasExpected) {
             "s.yaml:4:30: missing 'tep'");
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    expect:\n      esiDta: none\n"),
             "s.yaml:4:7: unknown key 'esiDta' in 'expect' (expected: calls, callsAnyOrder, "
-            "esiData, mapping, hwTunnelIds, violations, abort)");
+            "esiData, mapping, hwTunnelIds, dot1q, esiPortMaps, unprogrammedRoutes, violations, "
+            "abort)");
   EXPECT_NE(errorOf("steps:\n  - at: 1\n    do:\n      - dfSet: {}\n")
                 .find("s.yaml:4:9: unknown action 'dfSet'"),
             std::string::npos);
@@ -42,7 +43,8 @@ TEST(Scenario, MistakesNameTheLineColumnAndWhatWasExpected) {
   EXPECT_EQ(errorOf("initial:\n  - restart: agent\nsteps: []\n"),
             "s.yaml:2:5: a restart cannot come before the agent starts");
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - restart: flooding\n"),
-            "s.yaml:4:18: expected a machine to restart (hwTunnelId, floodingEsi or agent)");
+            "s.yaml:4:18: expected a machine to restart (hwTunnelId, floodingEsi, floodingDot1q, "
+            "esiFilteringDecap or agent)");
   // The forms every family's expectations share: entries as maps, a stated order, a trace.
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    expect:\n      esiData:\n        - {port: "
                     "Ethernet1, vlan: 10, tunnel: DynTunnel1.1, hw: 1, label: 1001}\n"),
@@ -147,7 +149,9 @@ TEST(Scenario, TheBuiltInScenarioTellsTheTypicalEventAndEndsClean) {
   EXPECT_LT(at("deleteEsiData Ethernet2"), at("releaseHwTunnelId 1"));
   EXPECT_EQ(state.str(),
             "chip esiData:\n    (none)\nchip hwTunnelIds in use:\n    (none)\n"
-            "chip violations:\n    (none)\nmapping tunnelIdToHwTunnelId:\n    (none)\n");
+            "chip dot1q:\n    (none)\nchip esiPortMaps:\n    (none)\n"
+            "chip violations:\n    (none)\nmapping tunnelIdToHwTunnelId:\n    (none)\n"
+            "lfibHwStatus unprogrammedRoute:\n    (none)\n");
 }
 
 }  // namespace

@@ -635,6 +635,14 @@ class TunnelEsiFamily : public Family {
 
 }  // namespace
 
+Action lagAction(Quil::IntfId lag, std::optional<std::vector<Quil::IntfId>> members) {
+  auto a = std::make_shared<EsiAction>();
+  a->kind = members ? Kind::lag : Kind::lagDel;
+  a->segment = lag;
+  if (members) a->members = std::move(*members);
+  return Action{0, a};
+}
+
 const Family& tunnelEsiFamily() {
   static const TunnelEsiFamily family;
   return family;

@@ -9,7 +9,9 @@
 // lag(Del), chipPool; tables: esiData, mapping, hwTunnelIds (docs/scenario-format.md).
 
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "Evpn/EvpnStatus.h"
 #include "Oba/ObaCommon.h"
@@ -58,6 +60,10 @@ class TunnelEsiAgent : public FamilyAgent {
 
   std::unique_ptr<MappingLog> mappingLog_;
 };
+
+// The family's `lag` action (members given) or `lagDel` (none): how another family's fuzzer changes
+// the LAG membership this family owns.
+Action lagAction(Quil::IntfId lag, std::optional<std::vector<Quil::IntfId>> members);
 
 // "Ethernet1 vlan 10 tunnel Tunnel1.1 hw 1 label 1001 local 2001", as scenario files write it.
 std::string esiLine(const TunnelEsiChip::PortVlan& key, const TunnelEsiChip::EsiEntry& e);
