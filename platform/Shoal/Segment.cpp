@@ -81,7 +81,8 @@ bool lockForWriting(int fd) {
 bool stillNamed(int fd, const std::string& name) {
   int again = ::shm_open(name.c_str(), O_RDONLY, 0);
   if (again < 0) return false;
-  struct stat a {}, b {};
+  struct stat a {
+  }, b{};
   bool same = ::fstat(fd, &a) == 0 && ::fstat(again, &b) == 0 && a.st_ino == b.st_ino &&
               a.st_dev == b.st_dev;
   ::close(again);
@@ -496,7 +497,14 @@ Segment::Read Segment::find(const void* key, std::uint32_t hash, KeyEq eq, void*
   const std::uint32_t bucket = hash & (bucketCount_ - 1);
   std::uint64_t* buf = scratch_.data();
   for (unsigned restarts = 0;; ++restarts) {
-    if (restarts && restarts % kSpins == 0) ::sched_yield();
+    if (restarts && restarts % kSpins == 0) {
+      // A live writer moves slots under us now and then; without one, a chain that never reads
+      // the same twice is broken.
+      ::sched_yield();
+      if (restarts % (kSpins * kYieldsPerLivenessCheck) == 0 && !writerAlive()) {
+        throw CorruptionException(name_ + ": corrupt chain");
+      }
+    }
     std::uint64_t epoch = load(h->epoch, acquire);
     if (epoch & 1) return Read::absent;  // a writer is emptying the table
     Read result = Read::absent;

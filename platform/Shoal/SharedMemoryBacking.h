@@ -5,7 +5,8 @@
 //   auto backing = std::make_unique<Shoal::SharedMemoryBacking<TunnelId, Row>>("ObaEvpn",
 //                                                                          "tunnelIdMap", 4096);
 //   mapping->tunnelIdToHwTunnelIdBackingIs(std::move(backing));      // before mounting
-//   mapping->tunnelIdToHwTunnelIdMount(Shoal::Role::writer);         // or reader, in another process
+//   mapping->tunnelIdToHwTunnelIdMount(Shoal::Role::writer);         // or reader, in another
+//   process
 //   ... in the reader's event loop: mapping->tunnelIdToHwTunnelIdPoll();
 //
 // What may live in shared memory: keys and rows that are trivially copyable (they travel as their

@@ -4,14 +4,15 @@
 #include <sys/wait.h>
 
 #include <csignal>
+#include <cstring>
 
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "ShoalSharedMemoryTest.h"
 #include "Shoal/KivShoal.h"
 #include "Shoal/SharedMemoryBacking.h"
+#include "ShoalSharedMemoryTest.h"
 
 namespace {
 
@@ -156,6 +157,20 @@ TEST(ShoalSharedMemory, OneWriterAFixedCapacityAndOneLayoutPerName) {
   other->hopPoll();
   EXPECT_EQ(other->hopControl()->mountState(), Shoal::MountState::failed);
   EXPECT_FALSE(other->hop(3).found);
+
+  // Memory scribbled over (here the bucket heads, just after the 128-byte header) is an
+  // impossible state that readers report rather than follow.
+  Kiv::Ptr<Hops> reader = table(agent, Shoal::Role::reader, 2);
+  reader->hopPoll();
+  EXPECT_EQ(reader->hop(3).row.v, 3u);
+  int fd = ::shm_open(Shoal::segmentName(agent, "hops").c_str(), O_RDWR, 0);
+  ASSERT_GE(fd, 0);
+  void* p = ::mmap(nullptr, 136, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  ::close(fd);
+  ASSERT_NE(p, MAP_FAILED);
+  std::memset(static_cast<char*>(p) + 128, 0x33, 8);
+  ::munmap(p, 136);
+  EXPECT_THROW(reader->hop(3), Shoal::CorruptionException);
 
   EXPECT_THROW(Shoal::segmentName("a.b", "t"), Shoal::SegmentException);
   EXPECT_THROW(Shoal::segmentName("a", "t/u"), Shoal::SegmentException);

@@ -14,8 +14,8 @@
 #include <thread>
 #include <vector>
 
-#include "ShoalSharedMemoryTest.h"
 #include "Shoal/SharedMemoryBacking.h"
+#include "ShoalSharedMemoryTest.h"
 
 namespace {
 
@@ -182,8 +182,8 @@ std::string describe(int status) {
 TEST(ShoalStress, ReadersInOtherProcessesSeeNoTornRowWhileWritersAndReadersAreKilled) {
   ShoalTest::AgentGuard guard("shoalStress");
   const std::string& agent = guard.agent();
-  void* page = ::mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
-                      -1, 0);
+  void* page =
+      ::mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(page, MAP_FAILED);
   Tally& t = *new (page) Tally;
 
@@ -231,12 +231,13 @@ TEST(ShoalStress, ReadersInOtherProcessesSeeNoTornRowWhileWritersAndReadersAreKi
   EXPECT_GT(t.walked, 0u);
   EXPECT_GT(t.refills, 0u);
   EXPECT_GT(t.restartsSeen, 0u);  // a reader saw a restarted writer's table emptied and refilled
-  std::printf("writer killed %d times, readers %d; %llu writes, %llu lookups, %llu rows walked, "
-              "%llu tables refilled, %llu seen across a restart, %llu corrupt reports\n",
-              writerKills, readerKills, (unsigned long long)t.writes.load(),
-              (unsigned long long)t.lookups.load(), (unsigned long long)t.walked.load(),
-              (unsigned long long)t.refills.load(), (unsigned long long)t.restartsSeen.load(),
-              (unsigned long long)t.corrupt.load());
+  std::printf(
+      "writer killed %d times, readers %d; %llu writes, %llu lookups, %llu rows walked, "
+      "%llu tables refilled, %llu seen across a restart, %llu corrupt reports\n",
+      writerKills, readerKills, (unsigned long long)t.writes.load(),
+      (unsigned long long)t.lookups.load(), (unsigned long long)t.walked.load(),
+      (unsigned long long)t.refills.load(), (unsigned long long)t.restartsSeen.load(),
+      (unsigned long long)t.corrupt.load());
   t.~Tally();
   ::munmap(page, sizeof(Tally));
 }
