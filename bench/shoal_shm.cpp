@@ -60,6 +60,13 @@ std::vector<std::uint64_t> keys(std::size_t n) {
   return k;
 }
 
+// Fills a table with n rows; answers their keys.
+std::vector<std::uint64_t> filled(Shoal::Backing<std::uint64_t, Row>& table, std::size_t n) {
+  auto k = keys(n);
+  for (std::uint64_t key : k) table.put(key, rowOf(key, 0));
+  return k;
+}
+
 // A flag in memory shared with the children: they run until it is set.
 struct Shared {
   std::atomic<bool> stop{false};
@@ -101,8 +108,7 @@ class Children {
 void writer(Shared& s, std::size_t n, bool churn) {
   Shm table(agent(), "bench", static_cast<std::uint32_t>(n));
   table.attach(Shoal::Role::writer);
-  auto k = keys(n);
-  for (std::uint64_t key : k) table.put(key, rowOf(key, 0));
+  auto k = filled(table, n);
   ++s.ready;
   for (std::uint32_t v = 1; !s.stop.load(std::memory_order_relaxed); ++v) {
     if (!churn) {
@@ -138,17 +144,31 @@ void awaitMounted(Shm& table, std::size_t n) {
   } while (table.segment().mountState() != Shoal::MountState::mounted || table.size() != n);
 }
 
-void lookupHeap(benchmark::State& state) {
-  const std::size_t n = state.range(0);
-  Heap table;
-  auto k = keys(n);
-  for (std::uint64_t key : k) table.put(key, rowOf(key, 0));
+// The timed loops, the same for either backing: keys in their shuffled order, round and round.
+void timeLookups(benchmark::State& state, const Shoal::Backing<std::uint64_t, Row>& table,
+                 const std::vector<std::uint64_t>& k) {
   std::size_t i = 0;
   for (auto _ : state) {
     benchmark::DoNotOptimize(table.find(k[i]));
-    if (++i == n) i = 0;
+    if (++i == k.size()) i = 0;
   }
   state.SetItemsProcessed(state.iterations());
+}
+
+void timeWrites(benchmark::State& state, Shoal::Backing<std::uint64_t, Row>& table,
+                const std::vector<std::uint64_t>& k) {
+  std::size_t i = 0;
+  std::uint32_t v = 0;
+  for (auto _ : state) {
+    table.put(k[i], rowOf(k[i], v));
+    if (++i == k.size()) i = 0, ++v;
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+
+void lookupHeap(benchmark::State& state) {
+  Heap table;
+  timeLookups(state, table, filled(table, state.range(0)));
 }
 
 void lookupShm(benchmark::State& state, bool churn) {
@@ -163,7 +183,7 @@ void lookupShm(benchmark::State& state, bool churn) {
   // The rows a reader sees are the writer's (checked before timing, on the idle writer only).
   if (!churn) {
     Heap floor;
-    for (std::uint64_t key : k) floor.put(key, rowOf(key, 0));
+    filled(floor, n);
     for (std::uint64_t key : k) {
       if (table.find(key).row != floor.find(key).row) {
         state.SkipWithError("a reader's row differs from the writer's");
@@ -171,26 +191,12 @@ void lookupShm(benchmark::State& state, bool churn) {
       }
     }
   }
-  std::size_t i = 0;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(table.find(k[i]));
-    if (++i == n) i = 0;
-  }
-  state.SetItemsProcessed(state.iterations());
+  timeLookups(state, table, k);
 }
 
 void writeHeap(benchmark::State& state) {
-  const std::size_t n = state.range(0);
   Heap table;
-  auto k = keys(n);
-  for (std::uint64_t key : k) table.put(key, rowOf(key, 0));
-  std::size_t i = 0;
-  std::uint32_t v = 0;
-  for (auto _ : state) {
-    table.put(k[i], rowOf(k[i], v));
-    if (++i == n) i = 0, ++v;
-  }
-  state.SetItemsProcessed(state.iterations());
+  timeWrites(state, table, filled(table, state.range(0)));
 }
 
 void writeShm(benchmark::State& state) {
@@ -198,18 +204,11 @@ void writeShm(benchmark::State& state) {
   const int readers = static_cast<int>(state.range(1));
   Shm table(agent(), "bench", static_cast<std::uint32_t>(n));
   table.attach(Shoal::Role::writer);
-  auto k = keys(n);
-  for (std::uint64_t key : k) table.put(key, rowOf(key, 0));
+  auto k = filled(table, n);
   Children children;
   for (int r = 0; r < readers; ++r) children.spawn([n](Shared& s) { reader(s, n); });
   children.awaitReady(readers);
-  std::size_t i = 0;
-  std::uint32_t v = 0;
-  for (auto _ : state) {
-    table.put(k[i], rowOf(k[i], v));
-    if (++i == n) i = 0, ++v;
-  }
-  state.SetItemsProcessed(state.iterations());
+  timeWrites(state, table, k);
 }
 
 }  // namespace
