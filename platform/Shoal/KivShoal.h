@@ -12,7 +12,10 @@
 // Shoal::CorruptionException), xs() counts rows, xWalk() walks them; xNotify(k),
 // xNotifyCollection() and xNotifyMountStatus() deliver per-key, whole-collection and mount-state
 // notifications; xControl() is the table's control block; xCorruptIs(k) marks a row corrupt (tests
-// and simulators).
+// and simulators). xBackingIs(backing) puts the rows elsewhere than in process before the table is
+// mounted (Shoal/SharedMemoryBacking.h); a reader in another process than the writer's then calls
+// xPoll() from its event loop, which delivers the per-key, whole-collection and mount-state
+// notifications for what changed since its last poll.
 
 #include "Kiv/Entity.h"
 #include "Shoal/Table.h"
@@ -22,9 +25,17 @@
  public:                                                                                       \
   ::Shoal::Lookup<Row> attr(const K& k) const { return attr##_.find(k); }                      \
   std::size_t attr##s() const { return attr##_.size(); }                                       \
-  typename ::Kiv::HashMap<K, Row>::Walk attr##Walk() const { return attr##_.walk(); }          \
+  ::Shoal::RowWalk<K, Row> attr##Walk() const { return attr##_.walk(); }                       \
   const ::Kiv::Ptr<::Shoal::TableControl>& attr##Control() const { return attr##_.control(); } \
+  void attr##BackingIs(std::unique_ptr<::Shoal::Backing<K, Row>> b) {                          \
+    attr##_.backingIs(std::move(b));                                                           \
+  }                                                                                            \
   void attr##Mount(::Shoal::Role role) { attr##_.mount(role); }                                \
+  std::size_t attr##Poll() {                                                                   \
+    return attr##_.poll([this](const K& k) { attr##Notify(k); },                               \
+                        [this] { attr##NotifyCollection(); },                                  \
+                        [this] { attr##NotifyMountStatus(); });                                \
+  }                                                                                            \
   void attr##CorruptIs(const K& k) { attr##_.corruptIs(k); }                                   \
   void attr##Del(const K& k) {                                                                 \
     attr##_.erase(k);                                                                          \

@@ -3,19 +3,21 @@
 //
 // A table holds rows keyed by K; a row either carries its own key (row.key()) or is written under
 // a key the writer gives. One agent mounts the table as its writer and inserts, overwrites and
-// deletes rows; any number of readers look rows up and watch for changes. This version keeps the
-// rows in process, behind Shoal::Backing, so a shared-memory backing can replace it without the
-// writers and readers changing.
+// deletes rows; any number of readers look rows up and watch for changes. The rows live behind
+// Shoal::Backing: in process by default, or in a shared-memory segment that readers in other
+// processes attach by agent and table name (Shoal/SharedMemoryBacking.h), chosen where the table
+// is made; writers and readers use the table the same way either way.
 //
-// A reader that meets a torn or corrupt row gets Shoal::CorruptionException from its lookup. The
-// in-process backing cannot tear, so a test or a simulator marks a row corrupt on purpose
-// (corruptIs(k)); the mark stays until the writer rewrites or deletes the row.
+// A reader that meets a torn or corrupt row gets Shoal::CorruptionException from its lookup. A
+// test or a simulator marks a row corrupt on purpose (corruptIs(k)); the mark stays until the
+// writer rewrites or deletes the row.
 //
 // An entity embeds a table with one line of the KivShoal glue (Shoal/KivShoal.h), which gives it
 // the writer operations, the lookup and per-key notification of its notifiees.
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
@@ -70,11 +72,86 @@ struct Lookup {
   explicit operator bool() const { return found; }
 };
 
-// Where the rows live. The in-process backing below is the only one so far.
+template <class K, class Row>
+class Backing;
+
+// A walk over a table's rows: copies of key and row, as a Kiv::HashMap walk hands them out. The
+// in-process backing's walk tolerates any change to the table while it runs; another backing
+// hands out, one at a time, the rows it holds at the moment it reaches them.
+template <class K, class Row>
+class RowWalk {
+  using HeapWalk = typename Kiv::HashMap<K, Row>::Walk;
+
+ public:
+  explicit RowWalk(const Kiv::HashMap<K, Row>& rows) { heap_.emplace(rows, nullptr); }
+  explicit RowWalk(const Backing<K, Row>& backing) : backing_(&backing) {}
+  RowWalk(const RowWalk&) = delete;
+  RowWalk& operator=(const RowWalk&) = delete;
+
+  class iterator {
+   public:
+    Kiv::Entry<K, Row> operator*() const { return heap_ ? **heap_ : cur_; }
+    iterator& operator++() {
+      if (heap_) {
+        ++*heap_;
+      } else {
+        step();
+      }
+      return *this;
+    }
+    bool operator==(const iterator& o) const {
+      return heap_ ? *heap_ == *o.heap_ : done_ == o.done_;
+    }
+
+   private:
+    friend class RowWalk;
+    explicit iterator(typename HeapWalk::iterator it) : heap_(it) {}
+    iterator(const Backing<K, Row>* b, bool done) : backing_(b), done_(done) {
+      if (!done_) step();
+    }
+    void step() { done_ = !backing_->walkNext(pos_, cur_); }
+
+    std::optional<typename HeapWalk::iterator> heap_;
+    const Backing<K, Row>* backing_ = nullptr;
+    std::size_t pos_ = 0;
+    Kiv::Entry<K, Row> cur_{};
+    bool done_ = true;
+  };
+
+  iterator begin() const { return heap_ ? iterator(heap_->begin()) : iterator(backing_, false); }
+  iterator end() const { return heap_ ? iterator(heap_->end()) : iterator(backing_, true); }
+
+ private:
+  std::optional<HeapWalk> heap_;
+  const Backing<K, Row>* backing_ = nullptr;
+};
+
+// What a reader in another process learns when it polls its table: keys the writer changed, that
+// every row may have changed (the writer restarted, or the reader fell behind), a new mount state.
+template <class K>
+class Changes {
+ public:
+  virtual void key(const K& k) = 0;
+  virtual void all() = 0;
+  virtual void mount(MountState s) = 0;
+
+ protected:
+  ~Changes() = default;
+};
+
+// Where the rows live: in process (HeapBacking, the default) or in shared memory
+// (Shoal/SharedMemoryBacking.h).
 template <class K, class Row>
 class Backing {
  public:
   virtual ~Backing() = default;
+  // Attaches to the rows' memory in the role; answers the mount state that results. In process
+  // there is nothing to attach, and the rows stay as they are.
+  virtual MountState attach(Role) { return MountState::mounted; }
+  virtual void detach() {}
+  // A reader follows its writer: reports changes made since the last poll. Answers the number of
+  // reports.
+  virtual std::size_t poll(Changes<K>&) { return 0; }
   virtual void put(const K& k, const Row& row) = 0;
   virtual bool erase(const K& k) = 0;
   virtual void clear() = 0;
@@ -82,7 +159,9 @@ class Backing {
   virtual Lookup<Row> find(const K& k) const = 0;
   virtual void corruptIs(const K& k) = 0;
   virtual std::size_t size() const = 0;
-  virtual typename Kiv::HashMap<K, Row>::Walk walk() const = 0;
+  virtual RowWalk<K, Row> walk() const { return RowWalk<K, Row>(*this); }
+  // The walk of a backing other than the in-process one: the next row at `pos` or after.
+  virtual bool walkNext(std::size_t& /*pos*/, Kiv::Entry<K, Row>& /*out*/) const { return false; }
 };
 
 template <class K, class Row>
@@ -107,7 +186,7 @@ class HeapBacking : public Backing<K, Row> {
   }
   void corruptIs(const K& k) override { corrupt_.put(k, true); }
   std::size_t size() const override { return rows_.size(); }
-  typename Kiv::HashMap<K, Row>::Walk walk() const override { return rows_.walk(); }
+  RowWalk<K, Row> walk() const override { return RowWalk<K, Row>(rows_); }
 
  private:
   Kiv::HashMap<K, Row> rows_;
@@ -119,15 +198,46 @@ template <class K, class Row>
 class Table {
  public:
   Table() : backing_(std::make_unique<HeapBacking<K, Row>>()), control_(new TableControl) {}
+  ~Table() { backing_->detach(); }
 
   const Kiv::Ptr<TableControl>& control() const { return control_; }
+  // Where the rows live; chosen before the table is mounted.
+  void backingIs(std::unique_ptr<Backing<K, Row>> backing) {
+    KIV_ASSERT_TEXT(control_->mountState() != MountState::mounted, "table not mounted");
+    backing_ = std::move(backing);
+  }
   // Attaches the table to its memory. A writer starts from an empty table: rows that a previous
-  // writer left behind are its own to republish.
+  // writer left behind are its own to republish (a shared-memory table is emptied on attaching).
+  // A reader of a shared-memory table stays unmounted until a writer has attached (poll()
+  // tells).
   void mount(Role role) {
     control_->roleIs(role);
-    control_->mountStateIs(MountState::mounted);
+    control_->mountStateIs(backing_->attach(role));
   }
-  void unmount() { control_->mountStateIs(MountState::unmounted); }
+  void unmount() {
+    backing_->detach();
+    control_->mountStateIs(MountState::unmounted);
+  }
+  // A reader in another process than the writer's drains what changed since its last poll, from
+  // its own event loop: onKey(k) per changed key, onAll() when every row may have changed,
+  // onMount() after the mount state changed. Answers the number of reports.
+  template <class OnKey, class OnAll, class OnMount>
+  std::size_t poll(OnKey&& onKey, OnAll&& onAll, OnMount&& onMount) {
+    struct To : Changes<K> {
+      Table& t;
+      OnKey& k;
+      OnAll& a;
+      OnMount& m;
+      To(Table& table, OnKey& ok, OnAll& oa, OnMount& om) : t(table), k(ok), a(oa), m(om) {}
+      void key(const K& key) override { k(key); }
+      void all() override { a(); }
+      void mount(MountState s) override {
+        t.control_->mountStateIs(s);
+        m();
+      }
+    } to(*this, onKey, onAll, onMount);
+    return backing_->poll(to);
+  }
 
   void put(const K& k, const Row& row) {
     writable();
@@ -145,7 +255,7 @@ class Table {
   // Marks the row of k corrupt: lookups of k raise CorruptionException until it is rewritten.
   void corruptIs(const K& k) { backing_->corruptIs(k); }
   std::size_t size() const { return backing_->size(); }
-  typename Kiv::HashMap<K, Row>::Walk walk() const { return backing_->walk(); }
+  RowWalk<K, Row> walk() const { return backing_->walk(); }
 
  private:
   void writable() const {
