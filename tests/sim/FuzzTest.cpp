@@ -281,16 +281,16 @@ TEST(Fuzz, ARecordedSeedIsWrittenAndReplayedByteForByte) {
   o.shrink = false;
   o.outDir = dir;
   {
-    Canary canary(7);
+    Canary canary(2);
     auto f = Sim::fuzz(o, nullptr, nullptr).failure;
     ASSERT_TRUE(f);
-    EXPECT_EQ(fileText(f->scenarioPath), fileText(OBA_TEST_DATA "/fuzz-seed1-canary7.yaml"));
+    EXPECT_EQ(fileText(f->scenarioPath), fileText(OBA_TEST_DATA "/fuzz-seed1-canary2.yaml"));
   }
   std::ostringstream log, state;
   Sim::SimLog text(&log);
-  Sim::runScenario(Sim::readScenarioFile(OBA_TEST_DATA "/fuzz-seed1-canary7.yaml"), text,
+  Sim::runScenario(Sim::readScenarioFile(OBA_TEST_DATA "/fuzz-seed1-canary2.yaml"), text,
                    Sim::RunOptions{.state = true}, &state);
-  EXPECT_EQ(log.str() + state.str(), fileText(OBA_TEST_DATA "/fuzz-seed1-canary7.log"));
+  EXPECT_EQ(log.str() + state.str(), fileText(OBA_TEST_DATA "/fuzz-seed1-canary2.log"));
 }
 
 }  // namespace

@@ -34,15 +34,16 @@ TEST(Scenario, MistakesNameTheLineColumnAndWhatWasExpected) {
             "s.yaml:4:30: missing 'tep'");
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    expect:\n      esiDta: none\n"),
             "s.yaml:4:7: unknown key 'esiDta' in 'expect' (expected: calls, callsAnyOrder, "
-            "esiData, mapping, hwTunnelIds, violations, abort)");
+            "esiData, mapping, hwTunnelIds, fecs, objTupleToHwId, fecChip, violations, abort)");
   EXPECT_NE(errorOf("steps:\n  - at: 1\n    do:\n      - dfSet: {}\n")
                 .find("s.yaml:4:9: unknown action 'dfSet'"),
             std::string::npos);
   EXPECT_NE(errorOf("steps: [\n").find("s.yaml:"), std::string::npos);
   EXPECT_EQ(errorOf("initial:\n  - restart: agent\nsteps: []\n"),
             "s.yaml:2:5: a restart cannot come before the agent starts");
-  EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - restart: flooding\n"),
-            "s.yaml:4:18: expected a machine to restart (hwTunnelId, floodingEsi or agent)");
+  EXPECT_EQ(
+      errorOf("steps:\n  - at: 1\n    do:\n      - restart: flooding\n"),
+      "s.yaml:4:18: expected a machine to restart (hwTunnelId, floodingEsi, macFec or agent)");
   // The forms every family's expectations share: entries as maps, a stated order, a trace.
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    expect:\n      esiData:\n        - {port: "
                     "Ethernet1, vlan: 10, tunnel: DynTunnel1.1, hw: 1, label: 1001}\n"),
@@ -147,7 +148,9 @@ TEST(Scenario, TheBuiltInScenarioTellsTheTypicalEventAndEndsClean) {
   EXPECT_LT(at("deleteEsiData Ethernet2"), at("releaseHwTunnelId 1"));
   EXPECT_EQ(state.str(),
             "chip esiData:\n    (none)\nchip hwTunnelIds in use:\n    (none)\n"
-            "chip violations:\n    (none)\nmapping tunnelIdToHwTunnelId:\n    (none)\n");
+            "chip fecChip:\n    (none)\n"
+            "chip violations:\n    (none)\nmapping tunnelIdToHwTunnelId:\n    (none)\n"
+            "request fecs:\n    (none)\nresult objTupleToHwId:\n    (none)\n");
 }
 
 }  // namespace
