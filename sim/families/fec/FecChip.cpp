@@ -231,8 +231,8 @@ void FecChip::takeBack(const Key& key, bool requestGone) {
        chipText("withdrawHwFecId ", fecText(fecId), " hw ", std::uint64_t{hw}));
   if (requestGone && ++withdrawals_ == loseWithdrawal_) return;  // the canary: lost
   if (!r.response->hwFecId(fecId).found) {
-    chip_->violation(chipText("withdrawHwFecId ", r.writer, " ", fecText(fecId),
-                              ": answer withdrawn twice"));
+    chip_->violation(
+        chipText("withdrawHwFecId ", r.writer, " ", fecText(fecId), ": answer withdrawn twice"));
   }
   hwOf_.erase(key);
   answers_.erase(hw);

@@ -49,7 +49,8 @@ MacFecExpected expectedMacFecs(const L2Rib::LabelOutput& labels,
   Rib rib;
   for (auto&& e : labels.labelWalk()) rib.labels.emplace(ObjTuple::label(e.key), e.value);
   for (auto&& e : lbs.loadBalanceWalk()) rib.lbs.emplace(ObjTuple::loadBalance(e.key), e.value);
-  for (auto&& e : dests.destWalk()) rib.tunnels.emplace(ObjTuple::dest(e.key), line(e.value.tunnel()));
+  for (auto&& e : dests.destWalk())
+    rib.tunnels.emplace(ObjTuple::dest(e.key), line(e.value.tunnel()));
   for (auto&& e : hosts.hostWalk()) rib.hosts.emplace(e.key, e.value.objTuple());
 
   MacFecExpected out;
@@ -218,8 +219,8 @@ Comparison compare(const MacFecAgent& f, Counters* allowances) {
       for (const auto& v : it->second) s += (s.empty() ? "" : " ") + v;
       return s.empty() ? std::string("no vias") : s;
     };
-    out.fecDiffs.push_back(line(t, ": expected ", text(w, want.vias.end()), ", actual ",
-                                text(h, have.end())));
+    out.fecDiffs.push_back(
+        line(t, ": expected ", text(w, want.vias.end()), ", actual ", text(h, have.end())));
   }
 
   // The requests: exactly the heads.
@@ -246,8 +247,9 @@ Comparison compare(const MacFecAgent& f, Counters* allowances) {
   for (auto&& e : f.result->hwIdWalk()) result.emplace(e.key, e.value);
   for (const auto& [t, hw] : result) {
     const auto id = fecIdOf.find(t);
-    const std::uint32_t answered =
-        id == fecIdOf.end() || !want.heads.contains(t) ? 0 : f.chip->hwFecIdOf(f.writer, id->second);
+    const std::uint32_t answered = id == fecIdOf.end() || !want.heads.contains(t)
+                                       ? 0
+                                       : f.chip->hwFecIdOf(f.writer, id->second);
     if (answered == 0) {
       // Its request went (or waits for a new answer) after the chip had answered it.
       allow("staleResult");
@@ -273,8 +275,8 @@ Comparison compare(const MacFecAgent& f, Counters* allowances) {
   for (auto&& e : req.hwFecIdRequestWalk()) {
     if (f.chip->hwFecIdOf(f.writer, e.key) != 0) continue;
     if (free != 0 && f.agent.chip->refusals() == 0) {
-      out.chipDiffs.push_back(line("request ", e.key, " unanswered while hw FEC id ", free,
-                                   " is free"));
+      out.chipDiffs.push_back(
+          line("request ", e.key, " unanswered while hw FEC id ", free, " is free"));
     }
   }
   for (const auto& [hw, a] : f.chip->answers()) {

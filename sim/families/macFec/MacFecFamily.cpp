@@ -261,9 +261,8 @@ class MacAction : public ActionBody {
         f.lbs->loadBalanceDel(row.loadBalanceId());
         break;
       case Kind::dest:
-        f.dests->destIs(row.destId(),
-                        L2Rib::Dest::tunnel(Tunnel::TunnelTable::TunnelId(
-                            Quil::DynamicTunnelIntfId::tunnelId(tep))));
+        f.dests->destIs(row.destId(), L2Rib::Dest::tunnel(Tunnel::TunnelTable::TunnelId(
+                                          Quil::DynamicTunnelIntfId::tunnelId(tep))));
         break;
       case Kind::destDel:
         f.dests->destDel(row.destId());
@@ -328,8 +327,7 @@ class MacAction : public ActionBody {
     if (isHost) {
       auto& t = *f.hosts;
       return again(
-          t.hostWalk(), host, [&](const auto& v) { t.hostIs(host, v); },
-          [&] { t.hostDel(host); });
+          t.hostWalk(), host, [&](const auto& v) { t.hostIs(host, v); }, [&] { t.hostDel(host); });
     }
     switch (row.tableType()) {
       case L2Rib::tableTypeLabel_: {
@@ -433,10 +431,9 @@ const char* const tupleWhat = "an object of the RIB (label/N, loadBalance/N or d
 
 ObjTuple tuple(const Reader& r, const YAML::Node& n) {
   return r.parsed(n, tupleWhat, [](const std::string& s) {
-    for (auto [prefix, type] :
-         {std::pair{"label/", L2Rib::tableTypeLabel_},
-          std::pair{"loadBalance/", L2Rib::tableTypeLoadBalance_},
-          std::pair{"dest/", L2Rib::tableTypeDest_}}) {
+    for (auto [prefix, type] : {std::pair{"label/", L2Rib::tableTypeLabel_},
+                                std::pair{"loadBalance/", L2Rib::tableTypeLoadBalance_},
+                                std::pair{"dest/", L2Rib::tableTypeDest_}}) {
       const std::size_t len = std::strlen(prefix);
       if (s.compare(0, len, prefix) != 0) continue;
       std::uint32_t id = 0;
@@ -548,8 +545,7 @@ const ActionDef actionDefs[] = {
 std::string resultEntry(const Reader& r, const YAML::Node& n) {
   r.onlyKeys(n, {"object", "hw"}, "a result row");
   std::ostringstream os;
-  os << tuple(r, r.field(n, "object")) << " -> "
-     << r.count(r.field(n, "hw"), "a hardware FEC id");
+  os << tuple(r, r.field(n, "object")) << " -> " << r.count(r.field(n, "hw"), "a hardware FEC id");
   return os.str();
 }
 
@@ -589,9 +585,9 @@ class MacFuzz : public FamilyFuzz {
 
   void choices(bool initial, std::vector<Choice>& out) const override {
     static constexpr std::pair<Kind, std::uint64_t> weights[] = {
-        {Kind::host, 16},         {Kind::hostDel, 5},        {Kind::label, 10},
-        {Kind::labelDel, 3},      {Kind::loadBalance, 7},    {Kind::loadBalanceDel, 2},
-        {Kind::dest, 7},          {Kind::destDel, 3},        {Kind::fecChipCapacity, 2},
+        {Kind::host, 16},          {Kind::hostDel, 5},         {Kind::label, 10},
+        {Kind::labelDel, 3},       {Kind::loadBalance, 7},     {Kind::loadBalanceDel, 2},
+        {Kind::dest, 7},           {Kind::destDel, 3},         {Kind::fecChipCapacity, 2},
         {Kind::fecChipLatency, 1}, {Kind::fecChipWithdraw, 2},
     };
     for (const auto& [kind, weight] : weights) {
@@ -609,7 +605,8 @@ class MacFuzz : public FamilyFuzz {
     return ObjTuple::dest(L2Rib::DestId(1 + static_cast<std::uint32_t>(r.below(dests))));
   }
   ObjTuple anyLb(Rng& r) const {
-    return ObjTuple::loadBalance(L2Rib::LoadBalanceId(1 + static_cast<std::uint32_t>(r.below(lbCount))));
+    return ObjTuple::loadBalance(
+        L2Rib::LoadBalanceId(1 + static_cast<std::uint32_t>(r.below(lbCount))));
   }
   ObjTuple anyLabel(Rng& r, std::uint32_t n) const {
     return ObjTuple::label(L2Rib::LabelId(1 + static_cast<std::uint32_t>(r.below(n))));
@@ -762,8 +759,7 @@ class MacFecFamily : public Family {
   void printAllowances(const Counters& c, std::ostream& os) const override {
     os << "MAC FECs allowed: " << get(c, "staleFlattenedLabel") << " stale flattened labels, "
        << get(c, "emptyLeftover") << " empty leftover FECs, " << get(c, "goneHead")
-       << " heads gone from the RIB, " << get(c, "staleResult")
-       << " stale result rows";
+       << " heads gone from the RIB, " << get(c, "staleResult") << " stale result rows";
   }
 
  private:
