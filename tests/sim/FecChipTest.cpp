@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "sim/HostAgent.h"
+#include "sim/Scenario.h"
+#include "sim/ScenarioReader.h"
 #include "sim/families/fec/FecChip.h"
 #include "sim/families/macFec/MacFecFamily.h"
 
@@ -109,6 +111,86 @@ TEST(FecChip, ALostWithdrawalLeavesAnIdHeldThatTheLedgerNames) {
   EXPECT_EQ(chip->ledger(), std::vector<std::string>{"hw FEC id 1 still held for requester "
                                                      "FecId(0x800000000000001), whose request is "
                                                      "gone"});
+}
+
+}  // namespace
+
+namespace {
+
+// An agent over a RIB of both chain shapes, its reviews and the chip's answers drained.
+struct MacWorld {
+  Sim::SimLog quiet;
+  Sim::HostAgent agent{&quiet};
+  explicit MacWorld(const std::vector<std::string>& inputs) {
+    for (const auto& a : inputs) agent.apply(Sim::actionOf(a));
+    agent.start();
+    settle();
+  }
+  void settle() { agent.scheduler->advanceBy(5); }
+  std::vector<std::string> state() const {
+    std::vector<std::string> out;
+    for (const char* t : {"fecs", "objTupleToHwId", "fecChip"}) {
+      for (auto& l : agent.tableLines(t)) out.push_back(std::string(t) + " " + l);
+    }
+    return out;
+  }
+};
+
+TEST(MacFec, RestartingTheMachineOrTheAgentEndsWhereAFreshStartDoes) {
+  for (const char* chain : {"maxChainLength: 2", "maxChainLength: 3"}) {
+    std::vector<std::string> inputs = {
+        chain,
+        "dest: {id: 1, tunnel: DynTunnel1.1}",
+        "dest: {id: 2, tunnel: DynTunnel1.2}",
+        "label: {id: 1, mpls: 1001, next: dest/1}",
+        "label: {id: 2, mpls: 1002, next: loadBalance/1}",
+        "loadBalance: {id: 1, next: [dest/1, dest/2]}",
+        "host: {vlan: 10, mac: 02:00:00:00:00:01, to: label/1}",
+        "host: {vlan: 10, mac: 02:00:00:00:00:02, to: label/2}",
+        "host: {vlan: 10, mac: 02:00:00:00:00:03, to: loadBalance/1}",
+        "host: {vlan: 10, mac: 02:00:00:00:00:04, to: loadBalance/1}",
+    };
+    MacWorld w(inputs);
+    // The host on label 2 leaves (its result row stays, docs/decisions.md) and a label moves.
+    const std::vector<std::string> changes = {"hostDel: {vlan: 10, mac: 02:00:00:00:00:02}",
+                                              "label: {id: 1, mpls: 1003, next: dest/2}"};
+    for (const auto& a : changes) w.agent.apply(Sim::actionOf(a));
+    w.settle();
+    inputs.insert(inputs.end(), changes.begin(), changes.end());
+    const MacWorld fresh(inputs);
+    EXPECT_NE(w.state(), fresh.state()) << chain;  // the stale result row
+
+    w.agent.restart("macFec");
+    w.settle();
+    EXPECT_EQ(w.state(), fresh.state()) << chain;
+    w.agent.restart("agent");
+    w.settle();
+    EXPECT_EQ(w.state(), fresh.state()) << chain;
+    EXPECT_TRUE(w.agent.chip->violations().empty());
+  }
+}
+
+}  // namespace
+
+namespace {
+
+std::string errorOf(const char* text) {
+  try {
+    Sim::parseScenario(text, "s.yaml");
+  } catch (const Sim::ScenarioError& e) {
+    return e.what();
+  }
+  return "";
+}
+
+TEST(MacFec, ScenarioMistakesNameTheLineColumnAndWhatWasExpected) {
+  EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - label: {id: 1, mpls: 1, next: lable/2}\n"),
+            "s.yaml:4:39: expected an object of the RIB (label/N, loadBalance/N or dest/N), got "
+            "'lable/2'");
+  EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - maxChainLength: 4\n"),
+            "s.yaml:4:25: expected a chain length (2 or 3)");
+  EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - hostDel: {vlan: 10, mac: 2:0}\n"),
+            "s.yaml:4:34: expected a MAC address (aa:bb:cc:dd:ee:ff), got '2:0'");
 }
 
 }  // namespace
