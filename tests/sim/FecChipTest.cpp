@@ -4,7 +4,6 @@
 
 #include "sim/HostAgent.h"
 #include "sim/Scenario.h"
-#include "sim/ScenarioReader.h"
 #include "sim/families/fec/FecChip.h"
 #include "sim/families/macFec/MacFecFamily.h"
 
@@ -168,29 +167,6 @@ TEST(MacFec, RestartingTheMachineOrTheAgentEndsWhereAFreshStartDoes) {
     EXPECT_EQ(w.state(), fresh.state()) << chain;
     EXPECT_TRUE(w.agent.chip->violations().empty());
   }
-}
-
-}  // namespace
-
-namespace {
-
-std::string errorOf(const char* text) {
-  try {
-    Sim::parseScenario(text, "s.yaml");
-  } catch (const Sim::ScenarioError& e) {
-    return e.what();
-  }
-  return "";
-}
-
-TEST(MacFec, ScenarioMistakesNameTheLineColumnAndWhatWasExpected) {
-  EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - label: {id: 1, mpls: 1, next: lable/2}\n"),
-            "s.yaml:4:39: expected an object of the RIB (label/N, loadBalance/N or dest/N), got "
-            "'lable/2'");
-  EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - maxChainLength: 4\n"),
-            "s.yaml:4:25: expected a chain length (2 or 3)");
-  EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - hostDel: {vlan: 10, mac: 2:0}\n"),
-            "s.yaml:4:34: expected a MAC address (aa:bb:cc:dd:ee:ff), got '2:0'");
 }
 
 }  // namespace

@@ -217,6 +217,18 @@ steps:
   EXPECT_TRUE(r.ok()) << r.failures[0];
 }
 
+// The CI configuration, writing into a fresh directory of its own.
+Sim::FuzzOptions canaryRun(const char* name) {
+  Sim::FuzzOptions o;
+  o.seeds = 200;
+  o.steps = 1000;
+  o.faultRate = 0.1;
+  o.restarts = true;
+  o.outDir = ::testing::TempDir() + name;
+  std::filesystem::remove_all(o.outDir);
+  return o;
+}
+
 // Turns the canary off again however the test ends.
 struct Canary {
   explicit Canary(std::uint64_t n) { TunnelEsiChip::canaryDropDeleteEsiDataIs(n); }
@@ -224,14 +236,7 @@ struct Canary {
 };
 
 TEST(Fuzz, AChipThatLosesADeleteIsCaughtAndWrittenAsAScenarioThatFailsTheCheck) {
-  const std::string dir = ::testing::TempDir() + "fuzz-canary";
-  std::filesystem::remove_all(dir);
-  Sim::FuzzOptions o;  // the CI configuration
-  o.seeds = 200;
-  o.steps = 1000;
-  o.faultRate = 0.1;
-  o.restarts = true;
-  o.outDir = dir;
+  const Sim::FuzzOptions o = canaryRun("fuzz-canary");
   std::optional<Sim::FuzzFailure> f;
   {
     Canary canary(25);
@@ -243,7 +248,7 @@ TEST(Fuzz, AChipThatLosesADeleteIsCaughtAndWrittenAsAScenarioThatFailsTheCheck) 
     EXPECT_TRUE(f->replayable);
     EXPECT_LT(f->shrunkActions, f->actions);
     EXPECT_TRUE(f->checkFails);
-    ASSERT_EQ(f->scenarioPath, dir + "/fuzz-seed" + std::to_string(f->seed) + ".yaml");
+    ASSERT_EQ(f->scenarioPath, o.outDir + "/fuzz-seed" + std::to_string(f->seed) + ".yaml");
     // What `oba-evpn-sim --check` does with the file, the broken chip still in place.
     Sim::SimLog quiet;
     auto r = Sim::runScenario(Sim::readScenarioFile(f->scenarioPath), quiet,
@@ -265,14 +270,7 @@ struct FecCanary {
 };
 
 TEST(Fuzz, AFecTableThatLosesAWithdrawalIsCaughtAndWrittenAsAScenarioThatFailsTheCheck) {
-  const std::string dir = ::testing::TempDir() + "fuzz-fec-canary";
-  std::filesystem::remove_all(dir);
-  Sim::FuzzOptions o;  // the CI configuration
-  o.seeds = 200;
-  o.steps = 1000;
-  o.faultRate = 0.1;
-  o.restarts = true;
-  o.outDir = dir;
+  const Sim::FuzzOptions o = canaryRun("fuzz-fec-canary");
   std::optional<Sim::FuzzFailure> f;
   {
     FecCanary canary(3);

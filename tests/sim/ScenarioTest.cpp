@@ -56,6 +56,16 @@ TEST(Scenario, MistakesNameTheLineColumnAndWhatWasExpected) {
             "s.yaml:3:12: expected trace levels (SOURCE/LEVEL,...), got 'ObaEvpn*/x'");
 }
 
+TEST(Scenario, MacFecMistakesNameTheLineColumnAndWhatWasExpected) {
+  EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - label: {id: 1, mpls: 1, next: lable/2}\n"),
+            "s.yaml:4:39: expected an object of the RIB (label/N, loadBalance/N or dest/N), got "
+            "'lable/2'");
+  EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - maxChainLength: 4\n"),
+            "s.yaml:4:25: expected a chain length (2 or 3)");
+  EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - hostDel: {vlan: 10, mac: 2:0}\n"),
+            "s.yaml:4:34: expected a MAC address (aa:bb:cc:dd:ee:ff), got '2:0'");
+}
+
 // A story in the forms a table expectation may take: entries written as maps, a comparison in any
 // order, and the library's traces for one step only.
 TEST(Scenario, EntriesAnyOrderAndAStepTrace) {

@@ -6,6 +6,7 @@
 #include <map>
 #include <sstream>
 
+#include "sim/FamilyHelpers.h"
 #include "sim/Fuzz.h"
 #include "sim/Rng.h"
 #include "sim/Scenario.h"
@@ -684,18 +685,7 @@ class MacFecFamily : public Family {
     return {FecChip::refuseOperation()};
   }
 
-  std::vector<ActionKind> actions() const override {
-    std::vector<ActionKind> out;
-    for (const auto& def : actionDefs) {
-      out.push_back({def.name, [&def](const Reader& r, const YAML::Node& v) {
-                       auto a = std::make_shared<MacAction>();
-                       a->kind = def.kind;
-                       def.read(r, v, *a);
-                       return std::shared_ptr<const ActionBody>(a);
-                     }});
-    }
-    return out;
-  }
+  std::vector<ActionKind> actions() const override { return actionKinds<MacAction>(actionDefs); }
 
   std::vector<TableKind> tables() const override {
     return {{"fecs", "FECs", nullptr},
@@ -737,35 +727,18 @@ class MacFecFamily : public Family {
   }
 
   std::vector<FuzzFlag> fuzzFlags() const override {
-    return {{"--canary-lose-fec-withdrawal", "N",
-             "test the checks: the chip's FEC table loses its N-th withdrawal",
-             [](const char* v) {
-               std::uint64_t n = 0;
-               const char* end = v + std::strlen(v);
-               auto [p, ec] = std::from_chars(v, end, n);
-               if (ec != std::errc() || p != end) return false;
-               FecChip::canaryLoseWithdrawalIs(n);
-               return true;
-             },
-             [] {
-               const auto n = FecChip::canaryLoseWithdrawal();
-               return n ? "--canary-lose-fec-withdrawal " + std::to_string(n) : std::string();
-             }}};
+    return {canaryFlag("--canary-lose-fec-withdrawal",
+                       "test the checks: the chip's FEC table loses its N-th withdrawal",
+                       FecChip::canaryLoseWithdrawalIs, FecChip::canaryLoseWithdrawal)};
   }
 
   void printCounts(const Counters& c, std::ostream& os) const override {
-    os << get(c, "macFecsChecked") << " MAC FECs compared, ";
+    os << counter(c, "macFecsChecked") << " MAC FECs compared, ";
   }
   void printAllowances(const Counters& c, std::ostream& os) const override {
-    os << "MAC FECs allowed: " << get(c, "staleFlattenedLabel") << " stale flattened labels, "
-       << get(c, "emptyLeftover") << " empty leftover FECs, " << get(c, "goneHead")
-       << " heads gone from the RIB, " << get(c, "staleResult") << " stale result rows";
-  }
-
- private:
-  static std::uint64_t get(const Counters& c, const char* name) {
-    auto it = c.find(name);
-    return it == c.end() ? 0 : it->second;
+    os << "MAC FECs allowed: " << counter(c, "staleFlattenedLabel") << " stale flattened labels, "
+       << counter(c, "emptyLeftover") << " empty leftover FECs, " << counter(c, "goneHead")
+       << " heads gone from the RIB, " << counter(c, "staleResult") << " stale result rows";
   }
 };
 
