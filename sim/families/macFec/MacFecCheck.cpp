@@ -15,33 +15,49 @@ std::string line(const Args&... args) {
   return macText(args...);
 }
 
-// "via(0, 1001, Tunnel1.1)": the form viaText() gives the machine's vias.
-std::string via(std::size_t i, Quil::MplsLabel label, const std::string& to) {
-  return line("via(", i, ", ", label, ", ", to, ")");
+using TunnelId = Tunnel::TunnelTable::TunnelId;
+
+MacVia via(std::size_t i, Quil::MplsLabel label, TunnelId tunnel, ObjTuple fecOf = ObjTuple()) {
+  return MacVia{static_cast<std::uint32_t>(i), label, tunnel, fecOf, FecId()};
 }
 
 // The tables as plain maps, read by walking (which no corrupt mark stops).
 struct Rib {
   std::map<ObjTuple, L2Rib::Label> labels;
   std::map<ObjTuple, L2Rib::LoadBalance> lbs;
-  std::map<ObjTuple, std::string> tunnels;  // per destination
+  std::map<ObjTuple, TunnelId> tunnels;  // per destination
   std::map<Bridging::MacVlanPair, ObjTuple> hosts;
 
-  std::string tunnelOf(const ObjTuple& d) const {
+  TunnelId tunnelOf(const ObjTuple& d) const {
     auto it = tunnels.find(d);
-    return it == tunnels.end() ? "none" : it->second;
+    return it == tunnels.end() ? TunnelId() : it->second;
   }
 };
 
 // The `fecs` table's line for an object: "label/1 requested via(...)".
-std::string fecLine(const ObjTuple& t, bool requested, const std::vector<std::string>& vias) {
+std::string fecLine(const ObjTuple& t, bool requested, const std::vector<MacVia>& vias) {
   std::string s = line(t, requested ? " requested" : "");
   if (vias.empty()) s += " no vias";
-  for (const auto& v : vias) s += " " + v;
+  for (const auto& v : vias) s += " " + macViaText(v);
   return s;
 }
 
 }  // namespace
+
+std::string macViaText(const MacVia& v) {
+  std::string s = line("via(", v.index, ", ", v.label, ", ");
+  if (v.fecOf.tableType() != L2Rib::tableTypeNone_) {
+    s += line("fec of ", v.fecOf);
+  } else if (v.unownedFec.value() != 0) {
+    s += line("fec ", v.unownedFec);
+  } else if (v.tunnel.isValid()) {
+    s += line(v.tunnel);
+  } else {
+    s += "none";
+  }
+  s += ")";
+  return s;
+}
 
 MacFecExpected expectedMacFecs(const L2Rib::LabelOutput& labels,
                                const L2Rib::LoadBalanceOutput& lbs, const L2Rib::DestOutput& dests,
@@ -49,8 +65,7 @@ MacFecExpected expectedMacFecs(const L2Rib::LabelOutput& labels,
   Rib rib;
   for (auto&& e : labels.labelWalk()) rib.labels.emplace(ObjTuple::label(e.key), e.value);
   for (auto&& e : lbs.loadBalanceWalk()) rib.lbs.emplace(ObjTuple::loadBalance(e.key), e.value);
-  for (auto&& e : dests.destWalk())
-    rib.tunnels.emplace(ObjTuple::dest(e.key), line(e.value.tunnel()));
+  for (auto&& e : dests.destWalk()) rib.tunnels.emplace(ObjTuple::dest(e.key), e.value.tunnel());
   for (auto&& e : hosts.hostWalk()) rib.hosts.emplace(e.key, e.value.objTuple());
 
   MacFecExpected out;
@@ -67,7 +82,7 @@ MacFecExpected expectedMacFecs(const L2Rib::LabelOutput& labels,
     for (const auto& [t, b] : rib.lbs) withFec.insert(t);
   }
   for (const ObjTuple& t : withFec) {
-    std::vector<std::string> vias;
+    std::vector<MacVia> vias;
     if (auto l = rib.labels.find(t); l != rib.labels.end()) {
       const ObjTuple next = l->second.next();
       const Quil::MplsLabel mpls = l->second.mplsLabel();
@@ -76,9 +91,9 @@ MacFecExpected expectedMacFecs(const L2Rib::LabelOutput& labels,
       } else if (next.tableType() == L2Rib::tableTypeLoadBalance_ && maxChainLength == 3) {
         // Through the load balance's own FEC.
         if (rib.lbs.contains(next)) {
-          vias.push_back(via(0, mpls, line("fec of ", next)));
+          vias.push_back(via(0, mpls, TunnelId(), next));
         } else {
-          vias.push_back(via(0, mpls, "none"));
+          vias.push_back(via(0, mpls, TunnelId()));
           out.overAbsentLb.emplace(t, next);
         }
       } else if (auto b = rib.lbs.find(next); b != rib.lbs.end()) {
@@ -99,7 +114,7 @@ MacFecExpected expectedMacFecs(const L2Rib::LabelOutput& labels,
         // A label under a load balance is followed down to its destination.
         auto l = rib.labels.find(member);
         if (l == rib.labels.end()) {
-          vias.push_back(via(i, Quil::MplsLabel(), "none"));
+          vias.push_back(via(i, Quil::MplsLabel(), TunnelId()));
         } else {
           vias.push_back(via(i, l->second.mplsLabel(), rib.tunnelOf(l->second.next())));
         }
@@ -136,7 +151,8 @@ bool rowPresent(const MacFecAgent& f, const ObjTuple& t) {
   }
 }
 
-Comparison compare(const MacFecAgent& f, Counters* allowances) {
+// `lines`: also the lines a replay must find (only a written failing run needs them).
+Comparison compare(const MacFecAgent& f, Counters* allowances, bool lines) {
   auto allow = [&](const char* name) {
     if (allowances) ++(*allowances)[name];
   };
@@ -152,8 +168,7 @@ Comparison compare(const MacFecAgent& f, Counters* allowances) {
     fecIdOf.emplace(e.key, e.value.fecId());
     ownerOf.emplace(e.value.fecId(), e.key);
   }
-  const auto owner = owners(req);
-  std::map<ObjTuple, std::vector<std::string>> have;
+  std::map<ObjTuple, std::vector<MacVia>> have;
   for (const auto& [t, id] : fecIdOf) {
     auto fec = req.fec(id);
     auto& vias = have[t];
@@ -161,7 +176,19 @@ Comparison compare(const MacFecAgent& f, Counters* allowances) {
       out.fecDiffs.push_back(line(t, ": ", id, " has no fec row"));
       continue;
     }
-    for (const auto& v : fec.row.via()) vias.push_back(viaText(v, owner));
+    for (const auto& v : fec.row.via()) {
+      MacVia m = via(v.index().value(), v.mplsLabel(), v.tunnelId());
+      if (v.fecId().value() != 0) {
+        m.tunnel = TunnelId();
+        auto o = ownerOf.find(v.fecId());
+        if (o == ownerOf.end()) {
+          m.unownedFec = v.fecId();
+        } else {
+          m.fecOf = o->second;
+        }
+      }
+      vias.push_back(m);
+    }
   }
   for (auto&& e : req.fecWalk()) {
     if (!ownerOf.contains(e.key)) out.fecDiffs.push_back(line(e.key, ": a FEC nobody owns"));
@@ -170,8 +197,7 @@ Comparison compare(const MacFecAgent& f, Counters* allowances) {
   // A label over a load balance the RIB lacks names the load balance's FEC only while it has
   // one (see absentHeads).
   for (const auto& [t, b] : want.overAbsentLb) {
-    auto& v = want.vias.at(t).at(0);
-    if (have.contains(b)) v = v.substr(0, v.size() - 5) + line("fec of ", b, ")");
+    if (have.contains(b)) want.vias.at(t).at(0).fecOf = b;
   }
 
   // FECs and their vias.
@@ -183,7 +209,7 @@ Comparison compare(const MacFecAgent& f, Counters* allowances) {
     const auto h = have.find(t);
     const bool requested = want.heads.contains(t);
     if (w != want.vias.end() && h != have.end() && w->second == h->second) {
-      out.fecs.push_back(fecLine(t, requested, w->second));
+      if (lines) out.fecs.push_back(fecLine(t, requested, w->second));
       continue;
     }
     if (w != want.vias.end() && h != have.end() && chain == 3 &&
@@ -196,7 +222,7 @@ Comparison compare(const MacFecAgent& f, Counters* allowances) {
       }
       if (onlyLabels) {
         allow("staleFlattenedLabel");
-        out.fecs.push_back(fecLine(t, requested, h->second));
+        if (lines) out.fecs.push_back(fecLine(t, requested, h->second));
         continue;
       }
     }
@@ -209,14 +235,14 @@ Comparison compare(const MacFecAgent& f, Counters* allowances) {
         !rowPresent(f, t) && !requested) {
       // An object gone before the machine knew it: built from the default row and kept.
       allow("emptyLeftover");
-      out.fecs.push_back(fecLine(t, false, h->second));
+      if (lines) out.fecs.push_back(fecLine(t, false, h->second));
       continue;
     }
-    if (w != want.vias.end()) out.fecs.push_back(fecLine(t, requested, w->second));
+    if (lines && w != want.vias.end()) out.fecs.push_back(fecLine(t, requested, w->second));
     auto text = [](const auto& it, const auto& end) {
       if (it == end) return std::string("none");
       std::string s;
-      for (const auto& v : it->second) s += (s.empty() ? "" : " ") + v;
+      for (const auto& v : it->second) s += (s.empty() ? "" : " ") + macViaText(v);
       return s.empty() ? std::string("no vias") : s;
     };
     out.fecDiffs.push_back(
@@ -253,7 +279,7 @@ Comparison compare(const MacFecAgent& f, Counters* allowances) {
     if (answered == 0) {
       // Its request went (or waits for a new answer) after the chip had answered it.
       allow("staleResult");
-      out.result.push_back(line(t, " -> ", hw));
+      if (lines) out.result.push_back(line(t, " -> ", hw));
     }
   }
   for (const ObjTuple& t : want.heads) {
@@ -261,7 +287,7 @@ Comparison compare(const MacFecAgent& f, Counters* allowances) {
     if (id == fecIdOf.end()) continue;
     const std::uint32_t answered = f.chip->hwFecIdOf(f.writer, id->second);
     if (answered == 0) continue;
-    out.result.push_back(line(t, " -> ", answered));
+    if (lines) out.result.push_back(line(t, " -> ", answered));
     const auto r = result.find(t);
     if (r == result.end() || r->second != answered) {
       out.resultDiffs.push_back(line(t, ": expected hw ", answered, ", actual ",
@@ -279,9 +305,11 @@ Comparison compare(const MacFecAgent& f, Counters* allowances) {
           line("request ", e.key, " unanswered while hw FEC id ", free, " is free"));
     }
   }
-  for (const auto& [hw, a] : f.chip->answers()) {
-    if (std::string_view(a.writer) == f.writer && !req.hwFecIdRequest(a.fecId).found) continue;
-    out.chip.push_back(line("hw ", hw, " ", a.writer, " ", a.fecId));
+  if (lines) {
+    for (const auto& [hw, a] : f.chip->answers()) {
+      if (std::string_view(a.writer) == f.writer && !req.hwFecIdRequest(a.fecId).found) continue;
+      out.chip.push_back(line("hw ", hw, " ", a.writer, " ", a.fecId));
+    }
   }
   return out;
 }
@@ -304,7 +332,7 @@ std::vector<std::string> macFecLedger(const MacFecAgent& f) {
 }
 
 std::optional<CheckFailure> checkMacFec(const MacFecAgent& agent, Counters* allowances) {
-  Comparison c = compare(agent, allowances);
+  Comparison c = compare(agent, allowances, false);
   if (!c.fecDiffs.empty()) return CheckFailure{"fecs", std::move(c.fecDiffs)};
   if (!c.resultDiffs.empty()) return CheckFailure{"macFec result", std::move(c.resultDiffs)};
   if (!c.chipDiffs.empty()) return CheckFailure{"fecChip", std::move(c.chipDiffs)};
@@ -313,7 +341,7 @@ std::optional<CheckFailure> checkMacFec(const MacFecAgent& agent, Counters* allo
 
 std::vector<std::pair<std::string, std::vector<std::string>>> macFecExpectations(
     const MacFecAgent& agent) {
-  Comparison c = compare(agent, nullptr);
+  Comparison c = compare(agent, nullptr, true);
   return {{"fecs", c.fecs}, {"objTupleToHwId", c.result}, {"fecChip", c.chip}};
 }
 

@@ -19,6 +19,19 @@
 
 namespace Sim {
 
+// A via as the check compares it: its index and label, and where it goes: over a tunnel (an
+// invalid one: none) or, hierarchical, through the FEC of an object (or of a FEC id nobody owns).
+struct MacVia {
+  std::uint32_t index = 0;
+  Quil::MplsLabel label;
+  Tunnel::TunnelTable::TunnelId tunnel;
+  L2Rib::ObjTuple fecOf;
+  Shoal::Fib::FecId unownedFec;
+  bool operator==(const MacVia&) const = default;
+};
+// As the `fecs` table prints it: "via(0, 1001, Tunnel1.1)", "via(0, 1001, fec of loadBalance/1)".
+std::string macViaText(const MacVia& v);
+
 struct MacFecExpected {
   // The objects hosts point at: each must have a FEC and a request.
   std::set<L2Rib::ObjTuple> heads;
@@ -29,8 +42,8 @@ struct MacFecExpected {
   // balance's FEC while it has one (an absent head's, or one left over), none otherwise. The
   // expected via says none.
   std::map<L2Rib::ObjTuple, L2Rib::ObjTuple> overAbsentLb;
-  // Every object that must have a FEC, with its vias as the `fecs` table prints them.
-  std::map<L2Rib::ObjTuple, std::vector<std::string>> vias;
+  // Every object that must have a FEC, with its vias.
+  std::map<L2Rib::ObjTuple, std::vector<MacVia>> vias;
   // For load balances: which positions list a label (flattened in three-level chains).
   std::map<L2Rib::ObjTuple, std::vector<bool>> labelPositions;
 };
