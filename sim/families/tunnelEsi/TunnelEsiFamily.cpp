@@ -1,8 +1,6 @@
 #include "sim/families/tunnelEsi/TunnelEsiFamily.h"
 
 #include <algorithm>
-#include <charconv>
-#include <cstring>
 #include <set>
 #include <sstream>
 
