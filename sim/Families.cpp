@@ -2,6 +2,7 @@
 // may read what an earlier family's machines write. One line per family.
 #include "sim/Family.h"
 #include "sim/families/dot1qDecap/Dot1qDecapFamily.h"
+#include "sim/families/macFec/MacFecFamily.h"
 #include "sim/families/tunnelEsi/TunnelEsiFamily.h"
 
 namespace Sim {
@@ -10,6 +11,7 @@ const Families& registeredFamilies() {
   static const Families families{
       &tunnelEsiFamily(),
       &dot1qDecapFamily(),
+      &macFecFamily(),
   };
   return families;
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -13,6 +14,7 @@
 #include "sim/FuzzCanary.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
+#include "sim/families/fec/FecChip.h"
 #include "sim/families/tunnelEsi/TunnelEsiCheck.h"
 
 namespace {
@@ -223,6 +225,13 @@ TEST(Fuzz, AChipThatLosesADeleteIsCaughtAndWrittenAsAScenarioThatFailsTheCheck) 
                               "expected esiData");
 }
 
+// The same for the chip's FEC table: a withdrawal lost, which the ledger sees.
+TEST(Fuzz, AFecTableThatLosesAWithdrawalIsCaughtAndWrittenAsAScenarioThatFailsTheCheck) {
+  SimTest::Canary canary(Sim::FecChip::canaryLoseWithdrawalIs, 3);
+  SimTest::expectCanaryCaught(canary, "fuzz-fec-canary", "ledger", "whose request is gone",
+                              "expected fecChip", /*soundReplay=*/false);
+}
+
 }  // namespace
 
 namespace {
@@ -235,28 +244,36 @@ std::string fileText(const std::string& path) {
 }
 
 // A recorded run, kept byte for byte: the scenario the fuzzer writes for seed 1 with a chip that
-// loses its 3rd delete, and the log of replaying it over a sound chip. Any change to what a seed
-// draws, how a run is recorded, or what the agent and machines do shows up here first.
+// loses its 1st delete, and the log of replaying it over a sound chip. Any change to what a seed
+// draws, how a run is recorded, or what the agent and machines do shows up here first. Such a
+// change, made on purpose, is recorded anew by running this test with OBA_RECORD_SEED set; the
+// diff of the two files is then part of the change.
 TEST(Fuzz, ARecordedSeedIsWrittenAndReplayedByteForByte) {
+  const bool record = std::getenv("OBA_RECORD_SEED") != nullptr;
+  const std::string yaml = OBA_TEST_DATA "/fuzz-seed1-recorded.yaml";
+  const std::string logFile = OBA_TEST_DATA "/fuzz-seed1-recorded.log";
   const std::string dir = ::testing::TempDir() + "fuzz-recorded";
   std::filesystem::remove_all(dir);
   Sim::FuzzOptions o;
   o.seeds = 1;
-  o.steps = 80;
+  o.steps = 120;
   o.restarts = true;
   o.shrink = false;
   o.outDir = dir;
   {
-    SimTest::Canary canary(TunnelEsiChip::canaryDropDeleteEsiDataIs, 3);
+    SimTest::Canary canary(TunnelEsiChip::canaryDropDeleteEsiDataIs, 1);
     auto f = Sim::fuzz(o, nullptr, nullptr).failure;
     ASSERT_TRUE(f);
-    EXPECT_EQ(fileText(f->scenarioPath), fileText(OBA_TEST_DATA "/fuzz-seed1-canary3.yaml"));
+    if (record)
+      std::filesystem::copy_file(f->scenarioPath, yaml,
+                                 std::filesystem::copy_options::overwrite_existing);
+    EXPECT_EQ(fileText(f->scenarioPath), fileText(yaml));
   }
   std::ostringstream log, state;
   Sim::SimLog text(&log);
-  Sim::runScenario(Sim::readScenarioFile(OBA_TEST_DATA "/fuzz-seed1-canary3.yaml"), text,
-                   Sim::RunOptions{.state = true}, &state);
-  EXPECT_EQ(log.str() + state.str(), fileText(OBA_TEST_DATA "/fuzz-seed1-canary3.log"));
+  Sim::runScenario(Sim::readScenarioFile(yaml), text, Sim::RunOptions{.state = true}, &state);
+  if (record) std::ofstream(logFile) << log.str() << state.str();
+  EXPECT_EQ(log.str() + state.str(), fileText(logFile));
 }
 
 }  // namespace

@@ -1,11 +1,10 @@
 #include "sim/families/tunnelEsi/TunnelEsiFamily.h"
 
 #include <algorithm>
-#include <charconv>
-#include <cstring>
 #include <set>
 #include <sstream>
 
+#include "sim/FamilyHelpers.h"
 #include "sim/Fuzz.h"
 #include "sim/Rng.h"
 #include "sim/ScenarioReader.h"
@@ -522,18 +521,7 @@ class TunnelEsiFamily : public Family {
     };
   }
 
-  std::vector<ActionKind> actions() const override {
-    std::vector<ActionKind> out;
-    for (const auto& def : actionDefs) {
-      out.push_back({def.name, [&def](const Reader& r, const YAML::Node& v) {
-                       auto a = std::make_shared<EsiAction>();
-                       a->kind = def.kind;
-                       def.read(r, v, *a);
-                       return std::shared_ptr<const ActionBody>(a);
-                     }});
-    }
-    return out;
-  }
+  std::vector<ActionKind> actions() const override { return actionKinds<EsiAction>(actionDefs); }
 
   std::vector<TableKind> tables() const override {
     return {{"esiData", "lines", esiEntry},
@@ -603,33 +591,18 @@ class TunnelEsiFamily : public Family {
   }
 
   std::vector<FuzzFlag> fuzzFlags() const override {
-    return {{"--canary-drop-delete", "N", "test the checks: the chip loses its N-th deleteEsiData",
-             [](const char* v) {
-               std::uint64_t n = 0;
-               const char* end = v + std::strlen(v);
-               auto [p, ec] = std::from_chars(v, end, n);
-               if (ec != std::errc() || p != end) return false;
-               TunnelEsiChip::canaryDropDeleteEsiDataIs(n);
-               return true;
-             },
-             [] {
-               const auto n = TunnelEsiChip::canaryDropDeleteEsiData();
-               return n ? "--canary-drop-delete " + std::to_string(n) : std::string();
-             }}};
+    return {canaryFlag(
+        "--canary-drop-delete", "test the checks: the chip loses its N-th deleteEsiData",
+        TunnelEsiChip::canaryDropDeleteEsiDataIs, TunnelEsiChip::canaryDropDeleteEsiData)};
   }
 
   void printCounts(const Counters& c, std::ostream& os) const override {
-    os << get(c, "esiEntriesChecked") << " ESI entries compared, ";
+    os << counter(c, "esiEntriesChecked") << " ESI entries compared, ";
   }
   void printAllowances(const Counters& c, std::ostream& os) const override {
-    os << "allowed: " << get(c, "parkedPort") << " parked ports, " << get(c, "staleLocalLabel")
-       << " stale local labels, " << get(c, "nonMplsRemote") << " non-MPLS remote labels";
-  }
-
- private:
-  static std::uint64_t get(const Counters& c, const char* name) {
-    auto it = c.find(name);
-    return it == c.end() ? 0 : it->second;
+    os << "allowed: " << counter(c, "parkedPort") << " parked ports, "
+       << counter(c, "staleLocalLabel") << " stale local labels, " << counter(c, "nonMplsRemote")
+       << " non-MPLS remote labels";
   }
 };
 
