@@ -30,60 +30,26 @@ std::string quoted(const std::string& s) {
   return out + "\"";
 }
 
-const char* lookAttributes(DotGraph::Look look) {
-  switch (look) {
-    case DotGraph::Look::plain:
-      return "";
-    case DotGraph::Look::pending:
-      return ", color=darkorange, fontcolor=darkorange3, style=dashed, penwidth=1.5";
-    case DotGraph::Look::refused:
-      return ", color=red, fontcolor=red3, style=\"bold,filled\", fillcolor=mistyrose, penwidth=2";
-    case DotGraph::Look::stale:
-      return ", color=gray50, fontcolor=gray40, style=dotted";
-  }
-  return "";
-}
+// How each look is drawn, by its value: a node's attributes, an edge's (a look's colour and line,
+// never its fill), and what the legend says it means.
+struct LookForm {
+  const char* node;
+  const char* edge;
+  const char* meaning;
+};
+constexpr LookForm lookForms[] = {
+    {"", "", "programmed"},
+    {", color=darkorange, fontcolor=darkorange3, style=dashed, penwidth=1.5",
+     ", color=darkorange, fontcolor=darkorange3, style=dashed",
+     "pending: a review will retry it,\nor an input is missing"},
+    {", color=red, fontcolor=red3, style=\"bold,filled\", fillcolor=mistyrose, penwidth=2",
+     ", color=red, fontcolor=red3, penwidth=2", "refused by the chip"},
+    {", color=gray50, fontcolor=gray40, style=dotted",
+     ", color=gray50, fontcolor=gray40, style=dotted", "in the chip, held by no machine"},
+};
+const LookForm& form(DotGraph::Look look) { return lookForms[static_cast<std::size_t>(look)]; }
 
-// Edges take a look's colour and line, never its fill.
-const char* edgeAttributes(DotGraph::Look look) {
-  switch (look) {
-    case DotGraph::Look::plain:
-      return "";
-    case DotGraph::Look::pending:
-      return ", color=darkorange, fontcolor=darkorange3, style=dashed";
-    case DotGraph::Look::refused:
-      return ", color=red, fontcolor=red3, penwidth=2";
-    case DotGraph::Look::stale:
-      return ", color=gray50, fontcolor=gray40, style=dotted";
-  }
-  return "";
-}
-
-const char* shapeName(DotGraph::Shape shape) {
-  switch (shape) {
-    case DotGraph::Shape::box:
-      return "box";
-    case DotGraph::Shape::ellipse:
-      return "ellipse";
-    case DotGraph::Shape::note:
-      return "note";
-  }
-  return "box";
-}
-
-const char* lookMeaning(DotGraph::Look look) {
-  switch (look) {
-    case DotGraph::Look::plain:
-      return "programmed";
-    case DotGraph::Look::pending:
-      return "pending: a review will retry it,\nor an input is missing";
-    case DotGraph::Look::refused:
-      return "refused by the chip";
-    case DotGraph::Look::stale:
-      return "in the chip, held by no machine";
-  }
-  return "";
-}
+constexpr const char* shapeNames[] = {"box", "ellipse", "note"};
 
 std::string indent(int depth) { return std::string(2 * static_cast<std::size_t>(depth), ' '); }
 
@@ -111,7 +77,8 @@ bool DotGraph::hasNode(const std::string& id) const {
 
 void DotGraph::writeNode(std::ostream& os, const Node& n, int depth) const {
   os << indent(depth) << quoted(n.id) << " [label=" << quoted(n.label)
-     << ", shape=" << shapeName(n.style.shape) << lookAttributes(n.style.look) << "];\n";
+     << ", shape=" << shapeNames[static_cast<std::size_t>(n.style.shape)] << form(n.style.look).node
+     << "];\n";
 }
 
 void DotGraph::writeCluster(std::ostream& os, const std::string& id, int depth) const {
@@ -137,7 +104,7 @@ void DotGraph::write(std::ostream& os) const {
   writeCluster(os, "", 1);
   for (const auto& e : edges_) {
     os << "  " << quoted(e.from) << " -> " << quoted(e.to);
-    os << " [label=" << quoted(e.label) << edgeAttributes(e.look) << "];\n";
+    os << " [label=" << quoted(e.label) << form(e.look).edge << "];\n";
   }
   // The legend names the looks in use that are not plain.
   bool inUse[4] = {};
@@ -151,8 +118,7 @@ void DotGraph::write(std::ostream& os) const {
     os << "  subgraph \"cluster legend\" {\n    label=\"legend\";\n";
     for (Look look : used) {
       os << "    " << quoted("legend/" + std::to_string(static_cast<int>(look)))
-         << " [label=" << quoted(lookMeaning(look)) << ", shape=box" << lookAttributes(look)
-         << "];\n";
+         << " [label=" << quoted(form(look).meaning) << ", shape=box" << form(look).node << "];\n";
     }
     os << "  }\n";
   }
