@@ -26,6 +26,7 @@
 
 namespace Sim {
 
+class DotGraph;
 class HostAgent;
 class Reader;
 class Rng;
@@ -150,6 +151,13 @@ class Family {
   virtual std::vector<TableKind> tables() const { return {}; }
   // Its part of a new host agent (the agent's clock, scheduler, chip and log exist).
   virtual std::unique_ptr<FamilyAgent> agentIs(HostAgent& agent) const = 0;
+  // Its part of the picture of the forwarding state (--dot, sim/Dot.h): the inputs its machines
+  // follow, what they hold and its chip tables, in a box of its own, with what is unprogrammed,
+  // refused or stale drawn in those looks. A family that does not draw is left out.
+  virtual void draw(const HostAgent& agent, DotGraph& graph) const {
+    (void)agent;
+    (void)graph;
+  }
 
   // Its part of one seeded run: draws its world from `rng`.
   virtual std::unique_ptr<FamilyFuzz> fuzzIs(Rng& rng, const FuzzOptions& options) const = 0;

@@ -53,6 +53,7 @@ static void runSteps(const Scenario& s, HostAgent& agent, SimLog& log, const Run
   log.add(0, "agent", "start");
   agent.start();
   agent.scheduler->runDue();
+  if (options.stepDone) options.stepDone(agent, nullptr);
 
   for (const Step& step : s.steps) {
     for (const auto& e : step.expectations) result.violationsExpected |= e.name == "violations";
@@ -76,6 +77,7 @@ static void runSteps(const Scenario& s, HostAgent& agent, SimLog& log, const Run
       for (const Action& a : step.actions) agent.apply(a);
       agent.scheduler->runDue();
     }
+    if (options.stepDone) options.stepDone(agent, &step);
     auto taken = agent.takeCalls();
     calls.insert(calls.end(), taken.begin(), taken.end());
     if (!options.check) continue;

@@ -6,6 +6,7 @@
 // A machine that breaks an invariant ends the run: its assertion is caught (not aborting the
 // process), logged as the step's, and either met by the step's `abort` expectation or reported.
 
+#include <functional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -19,6 +20,9 @@ namespace Sim {
 struct RunOptions {
   bool check = false;  // evaluate expectations; a chip violation not expected is a failure too
   bool state = false;  // print the chip's tables and the output table at the end
+  // Told after the agent's start (no step) and after each step has run, before its expectations
+  // are checked: what --dot draws.
+  std::function<void(const HostAgent&, const Step*)> stepDone{};
 };
 
 struct RunResult {

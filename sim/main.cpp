@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Kiv/Trace.h"
+#include "sim/Dot.h"
 #include "sim/Fuzz.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
@@ -29,6 +30,9 @@ options:
   --json         write the log as JSON lines {"time", "source", "text"}
   --state        print the chip's tables and the mapping table at the end of each scenario
   --quiet        no log (with --check: only failures)
+  --dot FILE     draw the forwarding state the scenario ends in as a Graphviz graph in FILE
+  --dot-each DIR one graph after the agent's start and after each step: DIR/<index>-t<time>.dot
+                 (one scenario only; scripts/draw.sh renders them to SVG)
   --help         this text
 
 exit status: 0 all well, 1 an expectation was not met, 2 bad input (file, line and what was
@@ -42,7 +46,7 @@ int main(int argc, char** argv) {
   if (argc > 1 && std::strcmp(argv[1], "fuzz") == 0) return Sim::fuzzMain(argc, argv);
   Sim::RunOptions options;
   bool json = false, quiet = false;
-  std::string trace;
+  std::string trace, dotFile, dotDir;
   std::vector<std::string> files;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
@@ -63,6 +67,13 @@ int main(int argc, char** argv) {
         return 2;
       }
       trace = argv[++i];
+    } else if (a == "--dot" || a == "--dot-each") {
+      if (i + 1 >= argc) {
+        std::cerr << "oba-evpn-sim: " << a << " needs a " << (a == "--dot" ? "FILE" : "DIR")
+                  << "\n";
+        return 2;
+      }
+      (a == "--dot" ? dotFile : dotDir) = argv[++i];
     } else if (a.starts_with("--")) {
       std::cerr << "oba-evpn-sim: unknown option " << a << "\n" << usage;
       return 2;
@@ -87,6 +98,18 @@ int main(int argc, char** argv) {
     return 2;
   }
 
+  Sim::DotPictures dot(dotFile, dotDir);
+  if (dot.enabled()) {
+    if (scenarios.size() > 1) {
+      std::cerr << "oba-evpn-sim: --dot and --dot-each draw one scenario, not " << scenarios.size()
+                << "\n";
+      return 2;
+    }
+    options.stepDone = [&](const Sim::HostAgent& a, const Sim::Step* step) {
+      dot.record(scenarios.front(), a, step);
+    };
+  }
+
   Sim::SimLog log(quiet ? nullptr : &std::cout,
                   json ? Sim::SimLog::Format::json : Sim::SimLog::Format::text);
   Kiv::traceSinkIs([&log](const Kiv::TraceLine& l) {
@@ -100,6 +123,7 @@ int main(int argc, char** argv) {
     Sim::RunResult r;
     try {
       r = Sim::runScenario(s, log, options, &std::cout);
+      dot.finish();
     } catch (const std::exception& e) {
       std::cerr << "oba-evpn-sim: " << s.file << ": " << e.what() << "\n";
       return 2;

@@ -533,6 +533,10 @@ class TunnelEsiFamily : public Family {
     return std::make_unique<TunnelEsiAgent>(agent);
   }
 
+  void draw(const HostAgent& agent, DotGraph& graph) const override {
+    drawTunnelEsi(agent.family<TunnelEsiAgent>(), graph);
+  }
+
   std::unique_ptr<FamilyFuzz> fuzzIs(Rng& rng, const FuzzOptions& options) const override {
     return std::make_unique<EsiFuzz>(rng, options);
   }

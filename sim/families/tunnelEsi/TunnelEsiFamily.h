@@ -68,4 +68,8 @@ Action lagAction(Quil::IntfId lag, std::optional<std::vector<Quil::IntfId>> memb
 // "Ethernet1 vlan 10 tunnel Tunnel1.1 hw 1 label 1001 local 2001", as scenario files write it.
 std::string esiLine(const TunnelEsiChip::PortVlan& key, const TunnelEsiChip::EsiEntry& e);
 
+// The family's part of the picture of the forwarding state
+// (sim/families/tunnelEsi/TunnelEsiDraw.cpp).
+void drawTunnelEsi(const TunnelEsiAgent& family, DotGraph& graph);
+
 }  // namespace Sim
