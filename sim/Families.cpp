@@ -1,6 +1,7 @@
 // The machine families of the simulator, in the order the agent starts them: a family's machines
 // may read what an earlier family's machines write. One line per family.
 #include "sim/Family.h"
+#include "sim/families/floodSet/FloodSetFamily.h"
 #include "sim/families/tunnelEsi/TunnelEsiFamily.h"
 
 namespace Sim {
@@ -8,6 +9,7 @@ namespace Sim {
 const Families& registeredFamilies() {
   static const Families families{
       &tunnelEsiFamily(),
+      &floodSetFamily(),
   };
   return families;
 }

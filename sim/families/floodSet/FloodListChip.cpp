@@ -1,0 +1,259 @@
+#include "sim/families/floodSet/FloodListChip.h"
+
+#include <algorithm>
+
+#include "Quil/IntfId.h"
+#include "sim/ChipLink.h"
+
+namespace Sim {
+
+namespace {
+
+// A member's tunnel as the interface a refusal rule names it by (DynTunnelT.I).
+Quil::IntfId tunnelIntf(const Oba::MplsDestConfig& m) {
+  return Quil::DynamicTunnelIntfId::intfId(m.tunnelId().value());
+}
+
+bool samePair(const Oba::MplsDestConfig& a, const Oba::MplsDestConfig& b) {
+  return a.tunnelId() == b.tunnelId() && a.label() == b.label();
+}
+
+}  // namespace
+
+std::string memberLine(const Bridging::MacVlanPair& list, const Oba::MplsDestConfig& m) {
+  return chipText(list.text().view(), " ", m.tunnelId(), " label ", m.label(), " hwTunnelId ",
+                  m.hwTunnelId(), " hwId ", m.hwIdForTunnelProgramming(), " l2IntfId ",
+                  m.l2IntfId());
+}
+
+// The root of the configuration: a list that appears gets a watch of its own (which reads the
+// members it already holds); a list that goes takes its members with it.
+class FloodListChip::ConfigWatch : public Oba::EvpnVlanFloodSetHwConfig::NotifieeConst {
+ public:
+  explicit ConfigWatch(FloodListChip* chip) : chip_(chip) { notifierIs(chip->config_); }
+  void onConfig(const Bridging::MacVlanPair& list) override { chip_->configChanged(list); }
+
+ private:
+  FloodListChip* chip_;
+};
+
+class FloodListChip::ListWatch : public Oba::VlanFloodSetConfig::NotifieeConst {
+ public:
+  ListWatch(FloodListChip* chip, const Kiv::Ptr<Oba::VlanFloodSetConfig>& list)
+      : chip_(chip), list_(list->macVlanPair()) {
+    notifierIs(list);
+  }
+  void onMplsDestConfig(const Oba::MplsDestConfig& m) override { chip_->memberChanged(list_, m); }
+
+ private:
+  FloodListChip* chip_;
+  Bridging::MacVlanPair list_;
+};
+
+class FloodListChip::Review : public Mox::TimerTask::Notifiee {
+ public:
+  explicit Review(FloodListChip* chip) : chip_(chip) { notifierIs(chip->task_); }
+  void onTaskRun() override { chip_->run(); }
+
+ private:
+  FloodListChip* chip_;
+};
+
+Kiv::Ptr<FloodListChip> FloodListChip::FloodListChipIs(
+    const Kiv::Ptr<SoftwareChip>& chip, const Kiv::Ptr<Mox::TaskScheduler>& scheduler,
+    const Kiv::Ptr<Oba::EvpnVlanFloodSetHwConfig>& config,
+    const Kiv::Ptr<Oba::EvpnVlanFloodSetHwStatus>& status) {
+  Kiv::Ptr<FloodListChip> part = new FloodListChip(chip.ptr(), scheduler, config, status);
+  chip->partIs(part);
+  chip->operationIs("programFloodListMember");
+  return part;
+}
+
+FloodListChip::FloodListChip(SoftwareChip* chip, const Kiv::Ptr<Mox::TaskScheduler>& scheduler,
+                             const Kiv::Ptr<Oba::EvpnVlanFloodSetHwConfig>& config,
+                             const Kiv::Ptr<Oba::EvpnVlanFloodSetHwStatus>& status)
+    : chip_(chip),
+      scheduler_(scheduler),
+      config_(config),
+      status_(status),
+      task_(Mox::TimerTask::TimerTaskIs(scheduler, Mox::TaskPriority(1), "chipFloodLists")),
+      breakBeforeMake_(canaryBreakBeforeMake_) {
+  review_ = std::make_unique<Review>(this);
+  configWatch_ = std::make_unique<ConfigWatch>(this);
+  for (auto [list, c] : config_->configWalk()) configChanged(list);
+}
+
+FloodListChip::~FloodListChip() { detach(); }
+
+void FloodListChip::detach() {
+  configWatch_.reset();
+  listWatches_.clear();
+  review_.reset();
+  if (task_) task_->unscheduleTask();
+}
+
+void FloodListChip::configChanged(const Bridging::MacVlanPair& list) {
+  auto c = config_->config(list);
+  auto w = listWatches_.find(list);
+  if (c && (w == listWatches_.end())) {
+    listWatches_.emplace(list, std::make_unique<ListWatch>(this, c));
+    for (auto [m, unused] : c->mplsDestConfigWalk()) memberChanged(list, m);
+    return;
+  }
+  if (c) return;
+  // The list went whole: every member the chip read in it leaves.
+  if (w != listWatches_.end()) listWatches_.erase(w);
+  auto s = seen_.find(list);
+  if (s == seen_.end()) return;
+  const List members = s->second;
+  seen_.erase(s);
+  for (const auto& m : members) queue(list, m, false);
+}
+
+void FloodListChip::memberChanged(const Bridging::MacVlanPair& list,
+                                  const Oba::MplsDestConfig& m) {
+  auto c = config_->config(list);
+  const bool present = c && c->mplsDestConfigHas(m);
+  auto& seen = seen_[list];
+  if (present == seen.contains(m)) {
+    if (seen.empty()) seen_.erase(list);
+    return;
+  }
+  if (present) {
+    seen.insert(m);
+  } else {
+    seen.erase(m);
+    if (seen.empty()) seen_.erase(list);
+  }
+  queue(list, m, present);
+}
+
+void FloodListChip::queue(const Bridging::MacVlanPair& list, const Oba::MplsDestConfig& m,
+                          bool add) {
+  // In order: a change never overtakes the one before it, whatever the latency was then.
+  double due = scheduler_->now() + latency_;
+  if (!queue_.empty()) due = std::max(due, queue_.back().due);
+  queue_.push_back(Change{list, m, add, restarting_, due});
+  if (!task_->taskScheduled()) task_->scheduleTaskDelay(due - scheduler_->now());
+}
+
+void FloodListChip::run() {
+  while (!queue_.empty() && queue_.front().due <= scheduler_->now()) {
+    Change c = queue_.front();
+    queue_.pop_front();
+    if (breakBeforeMake_ && c.add) {
+      // The canary: the removal of the member this one replaces goes first.
+      auto old = std::find_if(queue_.begin(), queue_.end(), [&](const Change& o) {
+        return !o.add && o.list == c.list && samePair(o.member, c.member);
+      });
+      if (old != queue_.end()) {
+        Change o = *old;
+        queue_.erase(old);
+        queue_.push_front(c);
+        apply(o);
+        continue;
+      }
+    }
+    apply(c);
+  }
+  if (!queue_.empty()) task_->scheduleTaskDelay(queue_.front().due - scheduler_->now());
+}
+
+void FloodListChip::apply(const Change& c) {
+  if (c.add) {
+    program(c);
+  } else {
+    unprogram(c);
+  }
+}
+
+void FloodListChip::program(const Change& c) {
+  chip_->countCall();
+  const Oba::MplsDestConfig& m = c.member;
+  if (m.hwTunnelId().isValid() && hwTunnelIdHeld_ && !hwTunnelIdHeld_(m.hwTunnelId())) {
+    chip_->violation(chipText("programFloodListMember ", memberLine(c.list, m),
+                              ": hw tunnel id ", m.hwTunnelId(), " is not handed out"));
+  }
+  if (hwFecIdHeld_ && !hwFecIdHeld_(m.hwIdForTunnelProgramming())) {
+    chip_->violation(chipText("programFloodListMember ", memberLine(c.list, m), ": hw FEC id ",
+                              m.hwIdForTunnelProgramming(), " is not handed out"));
+  }
+  auto rc = Oba::HwProgrammingStatus::programmed;
+  if (auto refusal = chip_->refusedOrFault(
+          "programFloodListMember", tunnelIntf(m), c.list.vlanId,
+          static_cast<std::uint32_t>(Oba::HwProgrammingStatus::notProgrammed))) {
+    rc = static_cast<Oba::HwProgrammingStatus>(*refusal);
+  } else {
+    lists_[c.list].insert(m);
+  }
+  if (chip_->listening()) {
+    chip_->tell("programFloodListMember",
+                chipText("programFloodListMember ", memberLine(c.list, m), " -> ", rc));
+  }
+  status_->statusIs(c.list)->mplsDestStatusIs(m, rc);
+}
+
+void FloodListChip::unprogram(const Change& c) {
+  chip_->countCall();
+  const Oba::MplsDestConfig& m = c.member;
+  if (!c.restart) {
+    // Make before break: the member's replacement must be in the list before it leaves.
+    for (const Change& later : queue_) {
+      if (!later.add || later.list != c.list || !samePair(later.member, m)) continue;
+      chip_->violation(chipText(
+          "unprogramFloodListMember ", memberLine(c.list, m), ": ",
+          later.member == m ? "removed and added again" : "removed before its replacement",
+          later.member == m ? "" : chipText(" hwTunnelId ", later.member.hwTunnelId(), " hwId ",
+                                            later.member.hwIdForTunnelProgramming()),
+          later.member == m ? "" : " was added"));
+      break;
+    }
+  }
+  if (auto l = lists_.find(c.list); l != lists_.end()) {
+    l->second.erase(m);
+    if (l->second.empty()) lists_.erase(l);
+  }
+  if (chip_->listening()) {
+    chip_->tell("unprogramFloodListMember",
+                chipText("unprogramFloodListMember ", memberLine(c.list, m)));
+  }
+  if (auto s = status_->status(c.list)) {
+    s->mplsDestStatusDel(m);
+    if (!s->mplsDestStatuss()) status_->statusDel(c.list);
+  }
+}
+
+bool FloodListChip::usesHwFecId(std::uint64_t hwFecId) const {
+  for (const auto& [list, members] : lists_) {
+    for (const auto& m : members) {
+      if (m.hwIdForTunnelProgramming() == hwFecId) return true;
+    }
+  }
+  return false;
+}
+
+void FloodListChip::hwFecIdReleased(std::uint64_t hwFecId) {
+  for (const auto& [list, members] : lists_) {
+    for (const auto& m : members) {
+      if (m.hwIdForTunnelProgramming() != hwFecId) continue;
+      chip_->violation(chipText("hw FEC id ", hwFecId, " released while flood list ",
+                                list.text().view(), " still uses it"));
+      return;
+    }
+  }
+}
+
+void FloodListChip::reset() {
+  queue_.clear();
+  lists_.clear();
+  if (task_) task_->unscheduleTask();
+  // The chip layer restarts: it reads the configuration afresh and reports nothing yet.
+  seen_.clear();
+  status_->statusDelAll();
+  for (auto [list, c] : config_->configWalk()) {
+    listWatches_.erase(list);
+    configChanged(list);
+  }
+}
+
+}  // namespace Sim
