@@ -110,8 +110,7 @@ void FloodListChip::configChanged(const Bridging::MacVlanPair& list) {
   for (const auto& m : members) queue(list, m, false);
 }
 
-void FloodListChip::memberChanged(const Bridging::MacVlanPair& list,
-                                  const Oba::MplsDestConfig& m) {
+void FloodListChip::memberChanged(const Bridging::MacVlanPair& list, const Oba::MplsDestConfig& m) {
   auto c = config_->config(list);
   const bool present = c && c->mplsDestConfigHas(m);
   auto& seen = seen_[list];
@@ -133,7 +132,7 @@ void FloodListChip::queue(const Bridging::MacVlanPair& list, const Oba::MplsDest
   // In order: a change never overtakes the one before it, whatever the latency was then.
   double due = scheduler_->now() + latency_;
   if (!queue_.empty()) due = std::max(due, queue_.back().due);
-  queue_.push_back(Change{list, m, add, restarting_, due});
+  queue_.push_back(Change{list, m, add, due, ++serial_});
   if (!task_->taskScheduled()) task_->scheduleTaskDelay(due - scheduler_->now());
 }
 
@@ -171,8 +170,8 @@ void FloodListChip::program(const Change& c) {
   chip_->countCall();
   const Oba::MplsDestConfig& m = c.member;
   if (m.hwTunnelId().isValid() && hwTunnelIdHeld_ && !hwTunnelIdHeld_(m.hwTunnelId())) {
-    chip_->violation(chipText("programFloodListMember ", memberLine(c.list, m),
-                              ": hw tunnel id ", m.hwTunnelId(), " is not handed out"));
+    chip_->violation(chipText("programFloodListMember ", memberLine(c.list, m), ": hw tunnel id ",
+                              m.hwTunnelId(), " is not handed out"));
   }
   if (hwFecIdHeld_ && !hwFecIdHeld_(m.hwIdForTunnelProgramming())) {
     chip_->violation(chipText("programFloodListMember ", memberLine(c.list, m), ": hw FEC id ",
@@ -196,18 +195,17 @@ void FloodListChip::program(const Change& c) {
 void FloodListChip::unprogram(const Change& c) {
   chip_->countCall();
   const Oba::MplsDestConfig& m = c.member;
-  if (!c.restart) {
-    // Make before break: the member's replacement must be in the list before it leaves.
-    for (const Change& later : queue_) {
-      if (!later.add || later.list != c.list || !samePair(later.member, m)) continue;
-      chip_->violation(chipText(
-          "unprogramFloodListMember ", memberLine(c.list, m), ": ",
-          later.member == m ? "removed and added again" : "removed before its replacement",
-          later.member == m ? "" : chipText(" hwTunnelId ", later.member.hwTunnelId(), " hwId ",
-                                            later.member.hwIdForTunnelProgramming()),
-          later.member == m ? "" : " was added"));
-      break;
+  // Make before break: a replacement configured before this removal must be in the list already.
+  for (const Change& earlier : queue_) {
+    if (!earlier.add || earlier.serial > c.serial || earlier.list != c.list ||
+        !samePair(earlier.member, m)) {
+      continue;
     }
+    chip_->violation(chipText("unprogramFloodListMember ", memberLine(c.list, m),
+                              ": removed before its replacement hwTunnelId ",
+                              earlier.member.hwTunnelId(), " hwId ",
+                              earlier.member.hwIdForTunnelProgramming(), " was added"));
+    break;
   }
   if (auto l = lists_.find(c.list); l != lists_.end()) {
     l->second.erase(m);

@@ -14,10 +14,9 @@
 // new member in the list before the old one leaves.
 //
 // Its ledger: a member programmed with a hardware tunnel id or a hardware FEC id that nobody
-// handed out; a FEC id given back while a hardware list still uses it; a member that leaves a
-// list while its replacement (the same tunnel and label, or the same member again) is still to
-// be added, which leaves the list without the destination for a moment (the agent's restarts,
-// which drop what a machine wrote, are exempt).
+// handed out; a FEC id given back while a hardware list still uses it; a member taken out of a
+// list while its replacement (the same tunnel and label), configured before the removal, is still
+// to be added: the list lacks the destination for a moment although the configuration never did.
 
 #include <cstdint>
 #include <deque>
@@ -37,10 +36,10 @@ namespace Sim {
 
 class FloodListChip : public SoftwareChip::Part {
  public:
-  static Kiv::Ptr<FloodListChip> FloodListChipIs(const Kiv::Ptr<SoftwareChip>& chip,
-                                                 const Kiv::Ptr<Mox::TaskScheduler>& scheduler,
-                                                 const Kiv::Ptr<Oba::EvpnVlanFloodSetHwConfig>& config,
-                                                 const Kiv::Ptr<Oba::EvpnVlanFloodSetHwStatus>& status);
+  static Kiv::Ptr<FloodListChip> FloodListChipIs(
+      const Kiv::Ptr<SoftwareChip>& chip, const Kiv::Ptr<Mox::TaskScheduler>& scheduler,
+      const Kiv::Ptr<Oba::EvpnVlanFloodSetHwConfig>& config,
+      const Kiv::Ptr<Oba::EvpnVlanFloodSetHwStatus>& status);
   ~FloodListChip() override;
 
   SoftwareChip& chip() const { return *chip_; }
@@ -55,10 +54,6 @@ class FloodListChip : public SoftwareChip::Part {
   void hwFecIdHeldIs(std::function<bool(std::uint64_t)> f) { hwFecIdHeld_ = std::move(f); }
   // The FEC table gives a hardware FEC id back: a hardware list still using it is a violation.
   void hwFecIdReleased(std::uint64_t hwFecId);
-
-  // While set, the configuration's changes come from an agent restarting a machine, which drops
-  // what the machine wrote before it rebuilds: no make before break is due for them.
-  void restartingIs(bool r) { restarting_ = r; }
 
   // Test-only canary: every part made while this is set programs a list's removals ahead of the
   // additions queued before them (the member leaves before its replacement is added), as a chip
@@ -84,8 +79,8 @@ class FloodListChip : public SoftwareChip::Part {
     Bridging::MacVlanPair list;
     Oba::MplsDestConfig member;
     bool add;
-    bool restart;
     double due;
+    std::uint64_t serial;  // the order of the configuration's changes
   };
 
   FloodListChip(SoftwareChip* chip, const Kiv::Ptr<Mox::TaskScheduler>& scheduler,
@@ -111,10 +106,10 @@ class FloodListChip : public SoftwareChip::Part {
   std::unique_ptr<Review> review_;
 
   double latency_ = 0;
-  bool restarting_ = false;
   // The configuration as the chip last read it, and the changes still to act on, in order.
   std::map<Bridging::MacVlanPair, List> seen_;
   std::deque<Change> queue_;
+  std::uint64_t serial_ = 0;
   std::map<Bridging::MacVlanPair, List> lists_;
   std::function<bool(Oba::HwTunnelId)> hwTunnelIdHeld_;
   std::function<bool(std::uint64_t)> hwFecIdHeld_;

@@ -29,9 +29,9 @@ class FloodSetAgent::Log {
     void onMapping(const Oba::MplsFloodSetVia& via) override {
       if (!f_->agent.log().enabled()) return;
       auto info = notifier()->mapping(via);
-      f_->agent.note("hwInfoMapping", info ? hwInfoLine(via, *info)
-                                           : chipText(via.tunnelId(), " label ", via.label(),
-                                                      " deleted"));
+      f_->agent.note("hwInfoMapping",
+                     info ? hwInfoLine(via, *info)
+                          : chipText(via.tunnelId(), " label ", via.label(), " deleted"));
     }
 
    private:
@@ -321,7 +321,7 @@ class FloodSetFuzz : public FamilyFuzz {
 
   void choices(bool initial, std::vector<Choice>& out) const override {
     static constexpr std::pair<Kind, std::uint64_t> weights[] = {
-        {Kind::floodSetDest, 24}, {Kind::floodSetDestDel, 12},  {Kind::floodSetDel, 2},
+        {Kind::floodSetDest, 24},   {Kind::floodSetDestDel, 12}, {Kind::floodSetDel, 2},
         {Kind::vlanFloodSetDel, 1}, {Kind::floodListLatency, 2},
     };
     for (const auto& [kind, weight] : weights) {
@@ -425,9 +425,9 @@ class FloodSetFamily : public Family {
                return true;
              },
              [] {
-               return FloodListChip::canaryBreakBeforeMake() ? std::string(
-                                                                   "--canary-break-before-make on")
-                                                             : std::string();
+               return FloodListChip::canaryBreakBeforeMake()
+                          ? std::string("--canary-break-before-make on")
+                          : std::string();
              }}};
   }
 
