@@ -21,6 +21,7 @@
 #include "Kiv/Entity.h"
 #include "Kiv/Types.h"
 #include "L2Rib/ObjTuple.h"
+#include "Oba/HwTunnelId.h"
 #include "Oba/ObaExport.h"
 #include "Oba/ObaValue.h"
 #include "Quil/IntfId.h"
@@ -59,18 +60,23 @@ class OBA_EXPORT FecToHwFecId
   Shoal::Fib::FecId key() const { return fecId(); }
 };
 
-// A request for the hardware id of a FEC, and whether the requester also wants the layer-2
-// interface the chip makes for it (flood lists do; MAC forwarding does not).
+// A request for the hardware id of a FEC, whether the requester also wants the layer-2
+// interface the chip makes for it (flood lists do; MAC forwarding does not), and the hardware
+// tunnel id of the FEC's tunnel as the requester knew it (0: none or not told), so that a tunnel
+// that gets another hardware id re-issues the request with it.
 struct HwFecIdRequestFields {
   static constexpr const char* typeName = "Oba::HwFecIdRequest";
-  static constexpr std::array<const char*, 2> names{"fecId", "l2IntfIdWanted"};
+  static constexpr std::array<const char*, 3> names{"fecId", "l2IntfIdWanted", "hwTunnelId"};
 };
 class OBA_EXPORT HwFecIdRequest
-    : public Value<HwFecIdRequest, HwFecIdRequestFields, Shoal::Fib::FecId, bool> {
+    : public Value<HwFecIdRequest, HwFecIdRequestFields, Shoal::Fib::FecId, bool, HwTunnelId> {
  public:
   using Value::Value;
+  HwFecIdRequest(Shoal::Fib::FecId fecId, bool l2IntfIdWanted)
+      : Value(fecId, l2IntfIdWanted, HwTunnelId()) {}
   Shoal::Fib::FecId fecId() const { return field<0>(); }
   bool l2IntfIdWanted() const { return field<1>(); }
+  HwTunnelId hwTunnelId() const { return field<2>(); }
   Shoal::Fib::FecId key() const { return fecId(); }
 };
 

@@ -85,20 +85,6 @@ void ObaMacAddrFecRequestSm::maxChainLengthIs(std::uint32_t n) {
   maxChainLength_ = n;
 }
 
-void ObaMacAddrFecRequestSm::numAllocatorConfigIs(Mox::Range range) {
-  numConfig_ = new Mox::NumAllocatorConfig;
-  numConfig_->rangeIs(range);
-  numConfig_->expiryTimeIs(fecNumberExpiryTime);
-}
-
-void ObaMacAddrFecRequestSm::numAllocatorStatusIs() { numStatus_ = new Mox::NumAllocatorStatus; }
-
-void ObaMacAddrFecRequestSm::numAllocatorIs(const Kiv::Ptr<Mox::NumAllocatorConfig>& config,
-                                            const Kiv::Ptr<Mox::NumAllocatorStatus>& status,
-                                            const Kiv::Ptr<Kiv::Clock>& clock) {
-  numAllocator_ = Mox::NumAllocator::NumAllocatorIs(config, status, clock);
-}
-
 void ObaMacAddrFecRequestSm::handleInitialized() {
   OBA_TRACE8(th, "handleInitialized");
   KIV_ASSERT(timerWheel());

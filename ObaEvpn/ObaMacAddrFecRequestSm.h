@@ -30,12 +30,13 @@
 #include "Mox/TimerWheel.h"
 #include "Oba/ObaCommon.h"
 #include "Oba/ObaExport.h"
+#include "Oba/ObaFecNumbers.h"
 #include "Oba/ObaFecRecords.h"
 #include "Shoal/Fib.h"
 
 namespace Oba {
 
-class OBA_EXPORT ObaMacAddrFecRequestSm : public Kiv::PtrInterface {
+class OBA_EXPORT ObaMacAddrFecRequestSm : public Kiv::PtrInterface, public FecNumberAllocation {
  public:
   using ObjTuple = L2Rib::ObjTuple;
   using FecId = Shoal::Fib::FecId;
@@ -45,7 +46,6 @@ class OBA_EXPORT ObaMacAddrFecRequestSm : public Kiv::PtrInterface {
   static constexpr std::uint32_t maxChainLengthDefault = 2;
   // The allocator's numbers, encoded into FEC ids of the tunnel adjacency type.
   static constexpr Mox::Range fecNumberRange{1, (1 << 20) - 1};
-  static constexpr double fecNumberExpiryTime = 10.0;
 
   static Kiv::Ptr<ObaMacAddrFecRequestSm> ObaMacAddrFecRequestSmIs(
       const Kiv::Ptr<const L2Rib::LabelOutput>& labelTable,
@@ -135,16 +135,6 @@ class OBA_EXPORT ObaMacAddrFecRequestSm : public Kiv::PtrInterface {
   // Raises Kiv::RangeException outside 2..3.
   void maxChainLengthIs(std::uint32_t n);
 
-  // The FEC number allocator.
-  const Kiv::Ptr<Mox::NumAllocatorConfig>& numAllocatorConfig() const { return numConfig_; }
-  const Kiv::Ptr<Mox::NumAllocatorStatus>& numAllocatorStatus() const { return numStatus_; }
-  const Kiv::Ptr<Mox::NumAllocator>& numAllocator() const { return numAllocator_; }
-  void numAllocatorConfigIs(Mox::Range range);
-  void numAllocatorStatusIs();
-  void numAllocatorIs(const Kiv::Ptr<Mox::NumAllocatorConfig>& config,
-                      const Kiv::Ptr<Mox::NumAllocatorStatus>& status,
-                      const Kiv::Ptr<Kiv::Clock>& clock);
-
   // Handlers.
   void handleInitialized();
   void handleL2RibHost(const Bridging::MacVlanPair& macVlan);
@@ -189,9 +179,6 @@ class OBA_EXPORT ObaMacAddrFecRequestSm : public Kiv::PtrInterface {
   Kiv::Ptr<ObjTupleToHwId> objTupleToHwIdMap_;
   Kiv::Ptr<Mox::TimerWheel> timerWheel_;
   Kiv::Ptr<Mox::TaskScheduler> scheduler_;
-  Kiv::Ptr<Mox::NumAllocatorConfig> numConfig_;
-  Kiv::Ptr<Mox::NumAllocatorStatus> numStatus_;
-  Kiv::Ptr<Mox::NumAllocator> numAllocator_;
   std::uint32_t maxChainLength_ = maxChainLengthDefault;
 };
 
