@@ -111,9 +111,10 @@ TEST(FloodListChip, TheLedgerCatchesABreakBeforeMakeAndIdsNobodyHolds) {
   t.config->configIs(Lists::list10)->mplsDestConfigDel(a);
   t.scheduler->runDue();
   ASSERT_EQ(t.violations().size(), 1u);
-  EXPECT_EQ(t.violations()[0],
-            "unprogramFloodListMember 10/ff:ff:ff:ff:ff:ff Tunnel1.1 label 1001 hwTunnelId 1 hwId 7 "
-            "l2IntfId Ethernet7: removed before its replacement hwTunnelId 1 hwId 8 was added");
+  EXPECT_EQ(
+      t.violations()[0],
+      "unprogramFloodListMember 10/ff:ff:ff:ff:ff:ff Tunnel1.1 label 1001 hwTunnelId 1 hwId 7 "
+      "l2IntfId Ethernet7: removed before its replacement hwTunnelId 1 hwId 8 was added");
 
   t.config->configIs(Lists::list10)->mplsDestConfigIs(c, true);
   t.scheduler->runDue();

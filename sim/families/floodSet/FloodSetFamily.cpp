@@ -52,6 +52,7 @@ FloodSetAgent::FloodSetAgent(HostAgent& a)
       fecRequest(new Oba::FecIdToHwFecIdRequest("mplsFloodSetFecRequest")),
       fecResponse(new Oba::FecIdToHwFecIdResponse("mplsFloodSetFecResponse")),
       lists(FloodListChip::FloodListChipIs(a.chip, a.scheduler, hwConfig, hwStatus)),
+      timerWheel(Mox::TimerWheel::TimerWheelIs(a.clock)),
       log_(std::make_unique<Log>(this)) {
   TunnelEsiAgent* t = &tunnels;
   lists->hwTunnelIdHeldIs(
@@ -60,13 +61,39 @@ FloodSetAgent::FloodSetAgent(HostAgent& a)
 
 FloodSetAgent::~FloodSetAgent() = default;
 
-void FloodSetAgent::start() {
-  filterSm = Oba::vlanFloodSetFilterSmFactory(L2Rib::destTypeMpls_, l2RibFloodSet, mplsFloodSet);
+void FloodSetAgent::startFecSm() {
+  fecSm = Oba::evpnFloodSetFecSmFactory(mplsFloodSet, tunnels.mapping, hwStatus, fecRequest,
+                                        fecResponse, hwInfoMapping, timerWheel);
 }
 
-void FloodSetAgent::stop() { filterSm = nullptr; }
+void FloodSetAgent::startVlanSm() {
+  vlanSm = Oba::evpnVlanFloodSetSmFactory(mplsFloodSet, tunnels.mapping, hwInfoMapping, hwConfig,
+                                          hwStatus);
+}
 
-void FloodSetAgent::restart(const std::string&) {}
+void FloodSetAgent::start() {
+  // The filter first, so that the flood-set machines start over the MPLS-only flood sets; then
+  // the writer of the pairs' hardware identifiers before their reader.
+  filterSm = Oba::vlanFloodSetFilterSmFactory(L2Rib::destTypeMpls_, l2RibFloodSet, mplsFloodSet);
+  startFecSm();
+  startVlanSm();
+}
+
+void FloodSetAgent::stop() {
+  vlanSm = nullptr;
+  fecSm = nullptr;
+  filterSm = nullptr;
+}
+
+void FloodSetAgent::restart(const std::string& machine) {
+  if (machine == "floodSetFec") {
+    fecSm = nullptr;
+    startFecSm();
+    return;
+  }
+  vlanSm = nullptr;
+  startVlanSm();
+}
 
 std::vector<std::string> FloodSetAgent::mplsFloodSetLines() const {
   std::vector<std::string> out;
@@ -150,6 +177,7 @@ class FloodSetAction : public ActionBody {
     floodSetDel,       // vlan, mac
     vlanFloodSetDel,   // vlan
     floodListLatency,  // seconds
+    mplsFloodSetDest,  // vlan, mac, dest: written straight into the MPLS-only flood sets
   };
   Kind kind{};
   Bridging::VlanId vlan;
@@ -182,6 +210,11 @@ class FloodSetAction : public ActionBody {
         break;
       case Kind::floodListLatency:
         f.lists->latencyIs(seconds);
+        break;
+      case Kind::mplsFloodSetDest:
+        // A second writer on the filter's output, as a misbuilt agent would have: whatever it
+        // writes reaches the flood-set machines unfiltered.
+        f.mplsFloodSet->vlanFloodSetIs(vlan)->floodSetIs(mac)->destSetIs(dest, value);
         break;
     }
   }
@@ -216,6 +249,11 @@ class FloodSetAction : public ActionBody {
         break;
       case Kind::floodListLatency:
         os << "floodListLatency: " << seconds;
+        break;
+      case Kind::mplsFloodSetDest:
+        os << "mplsFloodSetDest: {";
+        where();
+        os << ", dest: '" << dest << "'}";
         break;
     }
   }
@@ -273,6 +311,13 @@ const ActionDef actionDefs[] = {
      }},
     {"vlanFloodSetDel", Kind::vlanFloodSetDel,
      [](const Reader& r, const YAML::Node& v, FloodSetAction& a) { a.vlan = r.vlan(v); }},
+    {"mplsFloodSetDest", Kind::mplsFloodSetDest,
+     [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
+       r.onlyKeys(v, {"vlan", "mac", "dest"}, "mplsFloodSetDest");
+       a.vlan = r.vlan(r.field(v, "vlan"));
+       a.mac = macOf(r, v);
+       a.dest = destOf(r, v);
+     }},
     {"floodListLatency", Kind::floodListLatency,
      [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
        a.seconds = r.number(v, "a latency in seconds");
@@ -349,7 +394,7 @@ class FloodSetFuzz : public FamilyFuzz {
 class FloodSetFamily : public Family {
  public:
   std::string_view name() const override { return "floodSet"; }
-  std::vector<std::string> machines() const override { return {}; }
+  std::vector<std::string> machines() const override { return {"floodSetFec", "vlanFloodSet"}; }
 
   std::vector<ChipOperation> chipOperations() const override {
     auto rc = [](const Reader& r, const YAML::Node& n) {

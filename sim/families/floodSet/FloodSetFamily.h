@@ -16,9 +16,12 @@
 #include <vector>
 
 #include "L2Rib/FloodSet.h"
+#include "Mox/TimerWheel.h"
 #include "Oba/ObaFecRecords.h"
 #include "Oba/ObaFloodSetRecords.h"
+#include "ObaEvpn/ObaEvpnFloodSetFecSm.h"
 #include "ObaEvpn/ObaEvpnVlanFloodSetFilterSm.h"
+#include "ObaEvpn/ObaEvpnVlanFloodSetSm.h"
 #include "sim/Family.h"
 #include "sim/HostAgent.h"
 #include "sim/families/floodSet/FloodListChip.h"
@@ -36,6 +39,7 @@ class FloodSetAgent : public FamilyAgent {
 
   void start() override;
   void stop() override;
+  // "floodSetFec" or "vlanFloodSet", each alone.
   void restart(const std::string& machine) override;
   std::vector<std::string> lines(std::string_view table) const override;
   void printChip(std::ostream& os) const override;
@@ -58,10 +62,15 @@ class FloodSetAgent : public FamilyAgent {
   const Kiv::Ptr<Oba::FecIdToHwFecIdRequest> fecRequest;
   const Kiv::Ptr<Oba::FecIdToHwFecIdResponse> fecResponse;
   const Kiv::Ptr<FloodListChip> lists;
+  const Kiv::Ptr<Mox::TimerWheel> timerWheel;
   Kiv::Ptr<Oba::VlanFloodSetFilterSm> filterSm;
+  Kiv::Ptr<Oba::EvpnFloodSetFecSm> fecSm;
+  Kiv::Ptr<Oba::EvpnVlanFloodSetSm> vlanSm;
 
  private:
   class Log;
+  void startFecSm();
+  void startVlanSm();
   std::unique_ptr<Log> log_;
 };
 
