@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <tuple>
 
 #include "sim/ChipLink.h"
 #include "sim/families/tunnelEsi/TunnelEsiFamily.h"
@@ -11,49 +12,75 @@ namespace Sim {
 
 namespace {
 
-// Lines of `want` missing from `got` and lines of `got` not wanted, each said once.
-std::vector<std::string> diff(std::vector<std::string> want, std::vector<std::string> got) {
+using Pair = Oba::MplsFloodSetVia;
+using Member = std::pair<Bridging::MacVlanPair, Oba::MplsDestConfig>;
+using RibMember = std::tuple<Bridging::MacVlanPair, L2Rib::Dest, bool>;
+
+std::string line(const RibMember& m) {
+  return chipText(std::get<0>(m).text().view(), " ", std::get<1>(m).text().view(),
+                  std::get<2>(m) ? "" : " (false)");
+}
+std::string line(const Member& m) { return memberLine(m.first, m.second); }
+std::string line(const std::pair<Pair, Oba::HwTunnelId>& r) {
+  return chipText(r.first.tunnelId(), " label ", r.first.label(), " hwTunnelId ", r.second);
+}
+std::string line(const std::pair<Pair, Oba::MplsDestHwInfo>& i) {
+  return hwInfoLine(i.first, i.second);
+}
+
+// The lines of what `want` has and `got` lacks, and of what `got` has beyond `want`; both sorted.
+// Text is built for the differences alone: the check runs after every step.
+template <class T>
+std::vector<std::string> diff(std::vector<T> want, std::vector<T> got) {
   std::sort(want.begin(), want.end());
   std::sort(got.begin(), got.end());
   std::vector<std::string> out;
-  std::vector<std::string> missing, extra;
+  if (want == got) return out;
+  std::vector<T> missing, extra;
   std::set_difference(want.begin(), want.end(), got.begin(), got.end(),
                       std::back_inserter(missing));
   std::set_difference(got.begin(), got.end(), want.begin(), want.end(), std::back_inserter(extra));
-  for (auto& l : missing) out.push_back("missing: " + l);
-  for (auto& l : extra) out.push_back("unexpected: " + l);
+  for (const auto& l : missing) out.push_back("missing: " + line(l));
+  for (const auto& l : extra) out.push_back("unexpected: " + line(l));
   return out;
+}
+
+std::vector<RibMember> ribMembers(const L2Rib::FloodSetOutput& out, bool mplsOnly) {
+  std::vector<RibMember> v;
+  for (auto [vlan, vfs] : out.vlanFloodSetWalk()) {
+    for (auto [mac, fs] : vfs->floodSetWalk()) {
+      for (auto [dest, value] : fs->destSetWalk()) {
+        if (mplsOnly && dest.destType() != L2Rib::destTypeMpls_) continue;
+        v.emplace_back(Bridging::MacVlanPair{vlan, mac}, dest, value);
+      }
+    }
+  }
+  return v;
+}
+
+Oba::HwTunnelId hwTunnelIdOf(const FloodSetAgent& f, const Tunnel::TunnelTable::TunnelId& t) {
+  auto row = f.tunnels.mapping->tunnelIdToHwTunnelId(t);
+  return row.found ? row.row.hwTunnelId() : Oba::HwTunnelId();
 }
 
 }  // namespace
 
 std::vector<std::string> expectedMplsFloodSetLines(const FloodSetAgent& f) {
-  // The RIB's flood sets with every destination of another type left out; a flood set left
-  // without destinations is no flood set.
   std::vector<std::string> out;
-  for (auto [vlan, v] : f.l2RibFloodSet->vlanFloodSetWalk()) {
-    for (auto [mac, fs] : v->floodSetWalk()) {
-      for (auto [dest, value] : fs->destSetWalk()) {
-        if (dest.destType() != L2Rib::destTypeMpls_) continue;
-        out.push_back(chipText(Bridging::MacVlanPair{vlan, mac}.text().view(), " ",
-                               dest.text().view(), value ? "" : " (false)"));
-      }
-    }
-  }
+  for (const auto& m : ribMembers(*f.l2RibFloodSet, true)) out.push_back(line(m));
   std::sort(out.begin(), out.end());
   return out;
 }
 
 FloodSetModel expectedFloodSets(const FloodSetAgent& f) {
   FloodSetModel m;
-  using Pair = Oba::MplsFloodSetVia;
   // The members the RIB floods to over MPLS: every MPLS destination it holds as a member, except
   // those without a tunnel.
-  struct Member {
+  struct RibPair {
     Bridging::MacVlanPair list;
     Pair pair;
   };
-  std::vector<Member> members;
+  std::vector<RibPair> members;
   for (auto [vlan, v] : f.l2RibFloodSet->vlanFloodSetWalk()) {
     for (auto [mac, fs] : v->floodSetWalk()) {
       for (auto [dest, value] : fs->destSetWalk()) {
@@ -87,73 +114,82 @@ FloodSetModel expectedFloodSets(const FloodSetAgent& f) {
   for (const auto& [list, pair] : members) {
     auto info = m.hwInfo.find(pair);
     if (info == m.hwInfo.end()) continue;
-    auto row = f.tunnels.mapping->tunnelIdToHwTunnelId(pair.tunnelId());
-    const Oba::HwTunnelId hwTunnel = row.found ? row.row.hwTunnelId() : Oba::HwTunnelId();
-    m.config[list].insert(Oba::MplsDestConfig(pair.tunnelId(), pair.label(), hwTunnel,
-                                              info->second.hwIdForTunnelProgramming(),
-                                              info->second.l2IntfId()));
+    m.config[list].insert(
+        Oba::MplsDestConfig(pair.tunnelId(), pair.label(), hwTunnelIdOf(f, pair.tunnelId()),
+                            info->second.hwIdForTunnelProgramming(), info->second.l2IntfId()));
   }
   return m;
 }
 
 std::optional<CheckFailure> checkFloodSets(const FloodSetAgent& f, Counters* counters) {
-  if (auto d = diff(expectedMplsFloodSetLines(f), f.mplsFloodSetLines()); !d.empty()) {
+  // The filter's output: the RIB's flood sets with every destination of another type left out
+  // (a flood set left without destinations is no flood set).
+  if (auto d = diff(ribMembers(*f.l2RibFloodSet, true), ribMembers(*f.mplsFloodSet, false));
+      !d.empty()) {
     return CheckFailure{"mplsFloodSet", std::move(d)};
   }
   const FloodSetModel m = expectedFloodSets(f);
-  // The FEC requests: one per pair that needs one, for the pair's tunnel as its hardware id is now.
+  // The FEC requests: one per pair that needs one, carrying the tunnel's hardware id as it is now.
   {
-    std::vector<std::string> want, got;
-    for (const auto& pair : m.requested) {
-      auto row = f.tunnels.mapping->tunnelIdToHwTunnelId(pair.tunnelId());
-      want.push_back(chipText(pair.tunnelId(), " label ", pair.label(), " hwTunnelId ",
-                              row.found ? row.row.hwTunnelId() : Oba::HwTunnelId()));
-    }
+    std::vector<std::pair<Pair, Oba::HwTunnelId>> want, got;
+    for (const auto& pair : m.requested) want.emplace_back(pair, hwTunnelIdOf(f, pair.tunnelId()));
     for (auto [fecId, req] : f.fecRequest->hwFecIdRequestWalk()) {
       auto fec = f.fecRequest->fec(fecId);
       if (!fec.found || fec.row.vias() != 1) {
-        got.push_back("a request without its FEC");
-        continue;
+        return CheckFailure{"fecRequests",
+                            {chipText("a request without its FEC: ", fecId.value())}};
       }
       const auto& via = fec.row.via()[0];
-      got.push_back(
-          chipText(via.tunnelId(), " label ", via.mplsLabel(), " hwTunnelId ", req.hwTunnelId()));
+      got.emplace_back(Pair(via.tunnelId(), via.mplsLabel()), req.hwTunnelId());
     }
     if (auto d = diff(want, got); !d.empty()) return CheckFailure{"fecRequests", std::move(d)};
-  }
-  {
-    std::vector<std::string> want;
-    for (const auto& [pair, info] : m.hwInfo) want.push_back(hwInfoLine(pair, info));
-    if (auto d = diff(want, f.hwInfoLines()); !d.empty()) {
-      return CheckFailure{"hwInfoMapping", std::move(d)};
+    if (f.fecRequest->fecs() != f.fecRequest->hwFecIdRequests()) {
+      for (auto [fecId, fec] : f.fecRequest->fecWalk()) {
+        if (!f.fecRequest->hwFecIdRequest(fecId).found) {
+          return CheckFailure{"fecRequests",
+                              {chipText("a FEC left without its request: ", fecId.value())}};
+        }
+      }
     }
   }
   {
-    std::vector<std::string> want;
+    std::vector<std::pair<Pair, Oba::MplsDestHwInfo>> want(m.hwInfo.begin(), m.hwInfo.end()), got;
+    for (auto [via, info] : f.hwInfoMapping->mappingWalk()) got.emplace_back(via, info);
+    if (auto d = diff(want, got); !d.empty()) return CheckFailure{"hwInfoMapping", std::move(d)};
+  }
+  std::vector<Member> configured;
+  for (auto [list, c] : f.hwConfig->configWalk()) {
+    for (auto [member, unused] : c->mplsDestConfigWalk()) configured.emplace_back(list, member);
+  }
+  {
+    std::vector<Member> want;
     for (const auto& [list, members] : m.config) {
-      for (const auto& c : members) want.push_back(memberLine(list, c));
+      for (const auto& c : members) want.emplace_back(list, c);
     }
-    if (auto d = diff(want, f.configLines()); !d.empty()) {
+    if (auto d = diff(want, configured); !d.empty()) {
       return CheckFailure{"floodListConfig", std::move(d)};
     }
   }
   // The chip has acted on every change of the configuration: it reports every configured member
   // and nothing else, and its lists hold exactly the members it reports programmed.
-  std::vector<std::string> reported, programmed;
+  std::vector<Member> reported, programmed, listed;
   for (auto [list, s] : f.hwStatus->statusWalk()) {
     for (auto [c, rc] : s->mplsDestStatusWalk()) {
-      reported.push_back(memberLine(list, c));
+      reported.emplace_back(list, c);
       if (rc == Oba::HwProgrammingStatus::programmed) {
-        programmed.push_back(memberLine(list, c));
+        programmed.emplace_back(list, c);
       } else if (counters) {
         ++(*counters)["refusedMember"];
       }
     }
   }
-  if (auto d = diff(f.configLines(), reported); !d.empty()) {
+  if (auto d = diff(configured, reported); !d.empty()) {
     return CheckFailure{"floodListStatus", std::move(d)};
   }
-  if (auto d = diff(programmed, f.listLines()); !d.empty()) {
+  for (const auto& [list, members] : f.lists->lists()) {
+    for (const auto& c : members) listed.emplace_back(list, c);
+  }
+  if (auto d = diff(programmed, listed); !d.empty()) {
     return CheckFailure{"floodLists", std::move(d)};
   }
   return std::nullopt;

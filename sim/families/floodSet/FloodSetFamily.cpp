@@ -61,9 +61,18 @@ FloodSetAgent::FloodSetAgent(HostAgent& a)
 
 FloodSetAgent::~FloodSetAgent() = default;
 
+// A new incarnation of the FEC machine drops the hardware FEC id requests and the pairs'
+// identifiers of the old one, but not its FEC definitions; it defines afresh, under ids its new
+// allocator hands out, the FECs of the pairs it requests. A definition it did not write again has
+// no request and nobody to delete it: the agent deletes it.
 void FloodSetAgent::startFecSm() {
   fecSm = Oba::evpnFloodSetFecSmFactory(mplsFloodSet, tunnels.mapping, hwStatus, fecRequest,
                                         fecResponse, hwInfoMapping, timerWheel);
+  std::vector<Shoal::Fib::FecId> left;
+  for (auto [fecId, fec] : fecRequest->fecWalk()) {
+    if (!fecRequest->hwFecIdRequest(fecId).found) left.push_back(fecId);
+  }
+  for (const auto& fecId : left) fecRequest->fecDel(fecId);
 }
 
 void FloodSetAgent::startVlanSm() {
