@@ -215,10 +215,21 @@ void FloodListChip::unprogram(const Change& c) {
     chip_->tell("unprogramFloodListMember",
                 chipText("unprogramFloodListMember ", memberLine(c.list, m)));
   }
-  if (auto s = status_->status(c.list)) {
-    s->mplsDestStatusDel(m);
-    if (!s->mplsDestStatuss()) status_->statusDel(c.list);
+  auto s = status_->status(c.list);
+  if (!s) return;
+  s->mplsDestStatusDel(m);
+  if (!s->mplsDestStatuss()) {
+    status_->statusDel(c.list);
+    return;
   }
+  // A reader that keeps, per tunnel and label, the lists in which the chip reports a member
+  // programmed, forgets the list when the replaced member's report goes although its
+  // replacement's stays: the chip tells the replacement's report again.
+  std::vector<Oba::MplsDestConfig> same;
+  for (auto [other, rc] : s->mplsDestStatusWalk()) {
+    if (samePair(other, m)) same.push_back(other);
+  }
+  for (const auto& other : same) s->mplsDestStatusNotify(other);
 }
 
 bool FloodListChip::usesHwFecId(std::uint64_t hwFecId) const {
