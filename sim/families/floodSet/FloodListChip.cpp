@@ -121,6 +121,10 @@ void FloodListChip::memberChanged(const Bridging::MacVlanPair& list, const Oba::
   if (present) {
     seen.insert(m);
   } else {
+    if (!restarting_ && stillWanted_ && stillWanted_(list, m)) {
+      chip_->violation(
+          chipText("floodListConfig ", memberLine(list, m), ": removed while still wanted"));
+    }
     seen.erase(m);
     if (seen.empty()) seen_.erase(list);
   }

@@ -13,10 +13,11 @@
 // those before it), so the machine's make before break reaches the hardware as it was meant: the
 // new member in the list before the old one leaves.
 //
-// Its ledger: a member programmed with a hardware tunnel id or a hardware FEC id that nobody
-// handed out; a FEC id given back while a hardware list still uses it; a member taken out of a
-// list while its replacement (the same tunnel and label), configured before the removal, is still
-// to be added: the list lacks the destination for a moment although the configuration never did.
+// Its ledger: a member the configuration loses while the inputs still call for it; a member
+// programmed with a hardware tunnel id or a hardware FEC id that nobody handed out; a FEC id given
+// back while a hardware list still uses it; a member taken out of a list while its replacement (the
+// same tunnel and label), configured before the removal, is still to be added: the list lacks the
+// destination for a moment although the configuration never did.
 
 #include <cstdint>
 #include <deque>
@@ -52,6 +53,14 @@ class FloodListChip : public SoftwareChip::Part {
   // What the ledger asks of the other chip tables: whether an id is handed out now.
   void hwTunnelIdHeldIs(std::function<bool(Oba::HwTunnelId)> f) { hwTunnelIdHeld_ = std::move(f); }
   void hwFecIdHeldIs(std::function<bool(std::uint64_t)> f) { hwFecIdHeld_ = std::move(f); }
+  // Whether the inputs still call for a member exactly as configured: a member the configuration
+  // loses while they do was removed for nothing (the configuration breaks before it makes),
+  // except while an agent restarts a machine, which drops what the machine wrote.
+  void stillWantedIs(
+      std::function<bool(const Bridging::MacVlanPair&, const Oba::MplsDestConfig&)> f) {
+    stillWanted_ = std::move(f);
+  }
+  void restartingIs(bool r) { restarting_ = r; }
   // The FEC table gives a hardware FEC id back: a hardware list still using it is a violation.
   void hwFecIdReleased(std::uint64_t hwFecId);
 
@@ -113,6 +122,8 @@ class FloodListChip : public SoftwareChip::Part {
   std::map<Bridging::MacVlanPair, List> lists_;
   std::function<bool(Oba::HwTunnelId)> hwTunnelIdHeld_;
   std::function<bool(std::uint64_t)> hwFecIdHeld_;
+  std::function<bool(const Bridging::MacVlanPair&, const Oba::MplsDestConfig&)> stillWanted_;
+  bool restarting_ = false;
 
   static inline bool canaryBreakBeforeMake_ = false;
   const bool breakBeforeMake_;

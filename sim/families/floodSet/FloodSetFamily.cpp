@@ -57,6 +57,25 @@ FloodSetAgent::FloodSetAgent(HostAgent& a)
   TunnelEsiAgent* t = &tunnels;
   lists->hwTunnelIdHeldIs(
       [t](Oba::HwTunnelId id) { return t->chip->hwTunnelIdsInUse().contains(id.value()); });
+  lists->stillWantedIs([this](const Bridging::MacVlanPair& list, const Oba::MplsDestConfig& m) {
+    return stillWanted(list, m);
+  });
+}
+
+// The member is in the RIB's flood set, its tunnel has the hardware id it names (or none, as it
+// names none), and its pair has the identifiers it names.
+bool FloodSetAgent::stillWanted(const Bridging::MacVlanPair& list,
+                                const Oba::MplsDestConfig& m) const {
+  auto v = l2RibFloodSet->vlanFloodSet(list.vlanId);
+  auto fs = v ? v->floodSet(list.macAddr) : nullptr;
+  if (!fs || !fs->destSet(L2Rib::Dest::mpls(m.tunnelId(), m.label())).value_or(false)) {
+    return false;
+  }
+  auto row = tunnels.mapping->tunnelIdToHwTunnelId(m.tunnelId());
+  if ((row.found ? row.row.hwTunnelId() : Oba::HwTunnelId()) != m.hwTunnelId()) return false;
+  auto info = hwInfoMapping->mapping(Oba::MplsFloodSetVia(m.tunnelId(), m.label()));
+  return info && info->hwIdForTunnelProgramming() == m.hwIdForTunnelProgramming() &&
+         info->l2IntfId() == m.l2IntfId();
 }
 
 FloodSetAgent::~FloodSetAgent() = default;
@@ -82,10 +101,13 @@ void FloodSetAgent::startVlanSm() {
 
 void FloodSetAgent::start() {
   // The filter first, so that the flood-set machines start over the MPLS-only flood sets; then
-  // the writer of the pairs' hardware identifiers before their reader.
+  // the writer of the pairs' hardware identifiers before their reader. A machine that starts
+  // drops what an earlier one wrote.
+  lists->restartingIs(true);
   filterSm = Oba::vlanFloodSetFilterSmFactory(L2Rib::destTypeMpls_, l2RibFloodSet, mplsFloodSet);
   startFecSm();
   startVlanSm();
+  lists->restartingIs(false);
 }
 
 void FloodSetAgent::stop() {
@@ -95,13 +117,15 @@ void FloodSetAgent::stop() {
 }
 
 void FloodSetAgent::restart(const std::string& machine) {
+  lists->restartingIs(true);
   if (machine == "floodSetFec") {
     fecSm = nullptr;
     startFecSm();
-    return;
+  } else {
+    vlanSm = nullptr;
+    startVlanSm();
   }
-  vlanSm = nullptr;
-  startVlanSm();
+  lists->restartingIs(false);
 }
 
 std::vector<std::string> FloodSetAgent::mplsFloodSetLines() const {

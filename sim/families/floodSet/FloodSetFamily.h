@@ -50,6 +50,8 @@ class FloodSetAgent : public FamilyAgent {
   std::vector<std::string> listLines() const;
   std::vector<std::string> statusLines() const;
   std::vector<std::string> hwInfoLines() const;
+  // Whether the inputs call for the member exactly as it is configured.
+  bool stillWanted(const Bridging::MacVlanPair& list, const Oba::MplsDestConfig& m) const;
 
   HostAgent& agent;
   // The tunnel-id family's part: its mapping table and its chip's hardware tunnel ids.
