@@ -2,6 +2,7 @@
 // may read what an earlier family's machines write. One line per family.
 #include "sim/Family.h"
 #include "sim/families/floodSet/FloodSetFamily.h"
+#include "sim/families/macFec/MacFecFamily.h"
 #include "sim/families/tunnelEsi/TunnelEsiFamily.h"
 
 namespace Sim {
@@ -9,6 +10,7 @@ namespace Sim {
 const Families& registeredFamilies() {
   static const Families families{
       &tunnelEsiFamily(),
+      &macFecFamily(),
       &floodSetFamily(),
   };
   return families;

@@ -43,6 +43,9 @@ class ActionBody {
   virtual void write(std::ostream& os) const = 0;
   // A restart needs a started agent: such an action cannot be among the initial ones.
   virtual bool needsStartedAgent() const { return false; }
+  // A setting the family's random world depends on (the machine would abort without it): a
+  // shrunk run keeps it.
+  virtual bool keptByShrinking() const { return false; }
 };
 
 struct Action {

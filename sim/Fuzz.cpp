@@ -384,12 +384,22 @@ std::size_t actionCount(const Scenario& s) {
 Scenario shrink(const Scenario& s, const std::string& check, std::uint64_t budget,
                 const Families& families) {
   // Every action by (step, index); step npos is `initial`.
-  std::vector<std::pair<std::size_t, std::size_t>> units;
-  for (std::size_t i = 0; i < s.initial.size(); ++i) units.emplace_back(npos, i);
-  for (std::size_t k = 0; k + 1 < s.steps.size(); ++k) {
-    for (std::size_t i = 0; i < s.steps[k].actions.size(); ++i) units.emplace_back(k, i);
+  // Actions the families keep whatever else goes stay out of the units and in every candidate.
+  std::vector<std::pair<std::size_t, std::size_t>> units, kept;
+  for (std::size_t i = 0; i < s.initial.size(); ++i) {
+    (s.initial[i].body->keptByShrinking() ? kept : units).emplace_back(npos, i);
   }
-  auto build = [&](const std::vector<std::pair<std::size_t, std::size_t>>& keep) {
+  for (std::size_t k = 0; k + 1 < s.steps.size(); ++k) {
+    for (std::size_t i = 0; i < s.steps[k].actions.size(); ++i) {
+      (s.steps[k].actions[i].body->keptByShrinking() ? kept : units).emplace_back(k, i);
+    }
+  }
+  auto build = [&](std::vector<std::pair<std::size_t, std::size_t>> keep) {
+    keep.insert(keep.end(), kept.begin(), kept.end());
+    // In the run's order: `initial` (npos) first, then the steps.
+    std::sort(keep.begin(), keep.end(), [](const auto& a, const auto& b) {
+      return std::pair(a.first + 1, a.second) < std::pair(b.first + 1, b.second);
+    });
     Scenario c;
     c.families = s.families;
     c.name = s.name;

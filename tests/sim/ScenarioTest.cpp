@@ -8,20 +8,21 @@
 #include "Kiv/Trace.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
+#include "sim/families/macFec/MacFecFamily.h"
 #include "sim/families/tunnelEsi/TunnelEsiFamily.h"
 
 namespace {
 
-// The core with its first family alone: what the reader says and the state it prints do not
-// change as families join.
-const Sim::Families& esiOnly() {
-  static const Sim::Families families{&Sim::tunnelEsiFamily()};
+// The families the texts below were written for: what the reader lists and the state it prints
+// do not change as other families join.
+const Sim::Families& textFamilies() {
+  static const Sim::Families families{&Sim::tunnelEsiFamily(), &Sim::macFecFamily()};
   return families;
 }
 
 std::string errorOf(const std::string& text) {
   try {
-    Sim::parseScenario(text, "s.yaml", esiOnly());
+    Sim::parseScenario(text, "s.yaml", textFamilies());
   } catch (const Sim::ScenarioError& e) {
     return e.what();
   }
@@ -42,15 +43,16 @@ TEST(Scenario, MistakesNameTheLineColumnAndWhatWasExpected) {
             "s.yaml:4:30: missing 'tep'");
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    expect:\n      esiDta: none\n"),
             "s.yaml:4:7: unknown key 'esiDta' in 'expect' (expected: calls, callsAnyOrder, "
-            "esiData, mapping, hwTunnelIds, violations, abort)");
+            "esiData, mapping, hwTunnelIds, fecs, objTupleToHwId, fecChip, violations, abort)");
   EXPECT_NE(errorOf("steps:\n  - at: 1\n    do:\n      - dfSet: {}\n")
                 .find("s.yaml:4:9: unknown action 'dfSet'"),
             std::string::npos);
   EXPECT_NE(errorOf("steps: [\n").find("s.yaml:"), std::string::npos);
   EXPECT_EQ(errorOf("initial:\n  - restart: agent\nsteps: []\n"),
             "s.yaml:2:5: a restart cannot come before the agent starts");
-  EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - restart: flooding\n"),
-            "s.yaml:4:18: expected a machine to restart (hwTunnelId, floodingEsi or agent)");
+  EXPECT_EQ(
+      errorOf("steps:\n  - at: 1\n    do:\n      - restart: flooding\n"),
+      "s.yaml:4:18: expected a machine to restart (hwTunnelId, floodingEsi, macFec or agent)");
   // The forms every family's expectations share: entries as maps, a stated order, a trace.
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    expect:\n      esiData:\n        - {port: "
                     "Ethernet1, vlan: 10, tunnel: DynTunnel1.1, hw: 1, label: 1001}\n"),
@@ -142,7 +144,7 @@ TEST(Scenario, AWrongExpectationFailsTheCheckWithWhatHappened) {
 
 TEST(Scenario, TheBuiltInScenarioTellsTheTypicalEventAndEndsClean) {
   Sim::Scenario s =
-      Sim::parseScenario(Sim::defaultScenarioText, Sim::defaultScenarioName, esiOnly());
+      Sim::parseScenario(Sim::defaultScenarioText, Sim::defaultScenarioName, textFamilies());
   std::ostringstream log, state;
   Sim::SimLog text(&log);
   Sim::RunResult r =
@@ -156,7 +158,9 @@ TEST(Scenario, TheBuiltInScenarioTellsTheTypicalEventAndEndsClean) {
   EXPECT_LT(at("deleteEsiData Ethernet2"), at("releaseHwTunnelId 1"));
   EXPECT_EQ(state.str(),
             "chip esiData:\n    (none)\nchip hwTunnelIds in use:\n    (none)\n"
-            "chip violations:\n    (none)\nmapping tunnelIdToHwTunnelId:\n    (none)\n");
+            "chip fecChip:\n    (none)\n"
+            "chip violations:\n    (none)\nmapping tunnelIdToHwTunnelId:\n    (none)\n"
+            "request fecs:\n    (none)\nresult objTupleToHwId:\n    (none)\n");
 }
 
 }  // namespace
