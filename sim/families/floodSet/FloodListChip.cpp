@@ -1,6 +1,7 @@
 #include "sim/families/floodSet/FloodListChip.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "Quil/IntfId.h"
 #include "sim/ChipLink.h"
@@ -120,6 +121,15 @@ void FloodListChip::memberChanged(const Bridging::MacVlanPair& list, const Oba::
   }
   if (present) {
     seen.insert(m);
+    // The identifiers a member is configured with must be handed out when it is configured.
+    if (m.hwTunnelId().isValid() && hwTunnelIdHeld_ && !hwTunnelIdHeld_(m.hwTunnelId())) {
+      chip_->violation(chipText("floodListConfig ", memberLine(list, m), ": hw tunnel id ",
+                                m.hwTunnelId(), " is not handed out"));
+    }
+    if (hwFecIdHeld_ && !hwFecIdHeld_(m.hwIdForTunnelProgramming())) {
+      chip_->violation(chipText("floodListConfig ", memberLine(list, m), ": hw FEC id ",
+                                m.hwIdForTunnelProgramming(), " is not handed out"));
+    }
   } else {
     if (!restarting_ && stillWanted_ && stillWanted_(list, m)) {
       chip_->violation(
@@ -159,32 +169,46 @@ void FloodListChip::run() {
     }
     apply(c);
   }
-  if (!queue_.empty()) task_->scheduleTaskDelay(queue_.front().due - scheduler_->now());
+  if (!queue_.empty()) {
+    task_->scheduleTaskDelay(queue_.front().due - scheduler_->now());
+  } else if (whenIdle_) {
+    std::exchange(whenIdle_, nullptr)();
+  }
+}
+
+void FloodListChip::whenIdle(std::function<void()> f) {
+  if (queue_.empty()) {
+    f();
+  } else {
+    whenIdle_ = std::move(f);
+  }
 }
 
 void FloodListChip::apply(const Change& c) {
+  // The chip reads the configuration when it acts: a member that left it before the chip came to
+  // it is not programmed (its identifiers may be gone by now), and its removal is then nothing.
+  if (c.add) {
+    auto s = seen_.find(c.list);
+    if (s == seen_.end() || !s->second.contains(c.member)) return;
+  } else {
+    auto s = status_->status(c.list);
+    if (!s || !s->mplsDestStatusHas(c.member)) return;
+  }
+  // The log names the machine whose configuration the chip acts on.
+  chip_->callerIs("vlanFloodSet");
   if (c.add) {
     program(c);
   } else {
     unprogram(c);
   }
+  chip_->callerIs(nullptr);
 }
 
 void FloodListChip::program(const Change& c) {
   chip_->countCall();
   const Oba::MplsDestConfig& m = c.member;
-  if (m.hwTunnelId().isValid() && hwTunnelIdHeld_ && !hwTunnelIdHeld_(m.hwTunnelId())) {
-    chip_->violation(chipText("programFloodListMember ", memberLine(c.list, m), ": hw tunnel id ",
-                              m.hwTunnelId(), " is not handed out"));
-  }
-  if (hwFecIdHeld_ && !hwFecIdHeld_(m.hwIdForTunnelProgramming())) {
-    chip_->violation(chipText("programFloodListMember ", memberLine(c.list, m), ": hw FEC id ",
-                              m.hwIdForTunnelProgramming(), " is not handed out"));
-  }
   auto rc = Oba::HwProgrammingStatus::programmed;
-  if (auto refusal = chip_->refusedOrFault(
-          "programFloodListMember", tunnelIntf(m), c.list.vlanId,
-          static_cast<std::uint32_t>(Oba::HwProgrammingStatus::notProgrammed))) {
+  if (auto refusal = chip_->refused("programFloodListMember", tunnelIntf(m), c.list.vlanId)) {
     rc = static_cast<Oba::HwProgrammingStatus>(*refusal);
   } else {
     lists_[c.list].insert(m);
@@ -258,14 +282,17 @@ void FloodListChip::hwFecIdReleased(std::uint64_t hwFecId) {
 
 void FloodListChip::reset() {
   queue_.clear();
+  whenIdle_ = nullptr;
   lists_.clear();
   if (task_) task_->unscheduleTask();
-  // The chip layer restarts: it reads the configuration afresh and reports nothing yet.
+  // The chip layer restarts with the agent, empty: it reports nothing, and takes the configuration
+  // as the restarted machine writes it again (which it always does first, from scratch), not as
+  // the old one left it.
   seen_.clear();
   status_->statusDelAll();
+  listWatches_.clear();
   for (auto [list, c] : config_->configWalk()) {
-    listWatches_.erase(list);
-    configChanged(list);
+    listWatches_.emplace(list, std::make_unique<ListWatch>(this, c));
   }
 }
 

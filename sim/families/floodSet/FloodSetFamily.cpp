@@ -6,6 +6,7 @@
 #include "sim/ChipLink.h"
 #include "sim/Fuzz.h"
 #include "sim/Rng.h"
+#include "sim/Scenario.h"
 #include "sim/ScenarioReader.h"
 #include "sim/families/floodSet/FloodSetCheck.h"
 #include "sim/families/tunnelEsi/TunnelEsiFamily.h"
@@ -41,6 +42,31 @@ class FloodSetAgent::Log {
   HwInfo hwInfo;
 };
 
+// The chip's answers to the FEC machine, followed so that the chip's ledger learns when a
+// hardware FEC id goes back because its request went: a hardware flood list must not use it any
+// more. An answer the chip takes back while the request stays (a chip that lost the FEC) is the
+// chip's own doing.
+class FloodSetAgent::Answers : public Oba::FecIdToHwFecIdResponse::NotifieeConst {
+ public:
+  explicit Answers(FloodSetAgent* f) : f_(f) { notifierIs(f->fecResponse); }
+  void onHwFecId(const Shoal::Fib::FecId& fecId) override {
+    auto row = notifier()->hwFecId(fecId);
+    if (row.found) {
+      hw_[fecId] = row.row.hwFecId();
+      return;
+    }
+    auto it = hw_.find(fecId);
+    if (it == hw_.end()) return;
+    const std::uint64_t hw = it->second;
+    hw_.erase(it);
+    if (!f_->fecRequest->hwFecIdRequest(fecId).found) f_->lists->hwFecIdReleased(hw);
+  }
+
+ private:
+  FloodSetAgent* f_;
+  std::map<Shoal::Fib::FecId, std::uint64_t> hw_;
+};
+
 FloodSetAgent::FloodSetAgent(HostAgent& a)
     : agent(a),
       tunnels(a.family<TunnelEsiAgent>()),
@@ -52,8 +78,17 @@ FloodSetAgent::FloodSetAgent(HostAgent& a)
       fecRequest(new Oba::FecIdToHwFecIdRequest("mplsFloodSetFecRequest")),
       fecResponse(new Oba::FecIdToHwFecIdResponse("mplsFloodSetFecResponse")),
       lists(FloodListChip::FloodListChipIs(a.chip, a.scheduler, hwConfig, hwStatus)),
+      fecs(FecChip::of(a)),
       timerWheel(Mox::TimerWheel::TimerWheelIs(a.clock)),
-      log_(std::make_unique<Log>(this)) {
+      log_(std::make_unique<Log>(this)),
+      answers_(std::make_unique<Answers>(this)) {
+  fecs->requesterIs(fecRequest, fecResponse, fecWriter);
+  FecChip* chip = fecs.ptr();
+  lists->hwFecIdHeldIs([chip](std::uint64_t hw) {
+    auto a = chip->answers().find(static_cast<std::uint32_t>(hw));
+    return hw <= 0xffffffffu && a != chip->answers().end() &&
+           std::string_view(a->second.writer) == fecWriter;
+  });
   TunnelEsiAgent* t = &tunnels;
   lists->hwTunnelIdHeldIs(
       [t](Oba::HwTunnelId id) { return t->chip->hwTunnelIdsInUse().contains(id.value()); });
@@ -111,16 +146,29 @@ void FloodSetAgent::start() {
 }
 
 void FloodSetAgent::stop() {
+  fecStartPending = false;
   vlanSm = nullptr;
   fecSm = nullptr;
   filterSm = nullptr;
 }
 
+// A new FEC machine drops the old one's requests at once and requests the pairs again under the
+// ids of a new allocator, so the chip gives back the old hardware FEC ids while its flood lists
+// may still use them. The agent restarts it in two stages: it withdraws the pairs' identifiers
+// (the VLAN flood-set machine takes their members out of the configuration) and starts the new
+// machine only once the chip has taken them out of its lists.
 void FloodSetAgent::restart(const std::string& machine) {
   lists->restartingIs(true);
   if (machine == "floodSetFec") {
     fecSm = nullptr;
-    startFecSm();
+    hwInfoMapping->mappingDelAll();
+    fecStartPending = true;
+    lists->whenIdle([this] {
+      fecStartPending = false;
+      lists->restartingIs(true);
+      startFecSm();
+      lists->restartingIs(false);
+    });
   } else {
     vlanSm = nullptr;
     startVlanSm();
@@ -177,8 +225,25 @@ std::vector<std::string> FloodSetAgent::hwInfoLines() const {
   return out;
 }
 
+std::vector<std::string> FloodSetAgent::fecRequestLines() const {
+  std::vector<std::string> out;
+  for (auto [fecId, req] : fecRequest->hwFecIdRequestWalk()) {
+    std::ostringstream os;
+    os << fecId;
+    auto fec = fecRequest->fec(fecId);
+    for (const auto& v : fec.found ? fec.row.via() : std::vector<Shoal::Fib::Via>{}) {
+      os << " " << v.tunnelId() << " label " << v.mplsLabel();
+    }
+    os << " hwTunnelId " << req.hwTunnelId().value();
+    out.push_back(os.str());
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
 std::vector<std::string> FloodSetAgent::lines(std::string_view table) const {
   if (table == "mplsFloodSet") return mplsFloodSetLines();
+  if (table == "floodSetFecs") return fecRequestLines();
   if (table == "floodListConfig") return configLines();
   if (table == "floodLists") return listLines();
   if (table == "floodListStatus") return statusLines();
@@ -192,6 +257,7 @@ void FloodSetAgent::printChip(std::ostream& os) const {
 
 void FloodSetAgent::printOutputs(std::ostream& os) const {
   os << "mplsFloodSet:\n" << block(mplsFloodSetLines());
+  os << "floodSetFecs:\n" << block(fecRequestLines());
   os << "hwInfoMapping:\n" << block(hwInfoLines());
   os << "floodListConfig:\n" << block(configLines());
 }
@@ -397,6 +463,12 @@ class FloodSetFuzz : public FamilyFuzz {
  public:
   FloodSetFuzz(Rng& r, const FuzzOptions&) : w_(makeWorld(r)) {}
 
+  // The chip refuses the next member of one tunnel in one VLAN: a rule rather than a fault at the
+  // run's rate, since a change of the configuration may make the chip program several members of
+  // the same tunnel and VLAN (one per flood MAC) back to back, which no rule placed between them
+  // could tell apart.
+  static constexpr std::uint32_t refuseKind = 100;
+
   void choices(bool initial, std::vector<Choice>& out) const override {
     static constexpr std::pair<Kind, std::uint64_t> weights[] = {
         {Kind::floodSetDest, 24},   {Kind::floodSetDestDel, 12}, {Kind::floodSetDel, 2},
@@ -406,9 +478,20 @@ class FloodSetFuzz : public FamilyFuzz {
       if (initial && kind == Kind::floodListLatency) continue;
       out.push_back({static_cast<std::uint32_t>(kind), weight});
     }
+    if (!initial) out.push_back({refuseKind, 3});
   }
 
   Action action(std::uint32_t kind, Rng& r) const override {
+    if (kind == refuseKind) {
+      const L2Rib::Dest& d = r.pick(w_.dests);
+      const auto rc = r.chance(0.7) ? Oba::HwProgrammingStatus::notProgrammed
+                                    : Oba::HwProgrammingStatus::invalidHwId;
+      return refusalAction({.op = "programFloodListMember",
+                            .port = Quil::DynamicTunnelIntfId::intfId(d.tunnelId().value()),
+                            .vlan = r.pick(w_.vlans),
+                            .times = 1,
+                            .rc = static_cast<std::uint32_t>(rc)});
+    }
     auto a = std::make_shared<FloodSetAction>();
     a->kind = static_cast<Kind>(kind);
     a->vlan = r.pick(w_.vlans);
@@ -457,11 +540,9 @@ class FloodSetFamily : public Family {
   }
 
   std::vector<TableKind> tables() const override {
-    return {{"mplsFloodSet", "lines", nullptr},
-            {"floodListConfig", "members", nullptr},
-            {"floodLists", "members", nullptr},
-            {"floodListStatus", "lines", nullptr},
-            {"hwInfoMapping", "lines", nullptr}};
+    return {{"mplsFloodSet", "lines", nullptr},      {"floodSetFecs", "requests", nullptr},
+            {"floodListConfig", "members", nullptr}, {"floodLists", "members", nullptr},
+            {"floodListStatus", "lines", nullptr},   {"hwInfoMapping", "lines", nullptr}};
   }
 
   std::unique_ptr<FamilyAgent> agentIs(HostAgent& agent) const override {
@@ -473,7 +554,8 @@ class FloodSetFamily : public Family {
   }
 
   bool busy(const HostAgent& agent) const override {
-    return agent.family<FloodSetAgent>().lists->busy();
+    const auto& f = agent.family<FloodSetAgent>();
+    return f.lists->busy() || f.fecs->busy() || f.fecStartPending;
   }
 
   void count(const HostAgent& agent, Counters& c) const override {

@@ -24,6 +24,7 @@
 #include "ObaEvpn/ObaEvpnVlanFloodSetSm.h"
 #include "sim/Family.h"
 #include "sim/HostAgent.h"
+#include "sim/families/fec/FecChip.h"
 #include "sim/families/floodSet/FloodListChip.h"
 
 namespace Sim {
@@ -50,6 +51,7 @@ class FloodSetAgent : public FamilyAgent {
   std::vector<std::string> listLines() const;
   std::vector<std::string> statusLines() const;
   std::vector<std::string> hwInfoLines() const;
+  std::vector<std::string> fecRequestLines() const;
   // Whether the inputs call for the member exactly as it is configured.
   bool stillWanted(const Bridging::MacVlanPair& list, const Oba::MplsDestConfig& m) const;
 
@@ -64,16 +66,24 @@ class FloodSetAgent : public FamilyAgent {
   const Kiv::Ptr<Oba::FecIdToHwFecIdRequest> fecRequest;
   const Kiv::Ptr<Oba::FecIdToHwFecIdResponse> fecResponse;
   const Kiv::Ptr<FloodListChip> lists;
+  // The chip's FEC table, shared with the other FEC requesters; it answers the FEC machine's
+  // requests as "floodSetFec".
+  const Kiv::Ptr<FecChip> fecs;
+  static constexpr const char* fecWriter = "floodSetFec";
   const Kiv::Ptr<Mox::TimerWheel> timerWheel;
   Kiv::Ptr<Oba::VlanFloodSetFilterSm> filterSm;
   Kiv::Ptr<Oba::EvpnFloodSetFecSm> fecSm;
   Kiv::Ptr<Oba::EvpnVlanFloodSetSm> vlanSm;
+  // A restarted FEC machine waits for the chip to empty its lists of the old one's pairs.
+  bool fecStartPending = false;
 
  private:
   class Log;
+  class Answers;
   void startFecSm();
   void startVlanSm();
   std::unique_ptr<Log> log_;
+  std::unique_ptr<Answers> answers_;
 };
 
 // "10/ff:ff:ff:ff:ff:ff Tunnel1.1 label 1001 -> hwId 4097 l2IntfId Vlan4097"
