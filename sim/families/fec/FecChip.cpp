@@ -257,6 +257,32 @@ void FecChip::withdraw(std::uint32_t hw) {
   }
 }
 
+void FecChip::renumber(std::uint32_t hw) {
+  auto it = answers_.find(hw);
+  const std::uint32_t to = freeHwFecId();
+  if (it == answers_.end() || to == 0) return;
+  for (std::size_t i = 0; i < requesters_.size(); ++i) {
+    const Requester& r = requesters_[i];
+    if (r.writer != it->second.writer) continue;
+    const FecId fecId = it->second.fecId;
+    chip_->countCall();
+    tell(r, "hwFecId",
+         chipText("hwFecId ", fecText(fecId), " -> ", std::uint64_t{to}, " (was ",
+                  std::uint64_t{hw}, ")"));
+    // The interface first, while the old id is still held: a reader that acts on it alone pairs
+    // it with the old id.
+    if (r.response->l2IntfId(fecId).found) r.response->l2IntfIdIs(fecId, fecL2Intf(to));
+    answers_.erase(it);
+    answers_.emplace(to, Answer{r.writer, fecId});
+    hwOf_[Key{i, fecId}] = to;
+    if (idCounts_.size() <= to) idCounts_.resize(to + 1);
+    ++idCounts_[to].first;
+    ++idCounts_[hw].second;
+    r.response->hwFecIdIs(Oba::FecToHwFecId(fecId, to));
+    return;
+  }
+}
+
 std::vector<std::string> FecChip::lines() const {
   std::vector<std::string> out;
   for (const auto& [hw, a] : answers_) {

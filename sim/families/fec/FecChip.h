@@ -66,6 +66,11 @@ class FecChip : public SoftwareChip::Part {
   // Takes back the answer holding hardware id `hw` (nothing when no answer holds it): the row is
   // deleted, the id freed, and the request waits for a new answer.
   void withdraw(std::uint32_t hw);
+  // Moves the answer holding hardware id `hw` to the lowest free id and answers again in place (a
+  // chip that reallocates a FEC): the requester sees the FEC's hardware id (and layer-2
+  // interface) change, and the old id goes back. Nothing when no answer holds `hw` or no id is
+  // free.
+  void renumber(std::uint32_t hw);
 
   // Test-only canary: every table made while this is n > 0 loses its n-th withdrawal (counted
   // from its making): the answer stays, row and id, as a chip layer that dropped it would.

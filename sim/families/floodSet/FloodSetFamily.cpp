@@ -277,6 +277,7 @@ class FloodSetAction : public ActionBody {
     vlanFloodSetDel,   // vlan
     floodListLatency,  // seconds
     mplsFloodSetDest,  // vlan, mac, dest: written straight into the MPLS-only flood sets
+    fecChipRenumber,   // hw: the chip moves that FEC to another hardware id
   };
   Kind kind{};
   Bridging::VlanId vlan;
@@ -285,6 +286,7 @@ class FloodSetAction : public ActionBody {
   bool value = true;
   std::optional<L2Rib::FloodSetType> type;
   double seconds = 0;
+  std::uint32_t hw = 0;
 
   void apply(HostAgent& agent) const override {
     FloodSetAgent& f = floodSets(agent);
@@ -314,6 +316,9 @@ class FloodSetAction : public ActionBody {
         // A second writer on the filter's output, as a misbuilt agent would have: whatever it
         // writes reaches the flood-set machines unfiltered.
         f.mplsFloodSet->vlanFloodSetIs(vlan)->floodSetIs(mac)->destSetIs(dest, value);
+        break;
+      case Kind::fecChipRenumber:
+        f.fecs->renumber(hw);
         break;
     }
   }
@@ -353,6 +358,9 @@ class FloodSetAction : public ActionBody {
         os << "mplsFloodSetDest: {";
         where();
         os << ", dest: '" << dest << "'}";
+        break;
+      case Kind::fecChipRenumber:
+        os << "fecChipRenumber: " << hw;
         break;
     }
   }
@@ -417,6 +425,10 @@ const ActionDef actionDefs[] = {
        a.mac = macOf(r, v);
        a.dest = destOf(r, v);
      }},
+    {"fecChipRenumber", Kind::fecChipRenumber,
+     [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
+       a.hw = r.count(v, "a hardware FEC id");
+     }},
     {"floodListLatency", Kind::floodListLatency,
      [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
        a.seconds = r.number(v, "a latency in seconds");
@@ -432,6 +444,7 @@ struct World {
   std::vector<Bridging::VlanId> vlans;
   std::vector<Quil::EthAddr> macs;
   std::vector<L2Rib::Dest> dests;
+  std::vector<L2Rib::Dest> mplsDests;
 };
 
 World makeWorld(Rng& r) {
@@ -450,6 +463,7 @@ World makeWorld(Rng& r) {
     const Tunnel::TunnelTable::TunnelId tunnel((1ull << 32) | pe);
     for (std::uint64_t n = 1 + r.below(2), l = 0; l < n; ++l) {
       w.dests.push_back(L2Rib::Dest::mpls(tunnel, Quil::MplsLabel(1000 + 10 * pe + l)));
+      w.mplsDests.push_back(w.dests.back());
     }
     if (r.chance(0.3)) w.dests.push_back(L2Rib::Dest::tunnel(tunnel));
   }
@@ -472,10 +486,10 @@ class FloodSetFuzz : public FamilyFuzz {
   void choices(bool initial, std::vector<Choice>& out) const override {
     static constexpr std::pair<Kind, std::uint64_t> weights[] = {
         {Kind::floodSetDest, 24},   {Kind::floodSetDestDel, 12}, {Kind::floodSetDel, 2},
-        {Kind::vlanFloodSetDel, 1}, {Kind::floodListLatency, 2},
+        {Kind::vlanFloodSetDel, 1}, {Kind::floodListLatency, 2}, {Kind::fecChipRenumber, 3},
     };
     for (const auto& [kind, weight] : weights) {
-      if (initial && kind == Kind::floodListLatency) continue;
+      if (initial && (kind == Kind::floodListLatency || kind == Kind::fecChipRenumber)) continue;
       out.push_back({static_cast<std::uint32_t>(kind), weight});
     }
     if (!initial) out.push_back({refuseKind, 3});
@@ -483,7 +497,7 @@ class FloodSetFuzz : public FamilyFuzz {
 
   Action action(std::uint32_t kind, Rng& r) const override {
     if (kind == refuseKind) {
-      const L2Rib::Dest& d = r.pick(w_.dests);
+      const L2Rib::Dest& d = r.pick(w_.mplsDests);
       const auto rc = r.chance(0.7) ? Oba::HwProgrammingStatus::notProgrammed
                                     : Oba::HwProgrammingStatus::invalidHwId;
       return refusalAction({.op = "programFloodListMember",
@@ -498,6 +512,7 @@ class FloodSetFuzz : public FamilyFuzz {
     a->mac = r.pick(w_.macs);
     a->dest = r.pick(w_.dests);
     if (a->kind == Kind::floodListLatency) a->seconds = r.chance(0.5) ? 0 : r.quarters(8);
+    if (a->kind == Kind::fecChipRenumber) a->hw = static_cast<std::uint32_t>(1 + r.below(8));
     return Action{0, a};
   }
 
