@@ -184,13 +184,17 @@ void FloodListChip::whenIdle(std::function<void()> f) {
   }
 }
 
+bool FloodListChip::configured(const Bridging::MacVlanPair& list,
+                               const Oba::MplsDestConfig& m) const {
+  auto s = seen_.find(list);
+  return s != seen_.end() && s->second.contains(m);
+}
+
 void FloodListChip::apply(const Change& c) {
   // The chip reads the configuration when it acts: a member that left it before the chip came to
   // it is not programmed (its identifiers may be gone by now), and its removal is then nothing.
-  if (c.add) {
-    auto s = seen_.find(c.list);
-    if (s == seen_.end() || !s->second.contains(c.member)) return;
-  } else {
+  if (c.add && !configured(c.list, c.member)) return;
+  if (!c.add) {
     auto s = status_->status(c.list);
     if (!s || !s->mplsDestStatusHas(c.member)) return;
   }
@@ -199,6 +203,21 @@ void FloodListChip::apply(const Change& c) {
   if (c.add) {
     program(c);
   } else {
+    if (!breakBeforeMake_) {
+      // Make before break, when the configuration moved on meanwhile: the member that replaces
+      // this one now (the same tunnel and label) may sit behind it in the queue, its direct
+      // predecessor having left the configuration unprogrammed. It goes in first.
+      for (auto it = queue_.begin(); it != queue_.end();) {
+        if (it->add && it->list == c.list && it->member != c.member &&
+            samePair(it->member, c.member) && configured(it->list, it->member)) {
+          const Change a = *it;
+          it = queue_.erase(it);
+          program(a);
+        } else {
+          ++it;
+        }
+      }
+    }
     unprogram(c);
   }
   chip_->callerIs(nullptr);
@@ -223,17 +242,20 @@ void FloodListChip::program(const Change& c) {
 void FloodListChip::unprogram(const Change& c) {
   chip_->countCall();
   const Oba::MplsDestConfig& m = c.member;
-  // Make before break: a replacement configured before this removal must be in the list already.
-  for (const Change& earlier : queue_) {
-    if (!earlier.add || earlier.serial > c.serial || earlier.list != c.list ||
-        !samePair(earlier.member, m)) {
-      continue;
+  // Make before break: a member of the same tunnel and label that the configuration holds now
+  // must be in the list already (or refused by the chip).
+  if (auto s = seen_.find(c.list); s != seen_.end()) {
+    auto l = lists_.find(c.list);
+    auto reported = status_->status(c.list);
+    for (const auto& other : s->second) {
+      if (other == m || !samePair(other, m)) continue;
+      if (l != lists_.end() && l->second.contains(other)) continue;
+      if (reported && reported->mplsDestStatusHas(other)) continue;
+      chip_->violation(chipText("unprogramFloodListMember ", memberLine(c.list, m),
+                                ": removed before its replacement hwTunnelId ", other.hwTunnelId(),
+                                " hwId ", other.hwIdForTunnelProgramming(), " was added"));
+      break;
     }
-    chip_->violation(chipText("unprogramFloodListMember ", memberLine(c.list, m),
-                              ": removed before its replacement hwTunnelId ",
-                              earlier.member.hwTunnelId(), " hwId ",
-                              earlier.member.hwIdForTunnelProgramming(), " was added"));
-    break;
   }
   if (auto l = lists_.find(c.list); l != lists_.end()) {
     l->second.erase(m);

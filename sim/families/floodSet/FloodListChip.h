@@ -14,10 +14,10 @@
 // new member in the list before the old one leaves.
 //
 // Its ledger: a member the configuration loses while the inputs still call for it; a member
-// programmed with a hardware tunnel id or a hardware FEC id that nobody handed out; a FEC id given
-// back while a hardware list still uses it; a member taken out of a list while its replacement (the
-// same tunnel and label), configured before the removal, is still to be added: the list lacks the
-// destination for a moment although the configuration never did.
+// configured with a hardware tunnel id or a hardware FEC id that nobody holds; a FEC id given
+// back while a hardware list still uses it; a member taken out of a list while the member that
+// replaces it in the configuration (the same tunnel and label) is not in the list yet: the list
+// lacks the destination for a moment although the configuration never did.
 
 #include <cstdint>
 #include <deque>
@@ -103,6 +103,7 @@ class FloodListChip : public SoftwareChip::Part {
   void memberChanged(const Bridging::MacVlanPair& list, const Oba::MplsDestConfig& member);
   void queue(const Bridging::MacVlanPair& list, const Oba::MplsDestConfig& member, bool add);
   void run();
+  bool configured(const Bridging::MacVlanPair& list, const Oba::MplsDestConfig& m) const;
   void apply(const Change& c);
   void program(const Change& c);
   void unprogram(const Change& c);
