@@ -1,7 +1,6 @@
 #include "sim/families/floodSet/FloodListChip.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "Quil/IntfId.h"
 #include "sim/ChipLink.h"
@@ -169,19 +168,7 @@ void FloodListChip::run() {
     }
     apply(c);
   }
-  if (!queue_.empty()) {
-    task_->scheduleTaskDelay(queue_.front().due - scheduler_->now());
-  } else if (whenIdle_) {
-    std::exchange(whenIdle_, nullptr)();
-  }
-}
-
-void FloodListChip::whenIdle(std::function<void()> f) {
-  if (queue_.empty()) {
-    f();
-  } else {
-    whenIdle_ = std::move(f);
-  }
+  if (!queue_.empty()) task_->scheduleTaskDelay(queue_.front().due - scheduler_->now());
 }
 
 bool FloodListChip::configured(const Bridging::MacVlanPair& list,
@@ -206,16 +193,25 @@ void FloodListChip::apply(const Change& c) {
     if (!breakBeforeMake_) {
       // Make before break, when the configuration moved on meanwhile: the member that replaces
       // this one now (the same tunnel and label) may sit behind it in the queue, its direct
-      // predecessor having left the configuration unprogrammed. It goes in first.
+      // predecessor having left the configuration unprogrammed. It goes in first, unless it is in
+      // the list already or the queue changes it before that.
+      auto l = lists_.find(c.list);
       for (auto it = queue_.begin(); it != queue_.end();) {
-        if (it->add && it->list == c.list && it->member != c.member &&
-            samePair(it->member, c.member) && configured(it->list, it->member)) {
-          const Change a = *it;
-          it = queue_.erase(it);
-          program(a);
-        } else {
+        const bool replacement = it->add && it->list == c.list && it->member != c.member &&
+                                 samePair(it->member, c.member) &&
+                                 configured(it->list, it->member) &&
+                                 (l == lists_.end() || !l->second.contains(it->member)) &&
+                                 std::none_of(queue_.begin(), it, [&](const Change& e) {
+                                   return e.list == it->list && e.member == it->member;
+                                 });
+        if (!replacement) {
           ++it;
+          continue;
         }
+        const Change r = *it;
+        it = queue_.erase(it);
+        program(r);
+        l = lists_.find(c.list);
       }
     }
     unprogram(c);
@@ -304,7 +300,6 @@ void FloodListChip::hwFecIdReleased(std::uint64_t hwFecId) {
 
 void FloodListChip::reset() {
   queue_.clear();
-  whenIdle_ = nullptr;
   lists_.clear();
   if (task_) task_->unscheduleTask();
   // The chip layer restarts with the agent, empty: it reports nothing, and takes the configuration

@@ -75,8 +75,6 @@ class FloodListChip : public SoftwareChip::Part {
   const std::map<Bridging::MacVlanPair, List>& lists() const { return lists_; }
   // Whether a change of the configuration is still to be acted on.
   bool busy() const { return !queue_.empty(); }
-  // Calls `f` once the chip has acted on every change made so far (at once if it has).
-  void whenIdle(std::function<void()> f);
   bool usesHwFecId(std::uint64_t hwFecId) const;
 
   void reset() override;
@@ -125,7 +123,6 @@ class FloodListChip : public SoftwareChip::Part {
   std::map<Bridging::MacVlanPair, List> lists_;
   std::function<bool(Oba::HwTunnelId)> hwTunnelIdHeld_;
   std::function<bool(std::uint64_t)> hwFecIdHeld_;
-  std::function<void()> whenIdle_;
   std::function<bool(const Bridging::MacVlanPair&, const Oba::MplsDestConfig&)> stillWanted_;
   bool restarting_ = false;
 

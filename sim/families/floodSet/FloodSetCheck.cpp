@@ -170,6 +170,24 @@ std::optional<CheckFailure> checkFloodSets(const FloodSetAgent& f, Counters* cou
       return CheckFailure{"floodListConfig", std::move(d)};
     }
   }
+  // No FEC id leaks: every number the FEC machine's allocator holds belongs to a pair it knows,
+  // and every such pair has a request or an answer still to let go of.
+  if (f.fecSm && f.fecSm->numAllocatorStatus()) {
+    const std::uint64_t held = f.fecSm->numAllocatorStatus()->allocated();
+    if (held != f.fecSm->fecIdCaches()) {
+      return CheckFailure{"fecIds",
+                          {chipText("the allocator holds ", held, " numbers for ",
+                                    std::uint64_t{f.fecSm->fecIdCaches()}, " pairs")}};
+    }
+    for (auto [fecId, pair] : f.fecSm->fecIdCacheWalk()) {
+      if (f.fecRequest->hwFecIdRequest(fecId).found || f.fecResponse->hwFecId(fecId).found) {
+        continue;
+      }
+      return CheckFailure{"fecIds",
+                          {chipText("FEC id ", fecId.value(), " of ", pair.tunnelId(), " label ",
+                                    pair.label(), " is neither requested nor answered")}};
+    }
+  }
   // The chip has acted on every change of the configuration: it reports every configured member
   // and nothing else, and its lists hold exactly the members it reports programmed.
   std::vector<Member> reported, programmed, listed;

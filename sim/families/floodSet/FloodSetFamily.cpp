@@ -81,7 +81,10 @@ FloodSetAgent::FloodSetAgent(HostAgent& a)
       fecs(FecChip::of(a)),
       timerWheel(Mox::TimerWheel::TimerWheelIs(a.clock)),
       log_(std::make_unique<Log>(this)),
-      answers_(std::make_unique<Answers>(this)) {
+      answers_(std::make_unique<Answers>(this)),
+      fecRestartTask_(
+          Mox::TimerTask::TimerTaskIs(a.scheduler, Mox::TaskPriority(3), "restartFecSm")),
+      fecRestart_(std::make_unique<FecRestart>(this)) {
   fecs->requesterIs(fecRequest, fecResponse, fecWriter);
   FecChip* chip = fecs.ptr();
   lists->hwFecIdHeldIs([chip](std::uint64_t hw) {
@@ -115,18 +118,9 @@ bool FloodSetAgent::stillWanted(const Bridging::MacVlanPair& list,
 
 FloodSetAgent::~FloodSetAgent() = default;
 
-// A new incarnation of the FEC machine drops the hardware FEC id requests and the pairs'
-// identifiers of the old one, but not its FEC definitions; it defines afresh, under ids its new
-// allocator hands out, the FECs of the pairs it requests. A definition it did not write again has
-// no request and nobody to delete it: the agent deletes it.
 void FloodSetAgent::startFecSm() {
   fecSm = Oba::evpnFloodSetFecSmFactory(mplsFloodSet, tunnels.mapping, hwStatus, fecRequest,
                                         fecResponse, hwInfoMapping, timerWheel);
-  std::vector<Shoal::Fib::FecId> left;
-  for (auto [fecId, fec] : fecRequest->fecWalk()) {
-    if (!fecRequest->hwFecIdRequest(fecId).found) left.push_back(fecId);
-  }
-  for (const auto& fecId : left) fecRequest->fecDel(fecId);
 }
 
 void FloodSetAgent::startVlanSm() {
@@ -137,9 +131,11 @@ void FloodSetAgent::startVlanSm() {
 void FloodSetAgent::start() {
   // The filter first, so that the flood-set machines start over the MPLS-only flood sets; then
   // the writer of the pairs' hardware identifiers before their reader. A machine that starts
-  // drops what an earlier one wrote.
+  // drops what an earlier one wrote; the FEC machine's requests go before it starts (see
+  // restart()).
   lists->restartingIs(true);
   filterSm = Oba::vlanFloodSetFilterSmFactory(L2Rib::destTypeMpls_, l2RibFloodSet, mplsFloodSet);
+  dropFecRequests();
   startFecSm();
   startVlanSm();
   lists->restartingIs(false);
@@ -147,28 +143,53 @@ void FloodSetAgent::start() {
 
 void FloodSetAgent::stop() {
   fecStartPending = false;
+  fecRestartTask_->unscheduleTask();
   vlanSm = nullptr;
   fecSm = nullptr;
   filterSm = nullptr;
 }
 
-// A new FEC machine drops the old one's requests at once and requests the pairs again under the
-// ids of a new allocator, so the chip gives back the old hardware FEC ids while its flood lists
-// may still use them. The agent restarts it in two stages: it withdraws the pairs' identifiers
-// (the VLAN flood-set machine takes their members out of the configuration) and starts the new
-// machine only once the chip has taken them out of its lists.
+void FloodSetAgent::dropFecRequests() {
+  fecRequest->hwFecIdRequestDelAll();
+  fecRequest->fecDelAll();
+}
+
+// A new FEC machine drops the old one's requests and identifiers and requests the pairs again
+// under the ids of a new allocator, but it neither deletes the old FEC definitions nor hears the
+// chip's answers that are already there: an answer for a FEC id it reuses, withdrawn later, keeps
+// the id out of its allocator for good; and the chip gives back the old hardware FEC ids while its
+// flood lists may still use them. The agent restarts it in stages, a quarter second apart: it
+// withdraws the pairs' identifiers (the VLAN flood-set machine takes their members out of the
+// configuration); once the chip has emptied its lists of them, it deletes the old requests and
+// definitions; once the chip has withdrawn every answer, it starts the new machine.
+class FloodSetAgent::FecRestart : public Mox::TimerTask::Notifiee {
+ public:
+  explicit FecRestart(FloodSetAgent* f) : f_(f) { notifierIs(f->fecRestartTask_); }
+  void onTaskRun() override { f_->continueFecRestart(); }
+
+ private:
+  FloodSetAgent* f_;
+};
+
+void FloodSetAgent::continueFecRestart() {
+  if (!lists->busy() && (fecRequest->hwFecIdRequests() || fecRequest->fecs())) dropFecRequests();
+  if (lists->busy() || fecResponse->hwFecIds() || fecResponse->l2IntfIds()) {
+    fecRestartTask_->scheduleTaskDelay(0.25);
+    return;
+  }
+  fecStartPending = false;
+  lists->restartingIs(true);
+  startFecSm();
+  lists->restartingIs(false);
+}
+
 void FloodSetAgent::restart(const std::string& machine) {
   lists->restartingIs(true);
   if (machine == "floodSetFec") {
     fecSm = nullptr;
     hwInfoMapping->mappingDelAll();
     fecStartPending = true;
-    lists->whenIdle([this] {
-      fecStartPending = false;
-      lists->restartingIs(true);
-      startFecSm();
-      lists->restartingIs(false);
-    });
+    fecRestartTask_->scheduleTask();
   } else {
     vlanSm = nullptr;
     startVlanSm();

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "L2Rib/FloodSet.h"
+#include "Mox/TimerTask.h"
 #include "Mox/TimerWheel.h"
 #include "Oba/ObaFecRecords.h"
 #include "Oba/ObaFloodSetRecords.h"
@@ -74,16 +75,21 @@ class FloodSetAgent : public FamilyAgent {
   Kiv::Ptr<Oba::VlanFloodSetFilterSm> filterSm;
   Kiv::Ptr<Oba::EvpnFloodSetFecSm> fecSm;
   Kiv::Ptr<Oba::EvpnVlanFloodSetSm> vlanSm;
-  // A restarted FEC machine waits for the chip to empty its lists of the old one's pairs.
+  // A restarted FEC machine waits for the chip to let go of the old one's pairs and FECs.
   bool fecStartPending = false;
 
  private:
   class Log;
   class Answers;
+  class FecRestart;
   void startFecSm();
+  void dropFecRequests();
+  void continueFecRestart();
   void startVlanSm();
   std::unique_ptr<Log> log_;
   std::unique_ptr<Answers> answers_;
+  Kiv::Ptr<Mox::TimerTask> fecRestartTask_;
+  std::unique_ptr<FecRestart> fecRestart_;
 };
 
 // "10/ff:ff:ff:ff:ff:ff Tunnel1.1 label 1001 -> hwId 4097 l2IntfId Vlan4097"
