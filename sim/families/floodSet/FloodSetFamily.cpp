@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "sim/ChipLink.h"
+#include "sim/ChipOperations.h"
 #include "sim/Fuzz.h"
 #include "sim/Rng.h"
 #include "sim/Scenario.h"
@@ -399,6 +400,14 @@ L2Rib::Dest destOf(const Reader& r, const YAML::Node& m) {
                   L2Rib::Dest::parse);
 }
 
+// {vlan, mac?, dest}: one destination of one flood set.
+void readMember(const Reader& r, const YAML::Node& v, const char* what, FloodSetAction& a) {
+  r.onlyKeys(v, {"vlan", "mac", "dest"}, what);
+  a.vlan = r.vlan(r.field(v, "vlan"));
+  a.mac = macOf(r, v);
+  a.dest = destOf(r, v);
+}
+
 struct ActionDef {
   const char* name;
   Kind kind;
@@ -426,10 +435,7 @@ const ActionDef actionDefs[] = {
      }},
     {"floodSetDestDel", Kind::floodSetDestDel,
      [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
-       r.onlyKeys(v, {"vlan", "mac", "dest"}, "floodSetDestDel");
-       a.vlan = r.vlan(r.field(v, "vlan"));
-       a.mac = macOf(r, v);
-       a.dest = destOf(r, v);
+       readMember(r, v, "floodSetDestDel", a);
      }},
     {"floodSetDel", Kind::floodSetDel,
      [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
@@ -441,10 +447,7 @@ const ActionDef actionDefs[] = {
      [](const Reader& r, const YAML::Node& v, FloodSetAction& a) { a.vlan = r.vlan(v); }},
     {"mplsFloodSetDest", Kind::mplsFloodSetDest,
      [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
-       r.onlyKeys(v, {"vlan", "mac", "dest"}, "mplsFloodSetDest");
-       a.vlan = r.vlan(r.field(v, "vlan"));
-       a.mac = macOf(r, v);
-       a.dest = destOf(r, v);
+       readMember(r, v, "mplsFloodSetDest", a);
      }},
     {"fecChipRenumber", Kind::fecChipRenumber,
      [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
@@ -548,18 +551,9 @@ class FloodSetFamily : public Family {
   std::string_view name() const override { return "floodSet"; }
   std::vector<std::string> machines() const override { return {"floodSetFec", "vlanFloodSet"}; }
 
+  // A member's "port" is its tunnel, as a rule names it: DynTunnelT.I.
   std::vector<ChipOperation> chipOperations() const override {
-    auto rc = [](const Reader& r, const YAML::Node& n) {
-      return static_cast<std::uint32_t>(
-          r.parsed(n, "notProgrammed or invalidHwId", Oba::parseHwProgrammingStatus));
-    };
-    auto text = [](std::uint32_t v) {
-      return std::string(Oba::toString(static_cast<Oba::HwProgrammingStatus>(v)));
-    };
-    const auto notProgrammed = static_cast<std::uint32_t>(Oba::HwProgrammingStatus::notProgrammed);
-    // A member's "port" is its tunnel, as a rule names it: DynTunnelT.I.
-    return {{"programFloodListMember", "notProgrammed or invalidHwId", rc, notProgrammed, true,
-             true, text}};
+    return {hwProgrammingOperation("programFloodListMember", true, true)};
   }
 
   std::vector<ActionKind> actions() const override {
