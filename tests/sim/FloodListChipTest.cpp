@@ -82,6 +82,34 @@ TEST(FloodListChip, AMemberIsProgrammedAndReportedAfterTheLatencyAndLeavesWithIt
             "hwId 8 l2IntfId Ethernet8");
 }
 
+// A FEC moves: the member is replaced twice before the chip comes to it (its interface, then its
+// hardware id). The chip does not program the member that already left, and still puts the final
+// one in before it takes the original out.
+TEST(FloodListChip, AMemberReplacedTwiceBeforeTheChipActsIsStillMadeBeforeBroken) {
+  Lists t;
+  const auto a = Lists::member(7);
+  t.config->configIs(Lists::list10)->mplsDestConfigIs(a, true);
+  t.scheduler->runDue();
+  const Oba::MplsDestConfig between(a.tunnelId(), a.label(), a.hwTunnelId(), 7,
+                                    Quil::IntfId::ethernet(8));
+  const auto b = Lists::member(8);
+  auto list = t.config->configIs(Lists::list10);
+  list->mplsDestConfigIs(between, true);
+  list->mplsDestConfigDel(a);
+  list->mplsDestConfigIs(b, true);
+  list->mplsDestConfigDel(between);
+  t.calls.clear();
+  t.scheduler->runDue();
+  EXPECT_EQ(t.calls,
+            (std::vector<std::string>{
+                "programFloodListMember 10/ff:ff:ff:ff:ff:ff Tunnel1.1 label 1001 hwTunnelId 1 "
+                "hwId 8 l2IntfId Ethernet8 -> programmed",
+                "unprogramFloodListMember 10/ff:ff:ff:ff:ff:ff Tunnel1.1 label 1001 hwTunnelId 1 "
+                "hwId 7 l2IntfId Ethernet7"}));
+  EXPECT_TRUE(t.inHardware(b));
+  EXPECT_TRUE(t.violations().empty());
+}
+
 TEST(FloodListChip, ARefusedMemberIsReportedAndKeptOutOfTheList) {
   Lists t;
   t.chip->refusalIs({.op = "programFloodListMember",
