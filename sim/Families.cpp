@@ -2,6 +2,7 @@
 // may read what an earlier family's machines write. One line per family.
 #include "sim/Family.h"
 #include "sim/families/dot1qDecap/Dot1qDecapFamily.h"
+#include "sim/families/floodSet/FloodSetFamily.h"
 #include "sim/families/macFec/MacFecFamily.h"
 #include "sim/families/tunnelEsi/TunnelEsiFamily.h"
 
@@ -12,6 +13,7 @@ const Families& registeredFamilies() {
       &tunnelEsiFamily(),
       &dot1qDecapFamily(),
       &macFecFamily(),
+      &floodSetFamily(),
   };
   return families;
 }

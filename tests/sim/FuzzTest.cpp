@@ -15,6 +15,7 @@
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
 #include "sim/families/fec/FecChip.h"
+#include "sim/families/macFec/MacFecFamily.h"
 #include "sim/families/tunnelEsi/TunnelEsiCheck.h"
 
 namespace {

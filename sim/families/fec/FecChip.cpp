@@ -120,12 +120,17 @@ std::uint32_t FecChip::hwFecIdOf(const char* writer, FecId fecId) const {
 }
 
 std::uint32_t FecChip::freeHwFecId() const {
-  std::uint32_t id = 1;
-  for (const auto& [hw, a] : answers_) {
-    if (hw != id) break;
-    ++id;
+  auto held = [this](std::uint32_t id) {
+    if (answers_.contains(id)) return true;
+    for (const auto& h : heldElsewhere_) {
+      if (h(id)) return true;
+    }
+    return false;
+  };
+  for (std::uint32_t id = 1; id <= capacity_; ++id) {
+    if (!held(id)) return id;
   }
-  return id <= capacity_ ? id : 0;
+  return 0;
 }
 
 bool FecChip::busy() const { return !due_.empty(); }
@@ -253,6 +258,32 @@ void FecChip::withdraw(std::uint32_t hw) {
     takeBack(key, false);
     waiting_.insert(key);
     dueAt(key, scheduler_->clock()->now() + retryIntervalDefault);
+    return;
+  }
+}
+
+void FecChip::renumber(std::uint32_t hw) {
+  auto it = answers_.find(hw);
+  const std::uint32_t to = freeHwFecId();
+  if (it == answers_.end() || to == 0) return;
+  for (std::size_t i = 0; i < requesters_.size(); ++i) {
+    const Requester& r = requesters_[i];
+    if (r.writer != it->second.writer) continue;
+    const FecId fecId = it->second.fecId;
+    chip_->countCall();
+    tell(r, "hwFecId",
+         chipText("hwFecId ", fecText(fecId), " -> ", std::uint64_t{to}, " (was ",
+                  std::uint64_t{hw}, ")"));
+    // The interface first, while the old id is still held: a reader that acts on it alone pairs
+    // it with the old id.
+    if (r.response->l2IntfId(fecId).found) r.response->l2IntfIdIs(fecId, fecL2Intf(to));
+    answers_.erase(it);
+    answers_.emplace(to, Answer{r.writer, fecId});
+    hwOf_[Key{i, fecId}] = to;
+    if (idCounts_.size() <= to) idCounts_.resize(to + 1);
+    ++idCounts_[to].first;
+    ++idCounts_[hw].second;
+    r.response->hwFecIdIs(Oba::FecToHwFecId(fecId, to));
     return;
   }
 }

@@ -22,6 +22,7 @@
 // or handed out and released out of balance.
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -66,6 +67,16 @@ class FecChip : public SoftwareChip::Part {
   // Takes back the answer holding hardware id `hw` (nothing when no answer holds it): the row is
   // deleted, the id freed, and the request waits for a new answer.
   void withdraw(std::uint32_t hw);
+  // Moves the answer holding hardware id `hw` to the lowest free id and answers again in place (a
+  // chip that reallocates a FEC): the requester sees the FEC's hardware id (and layer-2
+  // interface) change, and the old id goes back. Nothing when no answer holds `hw` or no id is
+  // free.
+  void renumber(std::uint32_t hw);
+  // Another of the chip's tables that may still use a hardware FEC id after its answer went (a
+  // flood list whose member the chip has not removed yet): the table does not hand such an id out
+  // again until that table lets go of it too, as a chip must not point a new FEC's traffic at
+  // entries that still name the old one.
+  void heldElsewhereIs(std::function<bool(std::uint32_t)> held) { heldElsewhere_.push_back(held); }
 
   // Test-only canary: every table made while this is n > 0 loses its n-th withdrawal (counted
   // from its making): the answer stays, row and id, as a chip layer that dropped it would.
@@ -82,7 +93,7 @@ class FecChip : public SoftwareChip::Part {
   std::uint32_t hwFecIdOf(const char* writer, FecId fecId) const;
   // Requests that wait for an id or for a refusal to pass.
   std::size_t waiting() const { return waiting_.size(); }
-  // The lowest id of 1..capacity not in use, or 0.
+  // The lowest id of 1..capacity neither answered nor held by another table, or 0.
   std::uint32_t freeHwFecId() const;
   // Whether anything could still change without a new input: an answer or withdrawal due, or a
   // request waiting while an id is free.
@@ -132,6 +143,7 @@ class FecChip : public SoftwareChip::Part {
   std::set<Key> waiting_;              // requests the chip could not serve yet
   std::map<Key, std::uint32_t> hwOf_;  // answered requests
   std::map<std::uint32_t, Answer> answers_;
+  std::vector<std::function<bool(std::uint32_t)>> heldElsewhere_;
   std::vector<std::pair<std::uint64_t, std::uint64_t>> idCounts_;  // per id: handed out, released
 
   static inline std::uint64_t canaryLoseWithdrawal_ = 0;

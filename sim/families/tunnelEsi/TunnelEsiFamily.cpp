@@ -4,6 +4,7 @@
 #include <set>
 #include <sstream>
 
+#include "sim/ChipOperations.h"
 #include "sim/FamilyHelpers.h"
 #include "sim/Fuzz.h"
 #include "sim/Rng.h"
@@ -507,18 +508,8 @@ class TunnelEsiFamily : public Family {
   std::vector<std::string> machines() const override { return {"hwTunnelId", "floodingEsi"}; }
 
   std::vector<ChipOperation> chipOperations() const override {
-    auto rc = [](const Reader& r, const YAML::Node& n) {
-      return static_cast<std::uint32_t>(
-          r.parsed(n, "notProgrammed or invalidHwId", Oba::parseHwProgrammingStatus));
-    };
-    auto text = [](std::uint32_t v) {
-      return std::string(Oba::toString(static_cast<Oba::HwProgrammingStatus>(v)));
-    };
-    const auto notProgrammed = static_cast<std::uint32_t>(Oba::HwProgrammingStatus::notProgrammed);
-    return {
-        {"getHwTunnelId", "notProgrammed or invalidHwId", rc, notProgrammed, false, false, text},
-        {"createEsiData", "notProgrammed or invalidHwId", rc, notProgrammed, true, true, text},
-    };
+    return {hwProgrammingOperation("getHwTunnelId", false, false),
+            hwProgrammingOperation("createEsiData", true, true)};
   }
 
   std::vector<ActionKind> actions() const override { return actionKinds<EsiAction>(actionDefs); }

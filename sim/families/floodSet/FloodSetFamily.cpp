@@ -1,0 +1,640 @@
+#include "sim/families/floodSet/FloodSetFamily.h"
+
+#include <algorithm>
+#include <sstream>
+
+#include "sim/ChipLink.h"
+#include "sim/ChipOperations.h"
+#include "sim/Fuzz.h"
+#include "sim/Rng.h"
+#include "sim/Scenario.h"
+#include "sim/ScenarioReader.h"
+#include "sim/families/floodSet/FloodSetCheck.h"
+#include "sim/families/tunnelEsi/TunnelEsiFamily.h"
+
+namespace Sim {
+
+std::string hwInfoLine(const Oba::MplsFloodSetVia& via, const Oba::MplsDestHwInfo& info) {
+  return chipText(via.tunnelId(), " label ", via.label(), " -> hwId ",
+                  info.hwIdForTunnelProgramming(), " l2IntfId ", info.l2IntfId());
+}
+
+// ---- the agent's part ---------------------------------------------------------------------------
+
+// Every write to the outputs the other side reads: the pairs' hardware identifiers and the
+// flood-list configuration, as the chip layer sees them.
+class FloodSetAgent::Log {
+ public:
+  class HwInfo : public Oba::HwInfoMapping::NotifieeConst {
+   public:
+    explicit HwInfo(FloodSetAgent* f) : f_(f) { notifierIs(f->hwInfoMapping); }
+    void onMapping(const Oba::MplsFloodSetVia& via) override {
+      if (!f_->agent.log().enabled()) return;
+      auto info = notifier()->mapping(via);
+      f_->agent.note("hwInfoMapping",
+                     info ? hwInfoLine(via, *info)
+                          : chipText(via.tunnelId(), " label ", via.label(), " deleted"));
+    }
+
+   private:
+    FloodSetAgent* f_;
+  };
+  explicit Log(FloodSetAgent* f) : hwInfo(f) {}
+  HwInfo hwInfo;
+};
+
+// The chip's answers to the FEC machine, followed so that the chip's ledger learns when a
+// hardware FEC id goes back because its request went: a hardware flood list must not use it any
+// more. An answer the chip takes back while the request stays (a chip that lost the FEC) is the
+// chip's own doing.
+class FloodSetAgent::Answers : public Oba::FecIdToHwFecIdResponse::NotifieeConst {
+ public:
+  explicit Answers(FloodSetAgent* f) : f_(f) { notifierIs(f->fecResponse); }
+  void onHwFecId(const Shoal::Fib::FecId& fecId) override {
+    auto row = notifier()->hwFecId(fecId);
+    if (row.found) {
+      hw_[fecId] = row.row.hwFecId();
+      return;
+    }
+    auto it = hw_.find(fecId);
+    if (it == hw_.end()) return;
+    const std::uint64_t hw = it->second;
+    hw_.erase(it);
+    if (!f_->fecRequest->hwFecIdRequest(fecId).found) f_->lists->hwFecIdReleased(hw);
+  }
+
+ private:
+  FloodSetAgent* f_;
+  std::map<Shoal::Fib::FecId, std::uint64_t> hw_;
+};
+
+FloodSetAgent::FloodSetAgent(HostAgent& a)
+    : agent(a),
+      tunnels(a.family<TunnelEsiAgent>()),
+      l2RibFloodSet(new L2Rib::FloodSetOutput("l2RibFloodSet")),
+      mplsFloodSet(new L2Rib::FloodSetOutput("mplsFloodSet")),
+      hwInfoMapping(new Oba::HwInfoMapping),
+      hwConfig(new Oba::EvpnVlanFloodSetHwConfig),
+      hwStatus(new Oba::EvpnVlanFloodSetHwStatus),
+      fecRequest(new Oba::FecIdToHwFecIdRequest("mplsFloodSetFecRequest")),
+      fecResponse(new Oba::FecIdToHwFecIdResponse("mplsFloodSetFecResponse")),
+      lists(FloodListChip::FloodListChipIs(a.chip, a.scheduler, hwConfig, hwStatus)),
+      fecs(FecChip::of(a)),
+      timerWheel(Mox::TimerWheel::TimerWheelIs(a.clock)),
+      log_(std::make_unique<Log>(this)),
+      answers_(std::make_unique<Answers>(this)),
+      fecRestartTask_(
+          Mox::TimerTask::TimerTaskIs(a.scheduler, Mox::TaskPriority(3), "restartFecSm")),
+      fecRestart_(std::make_unique<FecRestart>(this)) {
+  fecs->requesterIs(fecRequest, fecResponse, fecWriter);
+  // An id the chip took back on its own stays in the flood lists until the chip removes the
+  // members naming it; it is not handed to another FEC before.
+  fecs->heldElsewhereIs([lists = lists](std::uint32_t hw) { return lists->usesHwFecId(hw); });
+  FecChip* chip = fecs.ptr();
+  lists->hwFecIdHeldIs([chip](std::uint64_t hw) {
+    auto a = chip->answers().find(static_cast<std::uint32_t>(hw));
+    return hw <= 0xffffffffu && a != chip->answers().end() &&
+           std::string_view(a->second.writer) == fecWriter;
+  });
+  TunnelEsiAgent* t = &tunnels;
+  lists->hwTunnelIdHeldIs(
+      [t](Oba::HwTunnelId id) { return t->chip->hwTunnelIdsInUse().contains(id.value()); });
+  lists->stillWantedIs([this](const Bridging::MacVlanPair& list, const Oba::MplsDestConfig& m) {
+    return stillWanted(list, m);
+  });
+}
+
+// The member is in the RIB's flood set, its tunnel has the hardware id it names (or none, as it
+// names none), and its pair has the identifiers it names.
+bool FloodSetAgent::stillWanted(const Bridging::MacVlanPair& list,
+                                const Oba::MplsDestConfig& m) const {
+  auto v = l2RibFloodSet->vlanFloodSet(list.vlanId);
+  auto fs = v ? v->floodSet(list.macAddr) : nullptr;
+  if (!fs || !fs->destSet(L2Rib::Dest::mpls(m.tunnelId(), m.label())).value_or(false)) {
+    return false;
+  }
+  auto row = tunnels.mapping->tunnelIdToHwTunnelId(m.tunnelId());
+  if ((row.found ? row.row.hwTunnelId() : Oba::HwTunnelId()) != m.hwTunnelId()) return false;
+  auto info = hwInfoMapping->mapping(Oba::MplsFloodSetVia(m.tunnelId(), m.label()));
+  return info && info->hwIdForTunnelProgramming() == m.hwIdForTunnelProgramming() &&
+         info->l2IntfId() == m.l2IntfId();
+}
+
+FloodSetAgent::~FloodSetAgent() = default;
+
+void FloodSetAgent::startFecSm() {
+  fecSm = Oba::evpnFloodSetFecSmFactory(mplsFloodSet, tunnels.mapping, hwStatus, fecRequest,
+                                        fecResponse, hwInfoMapping, timerWheel);
+}
+
+void FloodSetAgent::startVlanSm() {
+  vlanSm = Oba::evpnVlanFloodSetSmFactory(mplsFloodSet, tunnels.mapping, hwInfoMapping, hwConfig,
+                                          hwStatus);
+}
+
+void FloodSetAgent::start() {
+  // The filter first, so that the flood-set machines start over the MPLS-only flood sets; then
+  // the writer of the pairs' hardware identifiers before their reader. A machine that starts
+  // drops what an earlier one wrote; the FEC machine's requests go before it starts (see
+  // restart()).
+  lists->restartingIs(true);
+  filterSm = Oba::vlanFloodSetFilterSmFactory(L2Rib::destTypeMpls_, l2RibFloodSet, mplsFloodSet);
+  dropFecRequests();
+  startFecSm();
+  startVlanSm();
+  lists->restartingIs(false);
+}
+
+void FloodSetAgent::stop() {
+  fecStartPending = false;
+  fecRestartTask_->unscheduleTask();
+  vlanSm = nullptr;
+  fecSm = nullptr;
+  filterSm = nullptr;
+}
+
+void FloodSetAgent::dropFecRequests() {
+  fecRequest->hwFecIdRequestDelAll();
+  fecRequest->fecDelAll();
+}
+
+// A new FEC machine drops the old one's requests and identifiers and requests the pairs again
+// under the ids of a new allocator, but it neither deletes the old FEC definitions nor hears the
+// chip's answers that are already there: an answer for a FEC id it reuses, withdrawn later, keeps
+// the id out of its allocator for good; and the chip gives back the old hardware FEC ids while its
+// flood lists may still use them. The agent restarts it in stages, a quarter second apart: it
+// withdraws the pairs' identifiers (the VLAN flood-set machine takes their members out of the
+// configuration); once the chip has emptied its lists of them, it deletes the old requests and
+// definitions; once the chip has withdrawn every answer, it starts the new machine.
+class FloodSetAgent::FecRestart : public Mox::TimerTask::Notifiee {
+ public:
+  explicit FecRestart(FloodSetAgent* f) : f_(f) { notifierIs(f->fecRestartTask_); }
+  void onTaskRun() override { f_->continueFecRestart(); }
+
+ private:
+  FloodSetAgent* f_;
+};
+
+void FloodSetAgent::continueFecRestart() {
+  if (!lists->busy() && (fecRequest->hwFecIdRequests() || fecRequest->fecs())) dropFecRequests();
+  if (lists->busy() || fecResponse->hwFecIds() || fecResponse->l2IntfIds()) {
+    fecRestartTask_->scheduleTaskDelay(0.25);
+    return;
+  }
+  fecStartPending = false;
+  lists->restartingIs(true);
+  startFecSm();
+  lists->restartingIs(false);
+}
+
+void FloodSetAgent::restart(const std::string& machine) {
+  lists->restartingIs(true);
+  if (machine == "floodSetFec") {
+    fecSm = nullptr;
+    hwInfoMapping->mappingDelAll();
+    fecStartPending = true;
+    fecRestartTask_->scheduleTask();
+  } else {
+    vlanSm = nullptr;
+    startVlanSm();
+  }
+  lists->restartingIs(false);
+}
+
+std::vector<std::string> FloodSetAgent::mplsFloodSetLines() const {
+  std::vector<std::string> out;
+  for (auto [vlan, v] : mplsFloodSet->vlanFloodSetWalk()) {
+    for (auto [mac, fs] : v->floodSetWalk()) {
+      for (auto [dest, value] : fs->destSetWalk()) {
+        out.push_back(chipText(Bridging::MacVlanPair{vlan, mac}.text().view(), " ",
+                               dest.text().view(), value ? "" : " (false)"));
+      }
+    }
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+std::vector<std::string> FloodSetAgent::configLines() const {
+  std::vector<std::string> out;
+  for (auto [list, c] : hwConfig->configWalk()) {
+    for (auto [m, unused] : c->mplsDestConfigWalk()) out.push_back(memberLine(list, m));
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+std::vector<std::string> FloodSetAgent::listLines() const {
+  std::vector<std::string> out;
+  for (const auto& [list, members] : lists->lists()) {
+    for (const auto& m : members) out.push_back(memberLine(list, m));
+  }
+  return out;
+}
+
+std::vector<std::string> FloodSetAgent::statusLines() const {
+  std::vector<std::string> out;
+  for (auto [list, s] : hwStatus->statusWalk()) {
+    for (auto [m, rc] : s->mplsDestStatusWalk()) {
+      out.push_back(memberLine(list, m) + " -> " + Oba::toString(rc));
+    }
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+std::vector<std::string> FloodSetAgent::hwInfoLines() const {
+  std::vector<std::string> out;
+  for (auto [via, info] : hwInfoMapping->mappingWalk()) out.push_back(hwInfoLine(via, info));
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+std::vector<std::string> FloodSetAgent::fecRequestLines() const {
+  std::vector<std::string> out;
+  for (auto [fecId, req] : fecRequest->hwFecIdRequestWalk()) {
+    std::ostringstream os;
+    os << fecId;
+    auto fec = fecRequest->fec(fecId);
+    for (const auto& v : fec.found ? fec.row.via() : std::vector<Shoal::Fib::Via>{}) {
+      os << " " << v.tunnelId() << " label " << v.mplsLabel();
+    }
+    os << " hwTunnelId " << req.hwTunnelId().value();
+    out.push_back(os.str());
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+std::vector<std::string> FloodSetAgent::lines(std::string_view table) const {
+  if (table == "mplsFloodSet") return mplsFloodSetLines();
+  if (table == "floodSetFecs") return fecRequestLines();
+  if (table == "floodListConfig") return configLines();
+  if (table == "floodLists") return listLines();
+  if (table == "floodListStatus") return statusLines();
+  return hwInfoLines();
+}
+
+void FloodSetAgent::printChip(std::ostream& os) const {
+  os << "chip floodLists:\n" << block(listLines());
+  os << "chip floodListStatus:\n" << block(statusLines());
+}
+
+void FloodSetAgent::printOutputs(std::ostream& os) const {
+  os << "mplsFloodSet:\n" << block(mplsFloodSetLines());
+  os << "floodSetFecs:\n" << block(fecRequestLines());
+  os << "hwInfoMapping:\n" << block(hwInfoLines());
+  os << "floodListConfig:\n" << block(configLines());
+}
+
+namespace {
+
+FloodSetAgent& floodSets(HostAgent& agent) { return agent.family<FloodSetAgent>(); }
+
+// ---- actions ------------------------------------------------------------------------------------
+
+class FloodSetAction : public ActionBody {
+ public:
+  enum class Kind : std::uint32_t {
+    floodSetDest,      // vlan, mac, dest, value, type
+    floodSetDestDel,   // vlan, mac, dest
+    floodSetDel,       // vlan, mac
+    vlanFloodSetDel,   // vlan
+    floodListLatency,  // seconds
+    mplsFloodSetDest,  // vlan, mac, dest: written straight into the MPLS-only flood sets
+    fecChipRenumber,   // hw: the chip moves that FEC to another hardware id
+  };
+  Kind kind{};
+  Bridging::VlanId vlan;
+  Quil::EthAddr mac = Quil::EthAddr::broadcast();
+  L2Rib::Dest dest;
+  bool value = true;
+  std::optional<L2Rib::FloodSetType> type;
+  double seconds = 0;
+  std::uint32_t hw = 0;
+
+  void apply(HostAgent& agent) const override {
+    FloodSetAgent& f = floodSets(agent);
+    auto& rib = f.l2RibFloodSet;
+    switch (kind) {
+      case Kind::floodSetDest: {
+        auto fs = rib->vlanFloodSetIs(vlan)->floodSetIs(mac);
+        if (type) fs->floodSetTypeIs(*type);
+        fs->destSetIs(dest, value);
+        break;
+      }
+      case Kind::floodSetDestDel:
+        if (auto v = rib->vlanFloodSet(vlan)) {
+          if (auto fs = v->floodSet(mac)) fs->destSetDel(dest);
+        }
+        break;
+      case Kind::floodSetDel:
+        if (auto v = rib->vlanFloodSet(vlan)) v->floodSetDel(mac);
+        break;
+      case Kind::vlanFloodSetDel:
+        rib->vlanFloodSetDel(vlan);
+        break;
+      case Kind::floodListLatency:
+        f.lists->latencyIs(seconds);
+        break;
+      case Kind::mplsFloodSetDest:
+        // A second writer on the filter's output, as a misbuilt agent would have: whatever it
+        // writes reaches the flood-set machines unfiltered.
+        f.mplsFloodSet->vlanFloodSetIs(vlan)->floodSetIs(mac)->destSetIs(dest, value);
+        break;
+      case Kind::fecChipRenumber:
+        f.fecs->renumber(hw);
+        break;
+    }
+  }
+
+  void write(std::ostream& os) const override {
+    const bool broadcast = mac == Quil::EthAddr::broadcast();
+    auto where = [&] {
+      os << "vlan: " << vlan;
+      if (!broadcast) os << ", mac: '" << mac << "'";
+    };
+    switch (kind) {
+      case Kind::floodSetDest:
+        os << "floodSetDest: {";
+        where();
+        os << ", dest: '" << dest << "'";
+        if (!value) os << ", value: false";
+        if (type) os << ", type: " << *type;
+        os << "}";
+        break;
+      case Kind::floodSetDestDel:
+        os << "floodSetDestDel: {";
+        where();
+        os << ", dest: '" << dest << "'}";
+        break;
+      case Kind::floodSetDel:
+        os << "floodSetDel: {";
+        where();
+        os << "}";
+        break;
+      case Kind::vlanFloodSetDel:
+        os << "vlanFloodSetDel: " << vlan;
+        break;
+      case Kind::floodListLatency:
+        os << "floodListLatency: " << seconds;
+        break;
+      case Kind::mplsFloodSetDest:
+        os << "mplsFloodSetDest: {";
+        where();
+        os << ", dest: '" << dest << "'}";
+        break;
+      case Kind::fecChipRenumber:
+        os << "fecChipRenumber: " << hw;
+        break;
+    }
+  }
+};
+using Kind = FloodSetAction::Kind;
+
+Quil::EthAddr macOf(const Reader& r, const YAML::Node& m) {
+  if (!m["mac"]) return Quil::EthAddr::broadcast();
+  return r.parsed(m["mac"], "a MAC address (aa:bb:cc:dd:ee:ff)", Quil::EthAddr::parse);
+}
+
+L2Rib::Dest destOf(const Reader& r, const YAML::Node& m) {
+  return r.parsed(r.field(m, "dest"),
+                  "a destination (mpls(TunnelT.I, LABEL), tunnel(TunnelT.I) or intf(NAME))",
+                  L2Rib::Dest::parse);
+}
+
+// {vlan, mac?, dest}: one destination of one flood set.
+void readMember(const Reader& r, const YAML::Node& v, const char* what, FloodSetAction& a) {
+  r.onlyKeys(v, {"vlan", "mac", "dest"}, what);
+  a.vlan = r.vlan(r.field(v, "vlan"));
+  a.mac = macOf(r, v);
+  a.dest = destOf(r, v);
+}
+
+struct ActionDef {
+  const char* name;
+  Kind kind;
+  void (*read)(const Reader&, const YAML::Node&, FloodSetAction&);
+};
+
+const ActionDef actionDefs[] = {
+    {"floodSetDest", Kind::floodSetDest,
+     [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
+       r.onlyKeys(v, {"vlan", "mac", "dest", "value", "type"}, "floodSetDest");
+       a.vlan = r.vlan(r.field(v, "vlan"));
+       a.mac = macOf(r, v);
+       a.dest = destOf(r, v);
+       if (v["value"]) {
+         a.value = r.parsed(v["value"], "true or false", [](const std::string& s) {
+           if (s == "true") return true;
+           if (s == "false") return false;
+           throw Kiv::RangeException(s);
+         });
+       }
+       if (v["type"]) {
+         a.type = r.parsed(v["type"], "a flood-set type (floodSetTypeBroadcast, ...)",
+                           L2Rib::parseFloodSetType);
+       }
+     }},
+    {"floodSetDestDel", Kind::floodSetDestDel,
+     [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
+       readMember(r, v, "floodSetDestDel", a);
+     }},
+    {"floodSetDel", Kind::floodSetDel,
+     [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
+       r.onlyKeys(v, {"vlan", "mac"}, "floodSetDel");
+       a.vlan = r.vlan(r.field(v, "vlan"));
+       a.mac = macOf(r, v);
+     }},
+    {"vlanFloodSetDel", Kind::vlanFloodSetDel,
+     [](const Reader& r, const YAML::Node& v, FloodSetAction& a) { a.vlan = r.vlan(v); }},
+    {"mplsFloodSetDest", Kind::mplsFloodSetDest,
+     [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
+       readMember(r, v, "mplsFloodSetDest", a);
+     }},
+    {"fecChipRenumber", Kind::fecChipRenumber,
+     [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
+       a.hw = r.count(v, "a hardware FEC id");
+     }},
+    {"floodListLatency", Kind::floodListLatency,
+     [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
+       a.seconds = r.number(v, "a latency in seconds");
+     }},
+};
+
+// ---- the fuzzer's world -------------------------------------------------------------------------
+
+// The names a seed plays with: VLANs, flood MACs, remote PEs (the tunnel-id family's endpoints, so
+// that their tunnels get hardware ids when they are designated forwarders) with a label or two
+// each, and a few local ports.
+struct World {
+  std::vector<Bridging::VlanId> vlans;
+  std::vector<Quil::EthAddr> macs;
+  std::vector<L2Rib::Dest> dests;
+  std::vector<L2Rib::Dest> mplsDests;
+};
+
+World makeWorld(Rng& r) {
+  World w;
+  std::vector<std::uint16_t> vlans{10, 20, 30, 40, 50};
+  for (std::uint64_t n = 2 + r.below(3); n > 0; --n) {
+    std::size_t i = r.below(vlans.size());
+    w.vlans.push_back(Bridging::VlanId(vlans[i]));
+    vlans.erase(vlans.begin() + static_cast<std::ptrdiff_t>(i));
+  }
+  w.macs.push_back(Quil::EthAddr::broadcast());
+  for (std::uint64_t n = r.below(3); n > 0; --n) {
+    w.macs.push_back(Quil::EthAddr::parse("01:00:5e:00:00:0" + std::to_string(w.macs.size())));
+  }
+  for (std::uint64_t pe = 1; pe <= 6; ++pe) {
+    const Tunnel::TunnelTable::TunnelId tunnel((1ull << 32) | pe);
+    for (std::uint64_t n = 1 + r.below(2), l = 0; l < n; ++l) {
+      w.dests.push_back(L2Rib::Dest::mpls(tunnel, Quil::MplsLabel(1000 + 10 * pe + l)));
+      w.mplsDests.push_back(w.dests.back());
+    }
+    if (r.chance(0.3)) w.dests.push_back(L2Rib::Dest::tunnel(tunnel));
+  }
+  for (std::uint32_t p = 1; p <= 2; ++p) {
+    w.dests.push_back(L2Rib::Dest::intf(Quil::IntfId::ethernet(40 + p)));
+  }
+  return w;
+}
+
+class FloodSetFuzz : public FamilyFuzz {
+ public:
+  FloodSetFuzz(Rng& r, const FuzzOptions&) : w_(makeWorld(r)) {}
+
+  // The chip refuses the next member of one tunnel in one VLAN: a rule rather than a fault at the
+  // run's rate, since a change of the configuration may make the chip program several members of
+  // the same tunnel and VLAN (one per flood MAC) back to back, which no rule placed between them
+  // could tell apart.
+  static constexpr std::uint32_t refuseKind = 100;
+
+  void choices(bool initial, std::vector<Choice>& out) const override {
+    static constexpr std::pair<Kind, std::uint64_t> weights[] = {
+        {Kind::floodSetDest, 24},   {Kind::floodSetDestDel, 12}, {Kind::floodSetDel, 2},
+        {Kind::vlanFloodSetDel, 1}, {Kind::floodListLatency, 2}, {Kind::fecChipRenumber, 3},
+    };
+    for (const auto& [kind, weight] : weights) {
+      if (initial && (kind == Kind::floodListLatency || kind == Kind::fecChipRenumber)) continue;
+      out.push_back({static_cast<std::uint32_t>(kind), weight});
+    }
+    if (!initial) out.push_back({refuseKind, 3});
+  }
+
+  Action action(std::uint32_t kind, Rng& r) const override {
+    if (kind == refuseKind) {
+      const L2Rib::Dest& d = r.pick(w_.mplsDests);
+      const auto rc = r.chance(0.7) ? Oba::HwProgrammingStatus::notProgrammed
+                                    : Oba::HwProgrammingStatus::invalidHwId;
+      return refusalAction({.op = "programFloodListMember",
+                            .port = Quil::DynamicTunnelIntfId::intfId(d.tunnelId().value()),
+                            .vlan = r.pick(w_.vlans),
+                            .times = 1,
+                            .rc = static_cast<std::uint32_t>(rc)});
+    }
+    auto a = std::make_shared<FloodSetAction>();
+    a->kind = static_cast<Kind>(kind);
+    a->vlan = r.pick(w_.vlans);
+    a->mac = r.pick(w_.macs);
+    a->dest = r.pick(w_.dests);
+    if (a->kind == Kind::floodListLatency) a->seconds = r.chance(0.5) ? 0 : r.quarters(8);
+    if (a->kind == Kind::fecChipRenumber) a->hw = static_cast<std::uint32_t>(1 + r.below(8));
+    return Action{0, a};
+  }
+
+ private:
+  World w_;
+};
+
+// ---- the family ---------------------------------------------------------------------------------
+
+class FloodSetFamily : public Family {
+ public:
+  std::string_view name() const override { return "floodSet"; }
+  std::vector<std::string> machines() const override { return {"floodSetFec", "vlanFloodSet"}; }
+
+  // A member's "port" is its tunnel, as a rule names it: DynTunnelT.I.
+  std::vector<ChipOperation> chipOperations() const override {
+    return {hwProgrammingOperation("programFloodListMember", true, true)};
+  }
+
+  std::vector<ActionKind> actions() const override {
+    std::vector<ActionKind> out;
+    for (const auto& def : actionDefs) {
+      out.push_back({def.name, [&def](const Reader& r, const YAML::Node& v) {
+                       auto a = std::make_shared<FloodSetAction>();
+                       a->kind = def.kind;
+                       def.read(r, v, *a);
+                       return std::shared_ptr<const ActionBody>(a);
+                     }});
+    }
+    return out;
+  }
+
+  std::vector<TableKind> tables() const override {
+    return {{"mplsFloodSet", "lines", nullptr},      {"floodSetFecs", "requests", nullptr},
+            {"floodListConfig", "members", nullptr}, {"floodLists", "members", nullptr},
+            {"floodListStatus", "lines", nullptr},   {"hwInfoMapping", "lines", nullptr}};
+  }
+
+  std::unique_ptr<FamilyAgent> agentIs(HostAgent& agent) const override {
+    return std::make_unique<FloodSetAgent>(agent);
+  }
+
+  std::unique_ptr<FamilyFuzz> fuzzIs(Rng& rng, const FuzzOptions& options) const override {
+    return std::make_unique<FloodSetFuzz>(rng, options);
+  }
+
+  bool busy(const HostAgent& agent) const override {
+    const auto& f = agent.family<FloodSetAgent>();
+    return f.lists->busy() || f.fecs->busy() || f.fecStartPending;
+  }
+
+  void count(const HostAgent& agent, Counters& c) const override {
+    const auto& f = agent.family<FloodSetAgent>();
+    for (const auto& [list, members] : f.lists->lists()) c["floodListMembers"] += members.size();
+  }
+  std::optional<CheckFailure> check(const HostAgent& agent, Counters* counters) const override {
+    return checkFloodSets(agent.family<FloodSetAgent>(), counters);
+  }
+
+  std::vector<std::pair<std::string, std::vector<std::string>>> finalExpectations(
+      const HostAgent& agent) const override {
+    const auto& f = agent.family<FloodSetAgent>();
+    return {{"mplsFloodSet", expectedMplsFloodSetLines(f)}, {"floodLists", f.listLines()}};
+  }
+
+  bool visibleToScenario(std::string_view check) const override {
+    return check == "mplsFloodSet" || check == "floodLists";
+  }
+
+  std::vector<FuzzFlag> fuzzFlags() const override {
+    return {{"--canary-break-before-make", "on",
+             "test the checks: the chip removes a flood-list member before adding its replacement",
+             [](const char* v) {
+               if (std::string(v) != "on") return false;
+               FloodListChip::canaryBreakBeforeMakeIs(true);
+               return true;
+             },
+             [] {
+               return FloodListChip::canaryBreakBeforeMake()
+                          ? std::string("--canary-break-before-make on")
+                          : std::string();
+             }}};
+  }
+
+  void printCounts(const Counters& c, std::ostream& os) const override {
+    auto it = c.find("floodListMembers");
+    os << (it == c.end() ? 0 : it->second) << " flood-list members compared, ";
+  }
+};
+
+}  // namespace
+
+const Family& floodSetFamily() {
+  static const FloodSetFamily family;
+  return family;
+}
+
+}  // namespace Sim
