@@ -74,8 +74,9 @@ class Events : public YAML::EventHandler {
 
   void OnDocumentStart(const YAML::Mark& mark) override {
     if (++documents_ > 1) {
-      fail(mark, "a second YAML document (or text after the document's end '...'); a scenario "
-                 "file holds one");
+      fail(mark,
+           "a second YAML document (or text after the document's end '...'); a scenario "
+           "file holds one");
     }
   }
   void OnDocumentEnd() override {}
