@@ -4,10 +4,12 @@
 #include <cmath>
 #include <cstdint>
 #include <deque>
+#include <new>
 #include <sstream>
 
 #include "Kiv/Assert.h"
 #include "Kiv/Trace.h"
+#include "Kiv/Types.h"
 
 namespace Sim {
 
@@ -233,17 +235,23 @@ RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
     return result;
   } catch (const std::exception& e) {
     // Nothing a scenario says should get here: the reader refuses what the machines and the agent
-    // would. Should something, it is still told as the step's, with its line.
+    // would. Should something, it is still told as the step's, with its line, in the terms of a
+    // scenario rather than of the code that threw.
+    const char* what = dynamic_cast<const std::bad_alloc*>(&e)        ? "out of memory"
+                       : dynamic_cast<const Kiv::RangeException*>(&e) ? "a value out of range"
+                                                                      : "an internal error";
     std::ostringstream os;
     if (current) {
       os << s.file << ":" << current->line << ": the step at time " << current->at
-         << " failed at time " << agent.now() << ": " << e.what() << "\n";
+         << " failed at time " << agent.now() << ": " << what << "\n";
     } else {
-      os << s.file << ": the agent's start failed: " << e.what() << "\n";
+      os << s.file << ": the agent's start failed: " << what << "\n";
     }
+    log.add(agent.now(), "abort", what);
     log.flush();
     result.failures.push_back(os.str());
     result.aborted = true;
+    result.internalError = true;
     return result;
   }
   if (current && current->abort) {

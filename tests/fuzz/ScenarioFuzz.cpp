@@ -55,6 +55,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Sim::SimLog log;
   Sim::RunOptions options;
   options.check = true;
-  Sim::runScenario(s, log, options, nullptr);
+  if (Sim::runScenario(s, log, options, nullptr).internalError) __builtin_trap();
   return 0;
 }

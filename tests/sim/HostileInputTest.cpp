@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Kiv/Types.h"
 #include "sim/Fuzz.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
@@ -55,15 +56,18 @@ TEST(HostileInput, EveryRefusalNamesTheLineAndTheValueGiven) {
       "expected an ESI label (mpls:N with N at most 1048575, vxlan:N or none:N)";
   const std::vector<Case> cases = {
       // Times: finite, and within the bound.
-      {twoSegments + "  - at: inf\n", "h.yaml:12:9: expected a time in seconds (0-1000000), got 'inf'"},
-      {twoSegments + "  - at: nan\n", "h.yaml:12:9: expected a time in seconds (0-1000000), got 'nan'"},
+      {twoSegments + "  - at: inf\n",
+       "h.yaml:12:9: expected a time in seconds (0-1000000), got 'inf'"},
+      {twoSegments + "  - at: nan\n",
+       "h.yaml:12:9: expected a time in seconds (0-1000000), got 'nan'"},
       {twoSegments + "  - at: 1e300\n",
        "h.yaml:12:9: expected a time in seconds (0-1000000), got '1e300'"},
       {twoSegments + "  - at: 4294967296\n",
        "h.yaml:12:9: expected a time in seconds (0-1000000), got '4294967296'"},
       {"steps:\n  - at: -1\n", "h.yaml:2:9: expected a time in seconds (0-1000000), got '-1'"},
       // Counts: within 32 bits, whole.
-      {doing("chipPool: 1e300"), "h.yaml:4:19: expected a number of hardware tunnel ids, got '1e300'"},
+      {doing("chipPool: 1e300"),
+       "h.yaml:4:19: expected a number of hardware tunnel ids, got '1e300'"},
       {doing("chipPool: 4294967296"),
        "h.yaml:4:19: expected a number of hardware tunnel ids, got '4294967296'"},
       {doing("chipPool: 1.5"), "h.yaml:4:19: expected a number of hardware tunnel ids, got '1.5'"},
@@ -73,7 +77,8 @@ TEST(HostileInput, EveryRefusalNamesTheLineAndTheValueGiven) {
       {doing("localEsiLabel: {segment: Ethernet1, label: mpls:1048576}"),
        "h.yaml:4:52: " + labelWhat + ", got 'mpls:1048576'"},
       {doing("segment: DynTunnel0.0"),
-       "h.yaml:4:18: expected a segment interface (EthernetN or Port-ChannelN), got 'DynTunnel0.0'"},
+       "h.yaml:4:18: expected a segment interface (EthernetN or Port-ChannelN), got "
+       "'DynTunnel0.0'"},
       {doing("remoteEsiLabel: {segment: Ethernet1, tep: DynTunnel0.0, label: none:0}"),
        "h.yaml:4:51: " + tepWhat + ", got 'DynTunnel0.0'"},
       {doing("designatedForwarderDel: {segment: Ethernet1, vlan: 4095}"),
@@ -188,13 +193,15 @@ TEST(HostileInput, ALongWaitCostsWhatHappensInItNotItsLength) {
       mapping: [Tunnel1.1 -> 1]
       esiData: [Ethernet5 vlan 100 tunnel Tunnel1.1 hw 1 label 1001 local 2005]
 )";
-  text.insert(text.find("  - local"), "  - chipRefuse: {op: createEsiData, port: Ethernet5, times: 1000}\n");
+  text.insert(text.find("  - local"),
+              "  - chipRefuse: {op: createEsiData, port: Ethernet5, times: 1000}\n");
   std::ostringstream out;
   Sim::SimLog log(&out);
   auto r = Sim::runScenario(Sim::parseScenario(text, "w.yaml"), log, {.check = true});
   EXPECT_TRUE(r.ok()) << (r.failures.empty() ? "" : r.failures.front());
-  const std::string programmed = "createEsiData Ethernet5 vlan 100 tunnel Tunnel1.1 hw 1 label "
-                                 "1001 local 2005 -> programmed";
+  const std::string programmed =
+      "createEsiData Ethernet5 vlan 100 tunnel Tunnel1.1 hw 1 label "
+      "1001 local 2005 -> programmed";
   const std::string& l = out.str();
   EXPECT_NE(l.find("periods skipped"), std::string::npos);
   EXPECT_NE(l.find("  5001.000  floodingEsi>chip " + programmed), std::string::npos) << l;
@@ -204,8 +211,34 @@ TEST(HostileInput, ALongWaitCostsWhatHappensInItNotItsLength) {
 TEST(HostileInput, TheJsonLogStaysJson) {
   std::ostringstream out;
   Sim::SimLog log(&out, Sim::SimLog::Format::json);
-  log.add(std::numeric_limits<double>::quiet_NaN(), "step", "a\xff" "b \xc3\xa9");
+  log.add(std::numeric_limits<double>::quiet_NaN(), "step",
+          "a\xff"
+          "b \xc3\xa9");
   EXPECT_EQ(out.str(), "{\"time\":null,\"source\":\"step\",\"text\":\"a\\ufffdb \xc3\xa9\"}\n");
+}
+
+}  // namespace
+
+namespace {
+
+// An exception from inside a step (none comes from input any more) still names the step and its
+// line, and not the type that threw.
+TEST(HostileInput, AnExceptionInAStepIsToldAsTheStep) {
+  struct Throwing : Sim::ActionBody {
+    void apply(Sim::HostAgent&) const override {
+      throw Kiv::RangeException("MplsLabel::value > 1048576 not allowed");
+    }
+    void write(std::ostream& os) const override { os << "throwing: x"; }
+  };
+  Sim::Scenario s = Sim::parseScenario("steps:\n  - at: 1\n  - at: 2\n", "t.yaml");
+  s.steps[1].actions.push_back(Sim::Action{3, std::make_shared<Throwing>()});
+  std::ostringstream out;
+  Sim::SimLog log(&out);
+  auto r = Sim::runScenario(s, log, {});
+  EXPECT_TRUE(r.aborted && r.internalError);
+  EXPECT_EQ(r.failures.back(),
+            "t.yaml:3: the step at time 2 failed at time 2: a value out of range\n");
+  EXPECT_EQ(out.str().find("MplsLabel"), std::string::npos);
 }
 
 }  // namespace
