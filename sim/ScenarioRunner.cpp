@@ -48,11 +48,13 @@ class StepTrace {
   std::string before_;
 };
 
-// The agent as far as a wait can tell: what the chip holds and the outputs say, what is pending
-// and how far off, what the refusal rules have left, and what the last round of reviews called.
+// The agent as far as a wait can tell: what the chip holds and the outputs say, how many
+// violations the chip saw, what is pending and how far off, what the refusal rules have left, and
+// what the last round of reviews called.
 struct Snapshot {
   double now = 0;
   std::string state;
+  std::size_t violations = 0;  // a review that breaks a rule of the chip changes something
   std::vector<double> pending;
   std::vector<std::int64_t> counts;
   std::vector<std::string> calls;
@@ -61,8 +63,9 @@ struct Snapshot {
     Snapshot s;
     s.now = agent.now();
     std::ostringstream os;
-    agent.printState(os);
+    agent.printTables(os);
     s.state = os.str();
+    s.violations = agent.chip->violations().size();
     for (double due : agent.scheduler->dueTimes()) s.pending.push_back(due - s.now);
     s.counts = agent.chip->refusalCounts();
     s.calls = std::move(calls);
@@ -70,7 +73,10 @@ struct Snapshot {
   }
   // The same but for the time and the counts of rules that count down.
   bool sameAs(const Snapshot& o) const {
-    if (state != o.state || pending != o.pending || calls != o.calls) return false;
+    if (state != o.state || violations != o.violations || pending != o.pending ||
+        calls != o.calls) {
+      return false;
+    }
     if (counts.size() != o.counts.size()) return false;
     for (std::size_t i = 0; i < counts.size(); ++i) {
       if ((counts[i] < 0) != (o.counts[i] < 0)) return false;
@@ -103,6 +109,7 @@ void waitUntil(HostAgent& agent, SimLog& log, double t, std::vector<std::string>
     for (const Snapshot& before : seen) {
       if (!next || *next >= t || !now.sameAs(before)) continue;
       const double period = now.now - before.now;
+      if (period <= 0) continue;  // a task that ran again at the same time
       // Periods that fit before the next step: the next round plus k periods stays before t.
       auto k = static_cast<std::int64_t>(std::floor((t - *next) / period));
       if (*next + static_cast<double>(k) * period >= t) --k;
