@@ -1,7 +1,14 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, only those that are missing.
+#   scripts/deps.sh          the default and asan builds
+#   scripts/deps.sh fuzz     and clang with libFuzzer, for the fuzz preset
 set -euo pipefail
 packages=(cmake ninja-build g++ clang-format libgtest-dev libgmock-dev libbenchmark-dev libyaml-cpp-dev graphviz)
+if [ "${1:-}" = fuzz ]; then
+  # libFuzzer ships with clang's runtime libraries (libclang_rt.fuzzer), in a package of their
+  # own: that of Debian 12's clang, 14.
+  packages+=(clang libclang-rt-14-dev)
+fi
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

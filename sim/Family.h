@@ -13,6 +13,8 @@
 
 #include <yaml-cpp/yaml.h>
 
+#include "Quil/IntfId.h"
+
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -81,6 +83,9 @@ struct ChipOperation {
   bool hasPort = false;
   bool hasVlan = false;
   std::function<std::string(std::uint32_t)> rcText;  // for writing a rule back
+  // What its calls name as the port, for a rule's `port`: a physical port unless given (the ESI
+  // port maps name a segment interface, the flood-list members their tunnel's endpoint).
+  std::function<Quil::IntfId(const Reader&, const YAML::Node&)> portRead = nullptr;
 };
 
 // ---- the host agent -----------------------------------------------------------------------------

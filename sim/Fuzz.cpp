@@ -786,6 +786,10 @@ int fuzzMain(int argc, char** argv) {
       return 0;
     } else if (a == "--seeds") {
       if (!value(o.seeds)) return 2;
+      if (o.seeds == 0) {
+        std::cerr << "oba-evpn-sim fuzz: --seeds must be at least 1\n";
+        return 2;
+      }
     } else if (a == "--seed") {
       if (!value(o.firstSeed)) return 2;
       seedGiven = true;
@@ -795,12 +799,17 @@ int fuzzMain(int argc, char** argv) {
       if (!value(o.steps)) return 2;
     } else if (a == "--fault-rate") {
       if (!value(o.faultRate)) return 2;
-      if (o.faultRate < 0 || o.faultRate > 1) {
+      if (!(o.faultRate >= 0 && o.faultRate <= 1)) {  // NaN too
         std::cerr << "oba-evpn-sim fuzz: --fault-rate must be within 0..1\n";
         return 2;
       }
     } else if (a == "--pool") {
       if (!value(o.pool)) return 2;
+      // The worlds draw ids from the pool: a chip without one is no world to converge in.
+      if (o.pool == 0) {
+        std::cerr << "oba-evpn-sim fuzz: --pool must be at least 1\n";
+        return 2;
+      }
     } else if (a == "--batch") {
       if (!value(o.batch)) return 2;
     } else if (a == "--restarts") {

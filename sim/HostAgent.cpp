@@ -89,4 +89,9 @@ void HostAgent::printState(std::ostream& os) const {
   for (const auto& a : agents_) a->printOutputs(os);
 }
 
+void HostAgent::printTables(std::ostream& os) const {
+  for (const auto& a : agents_) a->printChip(os);
+  for (const auto& a : agents_) a->printOutputs(os);
+}
+
 }  // namespace Sim

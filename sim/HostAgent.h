@@ -39,6 +39,8 @@ class HostAgent {
   std::vector<std::string> tableLines(std::string_view table) const;
   // The final state: every family's chip tables, the chip's violations, every family's outputs.
   void printState(std::ostream& os) const;
+  // The same without the violations: what the tables hold.
+  void printTables(std::ostream& os) const;
 
   // A line of the log, from the agent or one of its families.
   SimLog& log() const { return *log_; }

@@ -1,19 +1,41 @@
 #include "sim/Scenario.h"
 
 #include <algorithm>
-#include <fstream>
+#include <cmath>
+#include <limits>
 #include <map>
 #include <memory>
-#include <sstream>
 
 #include "Kiv/Trace.h"
 #include "Kiv/Types.h"
 #include "Tunnel/TunnelId.h"
 #include "sim/HostAgent.h"
+#include "sim/ScenarioText.h"
 
 namespace Sim {
 
 // ---- the reader's value types -------------------------------------------------------------------
+
+void Reader::failExpected(const YAML::Node& n, const std::string& what) const {
+  std::string got;
+  if (n.IsMap()) {
+    got = "a map";
+  } else if (n.IsSequence()) {
+    got = "a list";
+  } else if (!n.IsScalar() || n.Scalar().empty()) {
+    got = "nothing";
+  } else {
+    // Enough of it to recognise, on one line.
+    constexpr std::size_t shown = 60;
+    const std::string& v = n.Scalar();
+    std::string text = v.substr(0, shown);
+    for (char& c : text) {
+      if (c == '\n' || c == '\t' || c == '\r') c = ' ';
+    }
+    got = "'" + text + (v.size() > shown ? "...'" : "'");
+  }
+  fail(n, "expected " + what + ", got " + got);
+}
 
 double Reader::number(const YAML::Node& n, const std::string& what) const {
   return parsed(n, what, [&](const std::string& s) {
@@ -24,55 +46,85 @@ double Reader::number(const YAML::Node& n, const std::string& what) const {
     } catch (const std::exception&) {
       used = 0;
     }
-    if (used != s.size() || v < 0) throw Kiv::RangeException(s);
+    // Not infinity nor NaN: neither is a time or a count, and NaN compares false with everything.
+    if (used == 0 || used != s.size() || !std::isfinite(v) || v < 0) {
+      throw Kiv::RangeException(s);
+    }
     return v;
   });
 }
 
+double Reader::time(const YAML::Node& n) const {
+  static const std::string what =
+      "a time in seconds (0-" + std::to_string(static_cast<long>(maxScenarioTime)) + ")";
+  const double t = number(n, what);
+  if (t > maxScenarioTime) failExpected(n, what);
+  return t;
+}
+
 std::uint32_t Reader::count(const YAML::Node& n, const std::string& what) const {
   double v = number(n, what);
-  if (v != static_cast<double>(static_cast<std::uint32_t>(v))) fail(n, "expected " + what);
+  if (v > std::numeric_limits<std::uint32_t>::max() ||
+      v != static_cast<double>(static_cast<std::uint32_t>(v))) {
+    failExpected(n, what);
+  }
   return static_cast<std::uint32_t>(v);
 }
 
 Quil::IntfId Reader::segment(const YAML::Node& n) const {
-  auto intf = parsed(n, "a segment interface (EthernetN or Port-ChannelN)", Quil::IntfId::parse);
-  if (!intf.isEthernet() && !intf.isPortChannel()) {
-    fail(n, "expected a segment interface (EthernetN or Port-ChannelN)");
-  }
+  const char* what = "a segment interface (EthernetN or Port-ChannelN)";
+  auto intf = parsed(n, what, Quil::IntfId::parse);
+  if (!intf.isEthernet() && !intf.isPortChannel()) failExpected(n, what);
   return intf;
 }
 
 Quil::IntfId Reader::lag(const YAML::Node& n) const {
-  auto intf = parsed(n, "a LAG (Port-ChannelN)", Quil::IntfId::parse);
-  if (!intf.isPortChannel()) fail(n, "expected a LAG (Port-ChannelN)");
+  const char* what = "a LAG (Port-ChannelN)";
+  auto intf = parsed(n, what, Quil::IntfId::parse);
+  if (!intf.isPortChannel()) failExpected(n, what);
   return intf;
 }
 
 Quil::IntfId Reader::port(const YAML::Node& n) const {
-  auto intf = parsed(n, "a physical port (EthernetN)", Quil::IntfId::parse);
-  if (!intf.isEthernet()) fail(n, "expected a physical port (EthernetN)");
+  const char* what = "a physical port (EthernetN)";
+  auto intf = parsed(n, what, Quil::IntfId::parse);
+  if (!intf.isEthernet()) failExpected(n, what);
   return intf;
 }
 
 Quil::IntfId Reader::tep(const YAML::Node& n) const {
-  const char* what = "a tunnel endpoint (DynTunnelT.I, with T at most 65535)";
+  // Tunnel id 0 is the invalid id: DynTunnel0.0 names no tunnel.
+  const char* what = "a tunnel endpoint (DynTunnelT.I, with T at most 65535, not DynTunnel0.0)";
   auto intf = parsed(n, what, Quil::IntfId::parse);
-  if (!intf.isDynamicTunnel() ||
+  if (!intf.isDynamicTunnel() || Quil::DynamicTunnelIntfId::tunnelId(intf) == 0 ||
       Quil::DynamicTunnelIntfId::tunnelId(intf) > Tunnel::TunnelTable::TunnelId::maxValue) {
-    fail(n, std::string("expected ") + what);
+    failExpected(n, what);
   }
   return intf;
 }
 
 Bridging::VlanId Reader::vlan(const YAML::Node& n) const {
-  auto v = parsed(n, "a VLAN (1-4094)", Bridging::VlanId::parse);
-  if (!v.isValid()) fail(n, "expected a VLAN (1-4094)");
+  const char* what = "a VLAN (1-4094)";
+  auto v = parsed(n, what, Bridging::VlanId::parse);
+  if (!v.isValid()) failExpected(n, what);
   return v;
 }
 
 Evpn::EncapTypeLabel Reader::label(const YAML::Node& n) const {
-  return parsed(n, "an ESI label (mpls:N, vxlan:N or none:N)", Evpn::EncapTypeLabel::parse);
+  const char* what = "an ESI label (mpls:N with N at most 1048575, vxlan:N or none:N)";
+  auto l = parsed(n, what, Evpn::EncapTypeLabel::parse);
+  // The machines program an MPLS ESI label as an MPLS label: a real one, not "no label".
+  if (l.encapType() == Evpn::EncapTypeLabel::encapTypeMpls &&
+      l.label() >= Quil::MplsLabel::noLabel) {
+    failExpected(n, what);
+  }
+  return l;
+}
+
+Quil::MplsLabel Reader::mplsLabel(const YAML::Node& n) const {
+  const std::uint32_t v = count(n, "an MPLS label (0-1048575)");
+  if (v >= Quil::MplsLabel::noLabel) failExpected(n, "an MPLS label (0-1048575)");
+  return Quil::MplsLabel(v);
 }
 
 void Reader::onlyKeys(const YAML::Node& m, const std::vector<std::string>& keys,
@@ -201,7 +253,11 @@ class Actions {
     rule.op = r.scalar(r.field(v, "op"), "a chip operation");
     const ChipOperation* o = op(rule.op);
     if (!o) r.fail(v["op"], "expected " + what);
-    if (v["port"]) rule.port = r.parsed(v["port"], "an interface", Quil::IntfId::parse);
+    // A rule that names what the operation's calls do not carry could never match.
+    for (auto [key, has] : {std::pair{"port", o->hasPort}, std::pair{"vlan", o->hasVlan}}) {
+      if (v[key] && !has) r.fail(v[key], rule.op + " calls name no " + key);
+    }
+    if (v["port"]) rule.port = o->portRead ? o->portRead(r, v["port"]) : r.port(v["port"]);
     if (v["vlan"]) rule.vlan = r.vlan(v["vlan"]);
     if (v["times"]) rule.times = r.count(v["times"], "a number of calls");
     rule.rc = v["rc"] ? o->rc(r, v["rc"]) : o->defaultRc;
@@ -265,6 +321,7 @@ class Expectations {
 }  // namespace
 
 Scenario parseScenario(const std::string& text, const std::string& file, const Families& families) {
+  checkScenarioText(text, file);
   YAML::Node root;
   try {
     root = YAML::Load(text);
@@ -301,7 +358,7 @@ Scenario parseScenario(const std::string& text, const std::string& file, const F
     r.onlyKeys(n, {"at", "note", "trace", "do", "expect"}, "a step");
     Step step;
     step.line = n.Mark().line + 1;
-    step.at = r.number(r.field(n, "at"), "a time in seconds");
+    step.at = r.time(r.field(n, "at"));
     if (step.at < last) r.fail(n["at"], "expected a time no earlier than the step before");
     last = step.at;
     if (n["note"]) step.note = r.scalar(n["note"], "a note");
@@ -335,14 +392,11 @@ Scenario parseScenario(const std::string& text, const std::string& file, const F
 }
 
 Scenario readScenarioFile(const std::string& path, const Families& families) {
-  std::ifstream in(path);
-  if (!in) throw ScenarioError(path, 0, 0, "cannot read the file");
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return parseScenario(ss.str(), path, families);
+  return parseScenario(readScenarioText(path), path, families);
 }
 
 Action actionOf(const std::string& text, const Families& families) {
+  checkScenarioText(text, "action");
   YAML::Node n;
   try {
     n = YAML::Load(text);

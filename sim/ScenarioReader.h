@@ -6,6 +6,7 @@
 
 #include <yaml-cpp/yaml.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <stdexcept>
@@ -16,17 +17,25 @@
 #include "Evpn/EvpnStatus.h"
 #include "Kiv/Types.h"
 #include "Quil/IntfId.h"
+#include "Quil/MplsLabel.h"
 
 namespace Sim {
 
+// The limits of a scenario file. A file is read whole and its YAML tree takes some hundred times
+// its size in memory, so the size is bounded; a time is bounded so that it means something to a
+// switch (a scenario tells seconds to hours) and stays exact to the millisecond.
+constexpr std::size_t maxScenarioBytes = 1 << 20;
+constexpr double maxScenarioTime = 1e6;
+
 // A scenario that cannot be read: "<file>:<line>:<column>: <what was expected>" (the column is
-// left out where there is none, as for a file that cannot be read at all).
+// left out where there is none, the line too where the whole file is meant, as for a file that
+// cannot be read at all).
 class ScenarioError : public std::runtime_error {
  public:
   ScenarioError(const std::string& file, int line, int column, const std::string& what)
-      : std::runtime_error(file + ":" + std::to_string(line) +
-                           (column > 0 ? ":" + std::to_string(column) : std::string()) + ": " +
-                           what),
+      : std::runtime_error(file + (line > 0 ? ":" + std::to_string(line) : std::string()) +
+                           (line > 0 && column > 0 ? ":" + std::to_string(column) : std::string()) +
+                           ": " + what),
         file_(file),
         line_(line),
         column_(column) {}
@@ -49,8 +58,12 @@ class Reader {
     throw ScenarioError(file_, n.Mark().line + 1, n.Mark().column + 1, what);
   }
 
+  // "expected <what>, got '<the value>'" (or "got a map", "got a list"): every refused value
+  // says what it was.
+  [[noreturn]] void failExpected(const YAML::Node& n, const std::string& what) const;
+
   std::string scalar(const YAML::Node& n, const std::string& what) const {
-    if (!n.IsScalar()) fail(n, "expected " + what);
+    if (!n.IsScalar()) failExpected(n, what);
     return n.Scalar();
   }
 
@@ -61,11 +74,14 @@ class Reader {
     try {
       return parse(s);
     } catch (const Kiv::RangeException&) {
-      fail(n, "expected " + what + ", got '" + s + "'");
+      failExpected(n, what);
     }
   }
 
+  // A finite number, at least 0.
   double number(const YAML::Node& n, const std::string& what) const;
+  // A time in seconds: a number up to maxScenarioTime.
+  double time(const YAML::Node& n) const;
   std::uint32_t count(const YAML::Node& n, const std::string& what) const;
 
   // The value types every family meets.
@@ -74,7 +90,8 @@ class Reader {
   Quil::IntfId port(const YAML::Node& n) const;  // a physical port
   Quil::IntfId tep(const YAML::Node& n) const;   // a dynamic tunnel interface
   Bridging::VlanId vlan(const YAML::Node& n) const;
-  Evpn::EncapTypeLabel label(const YAML::Node& n) const;
+  Evpn::EncapTypeLabel label(const YAML::Node& n) const;  // an MPLS one carries a real label
+  Quil::MplsLabel mplsLabel(const YAML::Node& n) const;   // 0-1048575
 
   // The value of `key` in map `m`; a missing required key is an error at the map.
   YAML::Node field(const YAML::Node& m, const char* key) const {

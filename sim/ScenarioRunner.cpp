@@ -1,10 +1,15 @@
 #include "sim/ScenarioRunner.h"
 
 #include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <deque>
+#include <new>
 #include <sstream>
 
 #include "Kiv/Assert.h"
 #include "Kiv/Trace.h"
+#include "Kiv/Types.h"
 
 namespace Sim {
 
@@ -43,6 +48,96 @@ class StepTrace {
   std::string before_;
 };
 
+// The agent as far as a wait can tell: what the chip holds and the outputs say, how many
+// violations the chip saw, what is pending and how far off, what the refusal rules have left, and
+// what the last round of reviews called.
+struct Snapshot {
+  double now = 0;
+  std::string state;
+  std::size_t violations = 0;  // a review that breaks a rule of the chip changes something
+  std::vector<double> pending;
+  std::vector<std::int64_t> counts;
+  std::vector<std::string> calls;
+
+  static Snapshot of(const HostAgent& agent, std::vector<std::string> calls) {
+    Snapshot s;
+    s.now = agent.now();
+    std::ostringstream os;
+    agent.printTables(os);
+    s.state = os.str();
+    s.violations = agent.chip->violations().size();
+    for (double due : agent.scheduler->dueTimes()) s.pending.push_back(due - s.now);
+    s.counts = agent.chip->refusalCounts();
+    s.calls = std::move(calls);
+    return s;
+  }
+  // The same but for the time and the counts of rules that count down.
+  bool sameAs(const Snapshot& o) const {
+    if (state != o.state || violations != o.violations || pending != o.pending ||
+        calls != o.calls) {
+      return false;
+    }
+    if (counts.size() != o.counts.size()) return false;
+    for (std::size_t i = 0; i < counts.size(); ++i) {
+      if ((counts[i] < 0) != (o.counts[i] < 0)) return false;
+    }
+    return true;
+  }
+};
+
+// Walks time to just before `t`, each review at its own due time, adding the chip calls to
+// `calls`. A wait is bounded by what can happen in it, not by its length: after the first
+// `exactRounds` rounds, once a round leaves the agent as an earlier one did (the same state, the
+// same tasks pending as far off, the same calls), the rounds since can only repeat, the machines
+// being functions of their inputs and the chip's answers. Whole periods of them are skipped then,
+// counting the refusal rules down as they would have been, while every rule lasts and the next
+// step is not reached; the log says how many.
+void waitUntil(HostAgent& agent, SimLog& log, double t, std::vector<std::string>& calls) {
+  constexpr int exactRounds = 100;
+  constexpr std::size_t remembered = 16;
+  std::deque<Snapshot> seen;
+  int rounds = 0;
+  for (auto due = agent.scheduler->nextDueTime(); due && *due < t;
+       due = agent.scheduler->nextDueTime()) {
+    agent.scheduler->advanceTo(*due);
+    std::vector<std::string> taken = agent.takeCalls();
+    calls.insert(calls.end(), taken.begin(), taken.end());
+    if (++rounds <= exactRounds) continue;
+    Snapshot now = Snapshot::of(agent, std::move(taken));
+    const auto next = agent.scheduler->nextDueTime();
+    bool skipped = false;
+    for (const Snapshot& before : seen) {
+      if (!next || *next >= t || !now.sameAs(before)) continue;
+      const double period = now.now - before.now;
+      if (period <= 0) continue;  // a task that ran again at the same time
+      // Periods that fit before the next step: the next round plus k periods stays before t.
+      auto k = static_cast<std::int64_t>(std::floor((t - *next) / period));
+      if (*next + static_cast<double>(k) * period >= t) --k;
+      std::vector<std::int64_t> used(now.counts.size(), 0);
+      for (std::size_t i = 0; i < now.counts.size(); ++i) {
+        used[i] = now.counts[i] < 0 ? 0 : before.counts[i] - now.counts[i];
+        if (used[i] > 0) k = std::min(k, (now.counts[i] - 1) / used[i]);
+      }
+      if (k < 1) break;
+      for (auto& u : used) u *= k;
+      agent.scheduler->skipBy(static_cast<double>(k) * period);
+      agent.chip->refusalCountsLess(used);
+      std::ostringstream os;
+      os << "the reviews repeat every " << period << " s: " << k << " periods skipped, from time "
+         << now.now;
+      log.add(agent.now(), "wait", os.str());
+      skipped = true;
+      break;
+    }
+    if (skipped) {
+      seen.clear();
+    } else {
+      seen.push_front(std::move(now));
+      if (seen.size() > remembered) seen.pop_back();
+    }
+  }
+}
+
 }  // namespace
 
 // The initial inputs, the start, and each step; `current` follows the step being run.
@@ -65,10 +160,7 @@ static void runSteps(const Scenario& s, HostAgent& agent, SimLog& log, const Run
     // the step's); then the step begins, and what falls due exactly at its time runs before its
     // actions.
     current = &step;
-    for (auto due = agent.scheduler->nextDueTime(); due && *due < step.at;
-         due = agent.scheduler->nextDueTime()) {
-      agent.scheduler->advanceTo(*due);
-    }
+    waitUntil(agent, log, step.at, calls);
     {
       StepTrace trace(step.trace);
       log.add(step.at, "step",
@@ -149,6 +241,26 @@ RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
       result.aborted = true;
     }
     log.flush();
+    return result;
+  } catch (const std::exception& e) {
+    // Nothing a scenario says should get here: the reader refuses what the machines and the agent
+    // would. Should something, it is still told as the step's, with its line, in the terms of a
+    // scenario rather than of the code that threw.
+    const char* what = dynamic_cast<const std::bad_alloc*>(&e)        ? "out of memory"
+                       : dynamic_cast<const Kiv::RangeException*>(&e) ? "a value out of range"
+                                                                      : "an internal error";
+    std::ostringstream os;
+    if (current) {
+      os << s.file << ":" << current->line << ": the step at time " << current->at
+         << " failed at time " << agent.now() << ": " << what << "\n";
+    } else {
+      os << s.file << ": the agent's start failed: " << what << "\n";
+    }
+    log.add(agent.now(), "abort", what);
+    log.flush();
+    result.failures.push_back(os.str());
+    result.aborted = true;
+    result.internalError = true;
     return result;
   }
   if (current && current->abort) {

@@ -30,6 +30,9 @@ struct RunResult {
   // A machine broke an invariant where the scenario did not expect it: the step, its file and
   // line, the machine and the assertion are the last failure. The run ended there.
   bool aborted = false;
+  // What ended the run was not a machine's assertion but an exception that no input should cause
+  // (the reader refuses what would): a fault of the simulator. The run ended there too.
+  bool internalError = false;
   bool violationsExpected = false;  // some step states the chip's violations
   bool ok() const { return failures.empty(); }
 };

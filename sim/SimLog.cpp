@@ -1,13 +1,29 @@
 #include "sim/SimLog.h"
 
+#include <cmath>
 #include <cstdio>
+
+#include "sim/ScenarioText.h"
 
 namespace Sim {
 
 namespace {
+// A JSON string; a byte that is not part of UTF-8 text becomes U+FFFD, so a line stays valid JSON
+// whatever a note or a trace holds.
 void jsonString(std::ostream& os, std::string_view s) {
   os << '"';
-  for (char c : s) {
+  for (std::size_t i = 0; i < s.size(); ++i) {
+    const char c = s[i];
+    if (static_cast<unsigned char>(c) >= 0x80) {
+      const std::size_t n = utf8Length(s, i);
+      if (n == 0) {
+        os << "\\ufffd";
+      } else {
+        os << s.substr(i, n);
+        i += n - 1;
+      }
+      continue;
+    }
     switch (c) {
       case '"':
         os << "\\\"";
@@ -38,7 +54,14 @@ void jsonString(std::ostream& os, std::string_view s) {
 void SimLog::add(double time, std::string_view source, std::string_view text) {
   if (!out_) return;
   if (format_ == Format::json) {
-    *out_ << "{\"time\":" << time << ",\"source\":";
+    // JSON has no NaN nor infinity; the reader refuses such times, and a line never prints one.
+    *out_ << "{\"time\":";
+    if (std::isfinite(time)) {
+      *out_ << time;
+    } else {
+      *out_ << "null";
+    }
+    *out_ << ",\"source\":";
     jsonString(*out_, source);
     *out_ << ",\"text\":";
     jsonString(*out_, text);

@@ -23,6 +23,21 @@ void SoftwareChip::refusalIs(const Refusal& r) {
   if (r.times != 0) rules_.push_back(Rule{r});
 }
 
+std::vector<std::int64_t> SoftwareChip::refusalCounts() const {
+  std::vector<std::int64_t> out;
+  for (const Rule& r : rules_) out.push_back(r.refusal.times);
+  return out;
+}
+
+void SoftwareChip::refusalCountsLess(const std::vector<std::int64_t>& by) {
+  KIV_ASSERT(by.size() == rules_.size());
+  for (std::size_t i = 0; i < by.size(); ++i) {
+    if (by[i] == 0) continue;
+    KIV_ASSERT(rules_[i].refusal.times > by[i]);
+    rules_[i].refusal.times -= by[i];
+  }
+}
+
 void SoftwareChip::faultRateIs(double p, std::uint64_t seed) {
   faultRate_ = p < 0 ? 0 : (p > 1 ? 1 : p);
   // 2^64 * p, saturating: p = 1 refuses every draw but the largest value, which is close enough

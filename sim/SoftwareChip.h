@@ -79,6 +79,11 @@ class SoftwareChip : public Kiv::PtrInterface {
   void refusalIs(const Refusal& r);
   void refusalDelAll() { rules_.clear(); }
   std::size_t refusals() const { return rules_.size(); }
+  // What is left of each rule's `times`, in order (-1: every call).
+  std::vector<std::int64_t> refusalCounts() const;
+  // Counts each rule down by `by` (in the order of refusalCounts()), as if it had answered that
+  // many more calls; none may reach 0 this way.
+  void refusalCountsLess(const std::vector<std::int64_t>& by);
 
   // Injected faults, for the fuzzer: a call that may be faulted (see refusedOrFault) and that no
   // rule refuses is refused with probability p, drawn from a std::mt19937_64 seeded with `seed`,

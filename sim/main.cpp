@@ -2,6 +2,7 @@
 // a host agent and a software chip, in virtual time, and shows what the chip was told.
 #include <cstring>
 #include <iostream>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -95,6 +96,10 @@ int main(int argc, char** argv) {
     return 2;
   } catch (const Kiv::RangeException& e) {
     std::cerr << "oba-evpn-sim: --trace: " << e.what() << "\n";
+    return 2;
+  } catch (const std::bad_alloc&) {
+    // The size limit keeps a scenario's tree small; what is left is a machine short of memory.
+    std::cerr << "oba-evpn-sim: out of memory reading the scenarios\n";
     return 2;
   }
 

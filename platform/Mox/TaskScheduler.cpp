@@ -119,6 +119,21 @@ void TaskScheduler::advanceTo(Kiv::Seconds t) {
   virtualClock_->nowIs(t);
 }
 
+void TaskScheduler::skipBy(Kiv::Seconds d) {
+  KIV_ASSERT(clockIsVirtual() && d >= 0);
+  // In queue order, so that tasks due together keep their order.
+  std::vector<std::pair<TimerTask*, Kiv::Seconds>> tasks;
+  for (const Slot& slot : queue_) tasks.emplace_back(slot.task, slot.due);
+  for (auto [task, due] : tasks) schedule(task, due + d);
+  virtualClock_->nowIs(virtualClock_->now() + d);
+}
+
+std::vector<Kiv::Seconds> TaskScheduler::dueTimes() const {
+  std::vector<Kiv::Seconds> out;
+  for (const Slot& slot : queue_) out.push_back(slot.due);
+  return out;
+}
+
 void TaskScheduler::runFor(Kiv::Seconds duration) {
   stopped_ = false;
   const Kiv::Seconds end = now() + duration;

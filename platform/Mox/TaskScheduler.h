@@ -24,6 +24,7 @@
 #include <cstdint>
 #include <optional>
 #include <set>
+#include <vector>
 
 #include "Kiv/Clock.h"
 #include "Kiv/Ptr.h"
@@ -59,6 +60,12 @@ class TaskScheduler : public Kiv::PtrInterface {
   // clock still goes to t).
   void advanceTo(Kiv::Seconds t);
   void advanceBy(Kiv::Seconds d) { advanceTo(now() + d); }
+  // Moves the clock and every scheduled task forward by d together, running nothing: the time
+  // between passes as if nothing fell due in it. For a simulation that knows the tasks would only
+  // repeat what they did (a retry that keeps failing), so that a long wait costs nothing.
+  void skipBy(Kiv::Seconds d);
+  // The due times of the scheduled tasks, in order.
+  std::vector<Kiv::Seconds> dueTimes() const;
 
   // Real time: runs due tasks and sleeps until the next is due, until `duration` has passed or a
   // task called stop(). Over a virtual clock it steps the clock instead of sleeping.

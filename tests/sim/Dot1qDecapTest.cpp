@@ -92,12 +92,13 @@ TEST(Dot1qDecapScenario, BadValuesAreRefusedWithWhereAndWhatWasExpected) {
   EXPECT_EQ(errorOf("dot1q: {vlan: 10, tag: 4095}"),
             "s.yaml:4:32: expected a dot1q tag (1-4094 or none), got '4095'");
   EXPECT_EQ(errorOf("route: {label: 1048576, viaSet: 1}"),
-            "s.yaml:4:24: expected an MPLS label (0-1048575)");
+            "s.yaml:4:24: expected an MPLS label (0-1048575), got '1048576'");
   EXPECT_EQ(errorOf("chipRefuse: {op: createEsiPortMap, rc: lfibHwProgrammingSuccess}"),
             "s.yaml:4:48: expected a return code (lfibHwProgramming..., or a number above 3), got "
             "'lfibHwProgrammingSuccess'");
   EXPECT_EQ(errorOf("vlanMember: {vlan: 10, intf: DynTunnel1.1}"),
-            "s.yaml:4:38: expected a segment interface (EthernetN or Port-ChannelN)");
+            "s.yaml:4:38: expected a segment interface (EthernetN or Port-ChannelN), got "
+            "'DynTunnel1.1'");
 }
 
 bool has(const std::vector<std::string>& lines, const std::string& line) {

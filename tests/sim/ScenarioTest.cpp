@@ -35,7 +35,8 @@ TEST(Scenario, MistakesNameTheLineColumnAndWhatWasExpected) {
             "s.yaml:4:57: expected a VLAN (1-4094), got '5000'");
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - designatedForwarder: "
                     "{segment: Ethernet1, vlan: 10, tep: DynTunnel65536.1}\n"),
-            "s.yaml:4:66: expected a tunnel endpoint (DynTunnelT.I, with T at most 65535)");
+            "s.yaml:4:66: expected a tunnel endpoint (DynTunnelT.I, with T at most 65535, not "
+            "DynTunnel0.0), got 'DynTunnel65536.1'");
   EXPECT_EQ(errorOf("steps:\n  - at: 2\n  - at: 1\n"),
             "s.yaml:3:9: expected a time no earlier than the step before");
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - designatedForwarder: "
@@ -65,7 +66,7 @@ TEST(Scenario, MistakesNameTheLineColumnAndWhatWasExpected) {
                     "Ethernet1, vlan: 10, tunnel: DynTunnel1.1, hw: 1, label: 1001}\n"),
             "s.yaml:5:11: missing 'local'");
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    expect:\n      hwTunnelIds:\n        - {id: 1}\n"),
-            "s.yaml:5:11: expected a line");
+            "s.yaml:5:11: expected a line, got a map");
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    expect:\n      calls: {someOrder: []}\n"),
             "s.yaml:4:15: unknown key 'someOrder' in 'calls' (expected: anyOrder, inOrder)");
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    trace: 'ObaEvpn*/x'\n"),

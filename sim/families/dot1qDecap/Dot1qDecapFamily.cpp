@@ -360,11 +360,7 @@ struct ActionDef {
   ReadFn read;
 };
 
-Quil::MplsLabel routeLabel(const Reader& r, const YAML::Node& n) {
-  const std::uint32_t v = r.count(n, "an MPLS label (0-1048575)");
-  if (v >= Quil::MplsLabel::noLabel) r.fail(n, "expected an MPLS label (0-1048575)");
-  return Quil::MplsLabel(v);
-}
+Quil::MplsLabel routeLabel(const Reader& r, const YAML::Node& n) { return r.mplsLabel(n); }
 
 Bridging::VlanIdOrNone tagOf(const Reader& r, const YAML::Node& n) {
   return r.parsed(n, "a dot1q tag (1-4094 or none)", Bridging::VlanIdOrNone::parse);
@@ -656,7 +652,8 @@ class Dot1qDecapFamily : public Family {
     return {
         {"createVlanToDot1qMapping", "notProgrammed or invalidHwId", hwRc, notProgrammed, true,
          true, hwText},
-        {"createEsiPortMap", lfibWhat, lfibRc, failed, true, false, lfibText},
+        {"createEsiPortMap", lfibWhat, lfibRc, failed, true, false, lfibText,
+         [](const Reader& r, const YAML::Node& n) { return r.segment(n); }},
     };
   }
 

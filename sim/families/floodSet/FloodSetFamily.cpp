@@ -556,7 +556,10 @@ class FloodSetFamily : public Family {
 
   // A member's "port" is its tunnel, as a rule names it: DynTunnelT.I.
   std::vector<ChipOperation> chipOperations() const override {
-    return {hwProgrammingOperation("programFloodListMember", true, true)};
+    // A member's port is its tunnel's endpoint.
+    ChipOperation program = hwProgrammingOperation("programFloodListMember", true, true);
+    program.portRead = [](const Reader& r, const YAML::Node& n) { return r.tep(n); };
+    return {program};
   }
 
   std::vector<ActionKind> actions() const override {

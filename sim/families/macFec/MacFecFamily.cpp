@@ -489,7 +489,7 @@ const ActionDef actionDefs[] = {
      [](const Reader& r, const YAML::Node& v, MacAction& a) {
        r.onlyKeys(v, {"id", "mpls", "next"}, "label");
        a.row = ObjTuple::label(L2Rib::LabelId(ribId(r, r.field(v, "id"))));
-       a.mpls = Quil::MplsLabel(r.count(r.field(v, "mpls"), "an MPLS label"));
+       a.mpls = r.mplsLabel(r.field(v, "mpls"));
        a.next.push_back(tuple(r, r.field(v, "next")));
      }},
     {"labelDel", Kind::labelDel,

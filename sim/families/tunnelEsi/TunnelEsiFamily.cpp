@@ -328,6 +328,68 @@ const ActionDef actionDefs[] = {
      }},
 };
 
+// What each physical port is in a scenario, as its actions are read: a segment of its own, or a
+// member of one LAG at a time. A port that were both, or in two LAGs, would have its ESI data
+// written and deleted by two owners, which no switch configuration allows.
+class PortRoles {
+ public:
+  void check(const Reader& r, const YAML::Node& v, const EsiAction& a) {
+    switch (a.kind) {
+      case Kind::lag:
+        lag(r, v, a);
+        break;
+      case Kind::lagDel:
+        for (auto it = memberOf_.begin(); it != memberOf_.end();) {
+          it = it->second.lag == a.segment ? memberOf_.erase(it) : std::next(it);
+        }
+        break;
+      case Kind::chipPool:
+        break;
+      default:
+        if (a.segment.isEthernet()) plain(r, v.IsMap() ? v["segment"] : v, a.segment);
+    }
+  }
+
+ private:
+  struct Use {
+    Quil::IntfId lag;
+    int line;
+  };
+
+  void plain(const Reader& r, const YAML::Node& n, Quil::IntfId port) {
+    if (auto m = everMember_.find(port); m != everMember_.end()) {
+      r.fail(n, port.toString() + " is a member of " + m->second.lag.toString() + " (line " +
+                    std::to_string(m->second.line) + "); a LAG member is no segment of its own");
+    }
+    plain_.try_emplace(port, n.Mark().line + 1);
+  }
+
+  void lag(const Reader& r, const YAML::Node& v, const EsiAction& a) {
+    for (auto it = memberOf_.begin(); it != memberOf_.end();) {
+      it = it->second.lag == a.segment ? memberOf_.erase(it) : std::next(it);
+    }
+    std::size_t i = 0;
+    for (const auto& m : v["members"]) {
+      const Quil::IntfId port = a.members[i++];
+      const int line = m.Mark().line + 1;
+      if (auto p = plain_.find(port); p != plain_.end()) {
+        r.fail(m, port.toString() + " is a segment of its own (line " + std::to_string(p->second) +
+                      "); it cannot be a LAG member too");
+      }
+      auto [at, fresh] = memberOf_.try_emplace(port, Use{a.segment, line});
+      if (!fresh) {
+        r.fail(m, port.toString() + " is a member of " + at->second.lag.toString() + " (line " +
+                      std::to_string(at->second.line) + ") already");
+      }
+      everMember_.try_emplace(port, Use{a.segment, line});
+    }
+  }
+
+  std::map<Quil::IntfId, int> plain_;       // a segment of its own, first named at the line
+  std::map<Quil::IntfId, Use> memberOf_;    // a member now, since the line
+  std::map<Quil::IntfId, Use> everMember_;  // a member at some time, first at the line
+};
+
 // ---- table entries given as maps ----------------------------------------------------------------
 
 std::string esiEntry(const Reader& r, const YAML::Node& n) {
@@ -335,8 +397,7 @@ std::string esiEntry(const Reader& r, const YAML::Node& n) {
   const Quil::IntfId tep = r.tep(r.field(n, "tunnel"));
   TunnelEsiChip::EsiEntry e{Tunnel::TunnelTable::TunnelId(Quil::DynamicTunnelIntfId::tunnelId(tep)),
                             Oba::HwTunnelId(r.count(r.field(n, "hw"), "a hardware tunnel id")),
-                            Quil::MplsLabel(r.count(r.field(n, "label"), "an MPLS label")),
-                            Quil::MplsLabel(r.count(r.field(n, "local"), "an MPLS label"))};
+                            r.mplsLabel(r.field(n, "label")), r.mplsLabel(r.field(n, "local"))};
   return esiLine({r.port(r.field(n, "port")), r.vlan(r.field(n, "vlan"))}, e);
 }
 
@@ -486,8 +547,10 @@ class EsiFuzz : public FamilyFuzz {
         break;
       case Kind::chipPool:
         // Mostly around the starting size; now and then none at all.
-        a->count =
-            r.chance(0.1) ? 0 : static_cast<std::uint32_t>(1 + r.below(2 * std::uint64_t{o_.pool}));
+        a->count = r.chance(0.1)
+                       ? 0
+                       : static_cast<std::uint32_t>(
+                             1 + r.below(std::max<std::uint64_t>(1, 2 * std::uint64_t{o_.pool})));
         break;
     }
     return Action{0, a};
@@ -512,7 +575,21 @@ class TunnelEsiFamily : public Family {
             hwProgrammingOperation("createEsiData", true, true)};
   }
 
-  std::vector<ActionKind> actions() const override { return actionKinds<EsiAction>(actionDefs); }
+  std::vector<ActionKind> actions() const override {
+    // One scenario's reads share what its ports are, in the order the file gives them.
+    auto ports = std::make_shared<PortRoles>();
+    std::vector<ActionKind> out;
+    for (const auto& def : actionDefs) {
+      out.push_back({def.name, [&def, ports](const Reader& r, const YAML::Node& v) {
+                       auto a = std::make_shared<EsiAction>();
+                       a->kind = def.kind;
+                       def.read(r, v, *a);
+                       ports->check(r, v, *a);
+                       return std::shared_ptr<const ActionBody>(a);
+                     }});
+    }
+    return out;
+  }
 
   std::vector<TableKind> tables() const override {
     return {{"esiData", "lines", esiEntry},
