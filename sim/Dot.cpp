@@ -114,15 +114,35 @@ void DotGraph::write(std::ostream& os) const {
   for (Look look : {Look::pending, Look::refused, Look::stale}) {
     if (inUse[static_cast<int>(look)]) used.push_back(look);
   }
-  if (!used.empty()) {
+  if (!used.empty() || summarised_) {
     os << "  subgraph \"cluster legend\" {\n    label=\"legend\";\n";
     for (Look look : used) {
       os << "    " << quoted("legend/" + std::to_string(static_cast<int>(look)))
          << " [label=" << quoted(form(look).meaning) << ", shape=box" << form(look).node << "];\n";
     }
+    // A summarised table says how much of it is drawn.
+    if (summarised_) {
+      os << "    \"legend/summary\" [label="
+         << quoted("at most " + std::to_string(perKind) +
+                   " entries of a kind drawn;\nthe rest counted in one note")
+         << ", shape=note];\n";
+    }
     os << "  }\n";
   }
   os << "}\n";
+}
+
+void DotGraph::summarise(const Budget& budget, const std::string& cluster,
+                         const std::string& what) {
+  constexpr const char* names[] = {"programmed", "pending", "refused", "stale"};
+  for (Look look : {Look::plain, Look::pending, Look::refused, Look::stale}) {
+    const std::size_t n = budget.leftOut(look);
+    if (n == 0) continue;
+    const char* name = names[static_cast<std::size_t>(look)];
+    node(cluster + "/more/" + name, dotText("... and ", n, " more ", name, " ", what),
+         {.look = look, .shape = Shape::note, .cluster = cluster});
+    summarised_ = true;
+  }
 }
 
 std::string DotGraph::text() const {

@@ -15,8 +15,10 @@
 //   g.edge("tunnelEsi/vlan/10", "tunnelEsi/tunnel/Tunnel1.1", "DF");
 //   g.write(std::cout);
 
+#include <cstddef>
 #include <cstdint>
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -25,6 +27,14 @@ namespace Sim {
 class HostAgent;
 struct Scenario;
 struct Step;
+
+// A label or an id from its parts, each as it prints: dotText("vlan ", vlan) is "vlan 10".
+template <class... T>
+std::string dotText(const T&... parts) {
+  std::ostringstream os;
+  (os << ... << parts);
+  return os.str();
+}
 
 enum class DotLook : std::uint8_t { plain, pending, refused, stale };
 enum class DotShape : std::uint8_t { box, ellipse, note };
@@ -50,6 +60,24 @@ class DotGraph {
   void edge(std::string from, std::string to, std::string label = {}, Look look = Look::plain);
 
   bool hasNode(const std::string& id) const;
+
+  // A large table is summarised: a family draws at most `perKind` nodes of one kind in each look
+  // (so that programmed entries never crowd out what stands out) and counts the rest into one
+  // note per look, "... and K more <look> <what>" (the legend then says so). `take` is true while
+  // the kind has room in that look; `summarise` draws the notes in box `cluster`.
+  static constexpr std::size_t perKind = 24;
+  class Budget {
+   public:
+    bool take(Look look) { return ++seen_[static_cast<int>(look)] <= perKind; }
+    std::size_t leftOut(Look look) const {
+      const std::size_t n = seen_[static_cast<int>(look)];
+      return n > perKind ? n - perKind : 0;
+    }
+
+   private:
+    std::size_t seen_[4] = {};
+  };
+  void summarise(const Budget& budget, const std::string& cluster, const std::string& what);
   // The graph in the dot language, with a legend of the looks it uses beyond plain.
   void write(std::ostream& os) const;
   std::string text() const;
@@ -73,6 +101,7 @@ class DotGraph {
   std::vector<Cluster> clusters_;
   std::vector<Node> nodes_;
   std::vector<Edge> edges_;
+  bool summarised_ = false;
 };
 
 // The agent's forwarding state, each family's part drawn in the order the families start.

@@ -4,6 +4,7 @@
 // interface, each printing what it is told), and every machine of the library, made through its
 // factory. It plays a few control-plane events, restarts the hardware tunnel-id machine the way an
 // agent must, and tears everything down.
+#include <algorithm>
 #include <cstdint>
 #include <iostream>
 #include <map>
@@ -21,13 +22,16 @@
 #include "Mpls/Lfib.h"
 #include "Oba/ObaCommon.h"
 #include "Oba/ObaFecRecords.h"
+#include "Oba/ObaFloodSetRecords.h"
 #include "Oba/ObaHelpers.h"
 #include "Oba/TunnelIdToHwTunnelIdMapping.h"
 #include "ObaEvpn/ObaEvpnEsiFilteringDecapSm.h"
+#include "ObaEvpn/ObaEvpnFloodSetFecSm.h"
 #include "ObaEvpn/ObaEvpnFloodingDot1qSm.h"
 #include "ObaEvpn/ObaEvpnFloodingEsiSm.h"
 #include "ObaEvpn/ObaEvpnHwTunnelIdSm.h"
 #include "ObaEvpn/ObaEvpnVlanFloodSetFilterSm.h"
+#include "ObaEvpn/ObaEvpnVlanFloodSetSm.h"
 #include "ObaEvpn/ObaMacAddrFecRequestSm.h"
 
 namespace {
@@ -121,7 +125,10 @@ class ChipFecReader : public Oba::FecIdToHwFecIdRequest::NotifieeConst {
     bool asked = notifier()->hwFecIdRequest(id).found;
     say(clock_) << "chip: hardware FEC id " << (asked ? "asked for " : "no longer asked for ") << id
                 << "\n";
-    if (asked) pending.push_back(id);
+    // A request written again (its tunnel got another hardware id) keeps its place in the queue.
+    if (asked && std::find(pending.begin(), pending.end(), id) == pending.end()) {
+      pending.push_back(id);
+    }
   }
   std::vector<Shoal::Fib::FecId> pending;
 
@@ -129,11 +136,47 @@ class ChipFecReader : public Oba::FecIdToHwFecIdRequest::NotifieeConst {
   const Kiv::Clock& clock_;
 };
 
+// The chip's FEC ids: one counter for both request tables, as one chip has one FEC table. A
+// flood-list FEC also gets the layer-2 interface the chip makes for it, which the flood-list
+// machines need before they can name the member.
+class ChipFecs {
+ public:
+  void answer(ChipFecReader& reader, Oba::FecIdToHwFecIdResponse& response, bool withL2Intf) {
+    for (const auto& id : reader.pending) {
+      response.hwFecIdIs(Oba::FecToHwFecId(id, next_));
+      if (withL2Intf) response.l2IntfIdIs(id, Quil::IntfId::ethernet(100 + (next_ & 0xff)));
+      ++next_;
+    }
+    reader.pending.clear();
+  }
+
+ private:
+  std::uint64_t next_ = 0x5000;
+};
+
+// The hardware flood lists: the chip layer reads the members the VLAN flood-set machine wants and
+// reports each as programmed, as a chip that had room for them would.
+void programFloodLists(const Kiv::Clock& clock, const Oba::EvpnVlanFloodSetHwConfig& config,
+                       Oba::EvpnVlanFloodSetHwStatus& status) {
+  for (auto [key, list] : config.configWalk()) {
+    for (auto [member, on] : list->mplsDestConfigWalk()) {
+      say(clock) << "chip: flood list vlan " << key.vlanId << " " << key.macAddr << " member "
+                 << member.tunnelId() << " label " << member.label() << " hw tunnel "
+                 << member.hwTunnelId() << " hw FEC " << member.hwIdForTunnelProgramming() << " l2 "
+                 << member.l2IntfId() << "\n";
+      status.statusIs(key)->mplsDestStatusIs(member, Oba::HwProgrammingStatus::programmed);
+    }
+  }
+}
+
 // ---- the agent ----------------------------------------------------------------------------------
 
 class Agent {
  public:
-  Agent() { fecReader.notifierIs(fecRequest); }
+  Agent() {
+    fecReader.notifierIs(fecRequest);
+    floodSetFecReader.notifierIs(floodSetFecRequest);
+  }
 
   // Every machine, through its factory, over the inputs as they are now. A machine catches up
   // with its inputs when it is made, so the order only matters between writer and reader.
@@ -146,11 +189,16 @@ class Agent {
     floodingDot1qSm = Oba::evpnFloodingDot1qSmFactory(chipFlooding, scheduler, acsd, evpnStatus,
                                                       mplsConfig, vlanStatusDir);
     decapSm = Oba::esiFilteringDecapSmFactory(chipDecap, scheduler, lfib, lfibTracking, lfibHw);
+    // The flood-list machines take MPLS destinations (tunnel and label) only.
     floodSetFilterSm =
-        Oba::vlanFloodSetFilterSmFactory(L2Rib::destTypeTunnel_, l2RibFloodSet, tunnelFloodSet);
-    // The flood-list machines start here, after the filter whose output they read:
-    // EvpnVlanFloodSetSm (per-VLAN flood lists over tunnelFloodSet) and EvpnFloodSetFecSm (their
-    // FECs, asked for through a FecIdToHwFecIdRequest like the MAC-address machine's).
+        Oba::vlanFloodSetFilterSmFactory(L2Rib::destTypeMpls_, l2RibFloodSet, mplsFloodSet);
+    // The flood-list machines start here, after the filter whose output they read: the FEC
+    // machine first, as it writes the identifiers the VLAN flood-set machine reads.
+    floodSetFecSm =
+        Oba::evpnFloodSetFecSmFactory(mplsFloodSet, mapping, floodSetHwStatus, floodSetFecRequest,
+                                      floodSetFecResponse, hwInfoMapping, timerWheel);
+    vlanFloodSetSm = Oba::evpnVlanFloodSetSmFactory(mplsFloodSet, mapping, hwInfoMapping,
+                                                    floodSetHwConfig, floodSetHwStatus);
     macFecSm =
         Oba::obaMacAddrFecRequestSmFactory(labels, loadBalances, dests, hosts, fecResponse,
                                            fecRequest, objTupleToHwId, timerWheel, scheduler);
@@ -160,6 +208,8 @@ class Agent {
   // programmed stays in the chip, for the next incarnation to take over.
   void stop() {
     macFecSm = nullptr;
+    vlanFloodSetSm = nullptr;
+    floodSetFecSm = nullptr;
     floodSetFilterSm = nullptr;
     decapSm = nullptr;
     floodingDot1qSm = nullptr;
@@ -226,6 +276,8 @@ class Agent {
   const Kiv::Ptr<ChipFlooding> chipFlooding = new ChipFlooding(*clock);
   const Kiv::Ptr<ChipDecap> chipDecap = new ChipDecap(*clock);
   ChipFecReader fecReader{*clock};
+  ChipFecReader floodSetFecReader{*clock};
+  ChipFecs chipFecs;
 
   // Inputs, written as the control plane and the other agents tell this one.
   const Kiv::Ptr<Oba::ObaCommonSmData> acsd = new Oba::ObaCommonSmData;
@@ -241,11 +293,20 @@ class Agent {
   const Kiv::Ptr<L2Rib::HostOutput> hosts = new L2Rib::HostOutput("host");
   const Kiv::Ptr<Oba::FecIdToHwFecIdResponse> fecResponse =
       new Oba::FecIdToHwFecIdResponse("fecResponse");
+  const Kiv::Ptr<Oba::FecIdToHwFecIdResponse> floodSetFecResponse =
+      new Oba::FecIdToHwFecIdResponse("floodSetFecResponse");
+  const Kiv::Ptr<Oba::EvpnVlanFloodSetHwStatus> floodSetHwStatus =
+      new Oba::EvpnVlanFloodSetHwStatus;
   // Outputs: the machines write them, other agents read them.
   const Kiv::Ptr<Oba::TunnelIdToHwTunnelIdMapping> mapping =
       new Oba::TunnelIdToHwTunnelIdMapping("tunnelIdToHwTunnelId");
   const Kiv::Ptr<Mpls::LfibHwStatus> lfibHw = new Mpls::LfibHwStatus;
-  const Kiv::Ptr<L2Rib::FloodSetOutput> tunnelFloodSet = new L2Rib::FloodSetOutput("tunnel");
+  const Kiv::Ptr<L2Rib::FloodSetOutput> mplsFloodSet = new L2Rib::FloodSetOutput("mpls");
+  const Kiv::Ptr<Oba::FecIdToHwFecIdRequest> floodSetFecRequest =
+      new Oba::FecIdToHwFecIdRequest("floodSetFecRequest");
+  const Kiv::Ptr<Oba::HwInfoMapping> hwInfoMapping = new Oba::HwInfoMapping;
+  const Kiv::Ptr<Oba::EvpnVlanFloodSetHwConfig> floodSetHwConfig =
+      new Oba::EvpnVlanFloodSetHwConfig;
   const Kiv::Ptr<Oba::FecIdToHwFecIdRequest> fecRequest =
       new Oba::FecIdToHwFecIdRequest("fecRequest");
   const Kiv::Ptr<Oba::ObjTupleToHwId> objTupleToHwId = new Oba::ObjTupleToHwId("objTupleToHwId");
@@ -256,6 +317,8 @@ class Agent {
   Kiv::Ptr<Oba::EvpnFloodingDot1qSm> floodingDot1qSm;
   Kiv::Ptr<Oba::EsiFilteringDecapSm> decapSm;
   Kiv::Ptr<Oba::VlanFloodSetFilterSm> floodSetFilterSm;
+  Kiv::Ptr<Oba::EvpnFloodSetFecSm> floodSetFecSm;
+  Kiv::Ptr<Oba::EvpnVlanFloodSetSm> vlanFloodSetSm;
   Kiv::Ptr<Oba::ObaMacAddrFecRequestSm> macFecSm;
 };
 
@@ -296,17 +359,26 @@ int main() {
   agent.lfibTracking->routeKeyBacklogIs(route, true);
   agent.scheduler->runDue();
 
-  agent.event(5, "the RIB floods VLAN 10 to the peer's tunnel and to Ethernet3");
+  agent.event(5, "the RIB floods VLAN 10 to the peer under label 1001 and to Ethernet3");
   auto floodSet = agent.l2RibFloodSet->vlanFloodSetIs(vlan10)->floodSetIs(Quil::EthAddr(0));
-  floodSet->destSetIs(L2Rib::Dest::tunnel(peerTunnel), true);
+  floodSet->destSetIs(L2Rib::Dest::mpls(peerTunnel, MplsLabel(1001)), true);
   floodSet->destSetIs(L2Rib::Dest::intf(IntfId::ethernet(3)), true);
-  for (auto [vlan, vfs] : agent.tunnelFloodSet->vlanFloodSetWalk()) {
+  for (auto [vlan, vfs] : agent.mplsFloodSet->vlanFloodSetWalk()) {
     for (auto [mac, fs] : vfs->floodSetWalk()) {
       for (auto [dest, on] : fs->destSetWalk()) {
-        say(*agent.clock) << "tunnel flood set: vlan " << vlan << " " << dest << "\n";
+        say(*agent.clock) << "MPLS flood set: vlan " << vlan << " " << dest << "\n";
       }
     }
   }
+  // The FEC machine asked for the pair's FEC; once the chip layer answers, the VLAN flood-set
+  // machine writes the member into the hardware flood list and the chip reports it programmed.
+  agent.chipFecs.answer(agent.floodSetFecReader, *agent.floodSetFecResponse, true);
+  for (auto [via, info] : agent.hwInfoMapping->mappingWalk()) {
+    say(*agent.clock) << "hwInfoMapping: " << via.tunnelId() << " label " << via.label()
+                      << " -> hw FEC " << info.hwIdForTunnelProgramming() << " l2 "
+                      << info.l2IntfId() << "\n";
+  }
+  programFloodLists(*agent.clock, *agent.floodSetHwConfig, *agent.floodSetHwStatus);
 
   agent.event(6, "a remote MAC in VLAN 10 is learnt behind label 1001 over the peer's tunnel");
   agent.dests->destIs(L2Rib::DestId(1), L2Rib::Dest::tunnel(peerTunnel));
@@ -316,11 +388,7 @@ int main() {
                       L2Rib::HostAndSource(L2Rib::ObjTuple::label(L2Rib::LabelId(1))));
   agent.scheduler->runDue();
   // The chip layer answers each request; the machine publishes the result for other agents.
-  std::uint64_t hwFecId = 0x5000;
-  for (const auto& id : agent.fecReader.pending) {
-    agent.fecResponse->hwFecIdIs(Oba::FecToHwFecId(id, hwFecId++));
-  }
-  agent.fecReader.pending.clear();
+  agent.chipFecs.answer(agent.fecReader, *agent.fecResponse, false);
   for (auto [tuple, hw] : agent.objTupleToHwId->hwIdWalk()) {
     say(*agent.clock) << "objTupleToHwId: " << tuple << " -> " << hw << "\n";
   }

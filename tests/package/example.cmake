@@ -64,7 +64,9 @@ foreach(expected
     "chip: createEsiData Ethernet1 vlan 10 tunnel Tunnel1.1 hw 1"     # ESI flooding
     "chip: createVlanToDot1qMapping Ethernet2 vlan 10 dot1q 100"      # dot1q flooding
     "chip: createEsiPortMap label 3001 intf Port-Channel10"           # ESI filtering on decap
-    "tunnel flood set: vlan 10 tunnel(Tunnel1.1)"                     # flood-set filter
+    "MPLS flood set: vlan 10 mpls(Tunnel1.1, 1001)"                   # flood-set filter
+    "hwInfoMapping: Tunnel1.1 label 1001 -> hw FEC "                  # flood-set FECs
+    "chip: flood list vlan 10 00:00:00:00:00:00 member Tunnel1.1 label 1001 hw tunnel 1"  # lists
     "objTupleToHwId: "                                                # MAC-address FECs
     "chip: releaseHwTunnelId 1"                                       # the restart gave ids back
     "stopped")

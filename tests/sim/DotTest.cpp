@@ -1,6 +1,7 @@
 // The picture of the forwarding state (--dot): what a reader must see at a glance, step by step.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "sim/HostAgent.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
+#include "sim/families/dot1qDecap/Dot1qDecapFamily.h"
 #include "sim/families/tunnelEsi/TunnelEsiFamily.h"
 
 namespace {
@@ -26,9 +28,8 @@ bool has(const std::string& s, const std::string& part) {
   return s.find(part) != std::string::npos;
 }
 
-// The typical event drawn after the start and after each of its three steps.
-std::vector<std::string> typicalEventPictures() {
-  const Sim::Scenario s = Sim::parseScenario(Sim::defaultScenarioText, "typical-event.yaml");
+// A scenario drawn after the agent's start and after each step.
+std::vector<std::string> picturesOf(const Sim::Scenario& s) {
   Sim::SimLog log(nullptr);
   Sim::RunOptions options;
   std::vector<std::string> pictures;
@@ -37,6 +38,17 @@ std::vector<std::string> typicalEventPictures() {
   };
   Sim::runScenario(s, log, options);
   return pictures;
+}
+
+// The typical event: after the start and after each of its three steps.
+std::vector<std::string> typicalEventPictures() {
+  return picturesOf(Sim::parseScenario(Sim::defaultScenarioText, "typical-event.yaml"));
+}
+
+// A scenario of the project's scenarios folder.
+std::vector<std::string> scenarioPictures(const std::string& file) {
+  return picturesOf(
+      Sim::readScenarioFile(std::string(OBA_TEST_DATA) + "/../../../scenarios/" + file));
 }
 
 TEST(Dot, TheTypicalEventShowsTheRefusedPortUntilTheReviewTakesIt) {
@@ -105,6 +117,85 @@ TEST(Dot, MissingIdsLabelsAndLeftoversStandOut) {
   for (const char* legend : {"legend/1", "legend/2", "legend/3"}) {
     EXPECT_NE(nodeLine(dot, legend), "") << legend;
   }
+}
+
+// A full dot1q table refuses a port, a route waits for the interface another route holds, and
+// what an earlier agent left in the chip is held by no machine.
+TEST(Dot, Dot1qDecapShowsRefusedPortsParkedRoutesAndLeftovers) {
+  Sim::SimLog log(nullptr);
+  Sim::HostAgent agent(&log);
+  for (const char* a :
+       {"chipTables: {dot1q: 2, portMaps: 16}", "vlanMember: {vlan: 10, intf: Ethernet1}",
+        "vlanMember: {vlan: 10, intf: Ethernet2}", "dot1q: {vlan: 10, tag: 100}",
+        "filterVia: {index: 1, intf: Port-Channel10}", "viaSet: {set: 1, type: 6, index: 1}",
+        "route: {label: 1001, viaSet: 1}", "route: {label: 1002, viaSet: 1}"}) {
+    agent.apply(Sim::actionOf(a));
+  }
+  auto& f = agent.family<Sim::Dot1qDecapAgent>();
+  f.chip->createVlanToDot1qMapping(Quil::IntfId::ethernet(9), Bridging::VlanId(300),
+                                   Bridging::VlanIdOrNone(7));
+  f.chip->createEsiPortMap(Quil::MplsLabel(5000), Quil::IntfId::ethernet(9));
+  agent.start();
+  agent.scheduler->runDue();
+  const std::string e1 = "dot1qDecap/dot1q/port/Ethernet1/10",
+                    e2 = "dot1qDecap/dot1q/port/Ethernet2/10";
+
+  // Before the drain: the pairs wait for the machine's decision.
+  std::string dot = Sim::drawAgent(agent, "t").text();
+  EXPECT_TRUE(has(nodeLine(dot, e1), "waiting for a decision\", shape=box, color=darkorange"));
+  EXPECT_TRUE(has(nodeLine(dot, "dot1qDecap/dot1q/port/Ethernet9/300"),
+                  "dot1q 7\\nheld by no machine\", shape=box, color=gray50"));
+  EXPECT_TRUE(has(nodeLine(dot, "dot1qDecap/routes/portMap/1001"),
+                  "ESI port map -> Port-Channel10\", shape=box]"));
+  EXPECT_TRUE(has(nodeLine(dot, "dot1qDecap/routes/portMap/1002"),
+                  "parked: lfibHwProgrammingIntfConflict"));
+  EXPECT_TRUE(has(nodeLine(dot, "dot1qDecap/routes/portMap/1002"), "color=red"));
+  EXPECT_TRUE(has(nodeLine(dot, "dot1qDecap/routes/stale/5000"), "held by no machine"));
+
+  // After the drain: one port took the last free entry, the other was refused.
+  agent.scheduler->advanceTo(2);
+  dot = Sim::drawAgent(agent, "t").text();
+  const std::string l1 = nodeLine(dot, e1), l2 = nodeLine(dot, e2);
+  EXPECT_NE(has(l1, "VLAN 10 -> dot1q 100\", shape=box]"),
+            has(l2, "VLAN 10 -> dot1q 100\", shape=box]"));
+  EXPECT_NE(has(l1, "refused by the chip\\nretried by the review"),
+            has(l2, "refused by the chip\\nretried by the review"));
+  for (const char* legend : {"legend/2", "legend/3"})
+    EXPECT_NE(nodeLine(dot, legend), "") << legend;
+}
+
+// The FEC table runs out: the head that got an id shows it, the other waits refused; a large
+// table is summarised and the legend says so.
+TEST(Dot, MacFecShowsAnsweredAndRefusedRequestsAndSummarisesLargeTables) {
+  const auto pictures = scenarioPictures("mac-fec-chip-table.yaml");
+  ASSERT_GE(pictures.size(), 2u);
+  const std::string& t1 = pictures[1];
+  EXPECT_TRUE(
+      has(nodeLine(t1, "macFec/fecs/label/1"),
+          "FecId(0x800000000000001)\\nvia(0, 1001, Tunnel1.1)\\nhw FEC id 1\", shape=box]"));
+  EXPECT_TRUE(has(nodeLine(t1, "macFec/fecs/label/2"), "no hardware FEC id: refused or none free"));
+  EXPECT_TRUE(has(nodeLine(t1, "macFec/fecs/label/2"), "color=red"));
+  EXPECT_TRUE(has(t1, "\"macFec/hosts/10/02:00:00:00:00:01\" -> \"macFec/fecs/label/1\""));
+  EXPECT_FALSE(has(t1, "legend/summary"));
+
+  Sim::SimLog log(nullptr);
+  Sim::HostAgent agent(&log);
+  agent.apply(Sim::actionOf("dest: {id: 1, tunnel: DynTunnel1.1}"));
+  for (std::size_t i = 1; i <= Sim::DotGraph::perKind + 6; ++i) {
+    agent.apply(Sim::actionOf("label: {id: " + std::to_string(i) +
+                              ", mpls: " + std::to_string(1000 + i) + ", next: dest/1}"));
+    char mac[32];
+    std::snprintf(mac, sizeof mac, "02:00:00:00:00:%02x", static_cast<unsigned>(i));
+    agent.apply(Sim::actionOf("host: {vlan: 10, mac: " + std::string(mac) + ", to: label/" +
+                              std::to_string(i) + "}"));
+  }
+  agent.start();
+  agent.scheduler->advanceTo(1);
+  const std::string dot = Sim::drawAgent(agent, "t").text();
+  EXPECT_TRUE(has(nodeLine(dot, "macFec/fecs/more/programmed"), "... and 6 more programmed FECs"));
+  EXPECT_TRUE(
+      has(nodeLine(dot, "macFec/hosts/more/programmed"), "... and 6 more programmed hosts"));
+  EXPECT_TRUE(has(nodeLine(dot, "legend/summary"), "at most 24 entries of a kind drawn"));
 }
 
 TEST(Dot, LabelsAreQuotedAndBoxesNest) {

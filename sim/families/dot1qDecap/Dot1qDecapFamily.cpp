@@ -679,6 +679,9 @@ class Dot1qDecapFamily : public Family {
   std::unique_ptr<FamilyAgent> agentIs(HostAgent& agent) const override {
     return std::make_unique<Dot1qDecapAgent>(agent);
   }
+  void draw(const HostAgent& agent, DotGraph& graph) const override {
+    drawDot1qDecap(agent.family<Dot1qDecapAgent>(), graph);
+  }
 
   std::unique_ptr<FamilyFuzz> fuzzIs(Rng& rng, const FuzzOptions&) const override {
     return std::make_unique<Dot1qDecapFuzz>(rng);

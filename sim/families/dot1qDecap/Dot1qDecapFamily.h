@@ -80,4 +80,8 @@ class Dot1qDecapAgent : public FamilyAgent {
 std::string dot1qLine(const Dot1qDecapChip::PortVlan& key, Bridging::VlanIdOrNone dot1q);
 std::string portMapLine(Quil::MplsLabel label, Quil::IntfId intf);
 
+// The family's part of the picture of the forwarding state
+// (sim/families/dot1qDecap/Dot1qDecapDraw.cpp).
+void drawDot1qDecap(const Dot1qDecapAgent& family, DotGraph& graph);
+
 }  // namespace Sim

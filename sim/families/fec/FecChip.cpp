@@ -119,6 +119,13 @@ std::uint32_t FecChip::hwFecIdOf(const char* writer, FecId fecId) const {
   return 0;
 }
 
+bool FecChip::waits(const char* writer, FecId fecId) const {
+  for (std::size_t i = 0; i < requesters_.size(); ++i) {
+    if (std::string_view(requesters_[i].writer) == writer) return waiting_.contains(Key{i, fecId});
+  }
+  return false;
+}
+
 std::uint32_t FecChip::freeHwFecId() const {
   auto held = [this](std::uint32_t id) {
     if (answers_.contains(id)) return true;

@@ -93,6 +93,8 @@ class FecChip : public SoftwareChip::Part {
   std::uint32_t hwFecIdOf(const char* writer, FecId fecId) const;
   // Requests that wait for an id or for a refusal to pass.
   std::size_t waiting() const { return waiting_.size(); }
+  // Whether a requester's FEC id is one of them.
+  bool waits(const char* writer, FecId fecId) const;
   // The lowest id of 1..capacity neither answered nor held by another table, or 0.
   std::uint32_t freeHwFecId() const;
   // Whether anything could still change without a new input: an answer or withdrawal due, or a

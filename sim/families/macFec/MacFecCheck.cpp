@@ -151,6 +151,17 @@ bool rowPresent(const MacFecAgent& f, const ObjTuple& t) {
   }
 }
 
+}  // namespace
+
+std::uint32_t answeredHwFecId(const MacFecAgent& f, const MacFecExpected& want,
+                              const std::map<ObjTuple, FecId>& fecIdOf, const ObjTuple& t) {
+  const auto id = fecIdOf.find(t);
+  if (id == fecIdOf.end() || !want.heads.contains(t)) return 0;
+  return f.chip->hwFecIdOf(f.writer, id->second);
+}
+
+namespace {
+
 // `lines`: also the lines a replay must find (only a written failing run needs them).
 Comparison compare(const MacFecAgent& f, Counters* allowances, bool lines) {
   auto allow = [&](const char* name) {
@@ -272,11 +283,7 @@ Comparison compare(const MacFecAgent& f, Counters* allowances, bool lines) {
   std::map<ObjTuple, std::uint64_t> result;
   for (auto&& e : f.result->hwIdWalk()) result.emplace(e.key, e.value);
   for (const auto& [t, hw] : result) {
-    const auto id = fecIdOf.find(t);
-    const std::uint32_t answered = id == fecIdOf.end() || !want.heads.contains(t)
-                                       ? 0
-                                       : f.chip->hwFecIdOf(f.writer, id->second);
-    if (answered == 0) {
+    if (answeredHwFecId(f, want, fecIdOf, t) == 0) {
       // Its request went (or waits for a new answer) after the chip had answered it.
       allow("staleResult");
       if (lines) out.result.push_back(line(t, " -> ", hw));

@@ -52,6 +52,13 @@ MacFecExpected expectedMacFecs(const L2Rib::LabelOutput& labels,
                                const L2Rib::LoadBalanceOutput& lbs, const L2Rib::DestOutput& dests,
                                const L2Rib::HostOutput& hosts, std::uint32_t maxChainLength);
 
+// The hardware id the chip answered for object `t`'s FEC (`fecIdOf`: the request's owners), or 0
+// when `t` is no head or its FEC has no answer: a result row for such an object is stale (its
+// request went, or waits for a new answer, after the chip had answered it).
+std::uint32_t answeredHwFecId(const MacFecAgent& agent, const MacFecExpected& want,
+                              const std::map<L2Rib::ObjTuple, Shoal::Fib::FecId>& fecIdOf,
+                              const L2Rib::ObjTuple& t);
+
 // The chip's FEC ledger for this family, and the machine's number allocator against the FEC ids
 // it holds.
 std::vector<std::string> macFecLedger(const MacFecAgent& agent);

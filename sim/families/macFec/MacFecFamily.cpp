@@ -696,6 +696,9 @@ class MacFecFamily : public Family {
   std::unique_ptr<FamilyAgent> agentIs(HostAgent& agent) const override {
     return std::make_unique<MacFecAgent>(agent);
   }
+  void draw(const HostAgent& agent, DotGraph& graph) const override {
+    drawMacFec(agent.family<MacFecAgent>(), graph);
+  }
 
   std::unique_ptr<FamilyFuzz> fuzzIs(Rng& rng, const FuzzOptions& options) const override {
     return std::make_unique<MacFuzz>(rng, options);

@@ -112,4 +112,7 @@ std::map<Shoal::Fib::FecId, L2Rib::ObjTuple> owners(const Oba::FecIdToHwFecIdReq
 std::string viaText(const Shoal::Fib::Via& via,
                     const std::map<Shoal::Fib::FecId, L2Rib::ObjTuple>& owners);
 
+// The family's part of the picture of the forwarding state (sim/families/macFec/MacFecDraw.cpp).
+void drawMacFec(const MacFecAgent& family, DotGraph& graph);
+
 }  // namespace Sim
