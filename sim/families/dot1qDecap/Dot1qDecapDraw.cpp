@@ -28,8 +28,8 @@ std::string routeNode(Quil::MplsLabel label) { return dotText(routesBox, "/route
 std::string portMapNode(Quil::MplsLabel label) { return dotText(routesBox, "/portMap/", label); }
 
 // A (port, VLAN) mapping in the port's box, when its look has room.
-void mapping(DotGraph& g, DotGraph::Budget& b, Quil::IntfId port, Bridging::VlanId vlan, std::string label,
-             Look look) {
+void mapping(DotGraph& g, DotGraph::Budget& b, Quil::IntfId port, Bridging::VlanId vlan,
+             std::string label, Look look) {
   if (!b.take(look)) return;
   g.cluster(portBox(port), dotText("port ", port), dot1qBox);
   g.node(mappingNode(port, vlan), dotText("VLAN ", vlan, " -> ", label),
@@ -94,8 +94,10 @@ void drawRoutes(const Dot1qDecapAgent& f, DotGraph& g) {
   // A route and its port map: the map drawn in the look of its state.
   auto route = [&](Quil::MplsLabel label, const std::string& intf, std::string state, Look look) {
     if (!b.take(look)) return;
-    g.node(routeNode(label), dotText("label ", label), {.shape = Shape::ellipse, .cluster = routesBox});
-    g.node(portMapNode(label), dotText("ESI port map -> ", intf, state), {.look = look, .cluster = routesBox});
+    g.node(routeNode(label), dotText("label ", label),
+           {.shape = Shape::ellipse, .cluster = routesBox});
+    g.node(portMapNode(label), dotText("ESI port map -> ", intf, state),
+           {.look = look, .cluster = routesBox});
     g.edge(routeNode(label), portMapNode(label), "", look);
   };
   for (const auto& [label, intf] : filterRoutes(*f.lfibStatus)) {
@@ -125,7 +127,8 @@ void drawRoutes(const Dot1qDecapAgent& f, DotGraph& g) {
   for (const auto& [label, intf] : chip) {
     if (held.contains(label)) continue;
     if (!b.take(Look::stale)) continue;
-    g.node(dotText(routesBox, "/stale/", label), dotText("ESI port map label ", label, " -> ", intf, "\nheld by no machine"),
+    g.node(dotText(routesBox, "/stale/", label),
+           dotText("ESI port map label ", label, " -> ", intf, "\nheld by no machine"),
            {.look = Look::stale, .cluster = routesBox});
   }
   g.summarise(b, routesBox, "label routes");

@@ -125,7 +125,8 @@ void drawMacFec(const MacFecAgent& f, DotGraph& g) {
   for (const auto& [hw, answer] : f.chip->answers()) {
     if (std::string_view(answer.writer) != f.writer) continue;
     if (f.request->hwFecIdRequest(answer.fecId).found || !stale.take(Look::stale)) continue;
-    g.node(dotText(family, "/chip/", hw), dotText("hw FEC id ", hw, "\n", answer.fecId, "\nno request"),
+    g.node(dotText(family, "/chip/", hw),
+           dotText("hw FEC id ", hw, "\n", answer.fecId, "\nno request"),
            {.look = Look::stale, .cluster = family});
   }
   g.summarise(stale, family, "results and answers");
