@@ -245,7 +245,8 @@ void BM_DecapColdStart(benchmark::State& state) {
     for (const auto& key : backlog) tracking->routeKeyBacklogIs(key, true);  // the MPLS agent
     std::size_t before = heapBytes();
     auto t0 = Stopwatch::now();
-    auto sm = Oba::esiFilteringDecapSmFactory(mChip, scheduler, lfib, tracking, hw);
+    Kiv::Ptr<Oba::EsiFilteringDecapSm> sm =
+        Oba::esiFilteringDecapSmFactory(mChip, scheduler, lfib, tracking, hw);
     scheduler->runDue();
     while (!scheduler->idle()) scheduler->runDue();
     double machine = since(t0);
