@@ -74,8 +74,52 @@ void mixField(Kiv::HashMixer& h, const T& v) {
   }
 }
 
+// A value's fields as a plain aggregate rather than a std::tuple: a value whose fields are
+// trivially copyable is then trivially copyable itself, and can be a row of a table that lives in
+// shared memory (a tuple's assignment is the standard library's own, never trivial).
+template <std::size_t I, class T>
+struct ValueField {
+  T v{};
+};
+template <class Seq, class... F>
+struct ValueFields;
+template <std::size_t... I, class... F>
+struct ValueFields<std::index_sequence<I...>, F...> : ValueField<I, F>... {
+  ValueFields() = default;
+  explicit ValueFields(const F&... f) : ValueField<I, F>{f}... {}
+  template <class Fn>
+  decltype(auto) apply(Fn&& fn) const {
+    return fn(static_cast<const ValueField<I, F>&>(*this).v...);
+  }
+  template <class Fn>
+  decltype(auto) apply(Fn&& fn) {
+    return fn(static_cast<ValueField<I, F>&>(*this).v...);
+  }
+  bool operator==(const ValueFields& o) const {
+    return ((static_cast<const ValueField<I, F>&>(*this).v ==
+             static_cast<const ValueField<I, F>&>(o).v) &&
+            ...);
+  }
+  // Lexicographic in field order.
+  bool operator<(const ValueFields& o) const {
+    int order = 0;
+    (void)(((order = compare(static_cast<const ValueField<I, F>&>(*this).v,
+                             static_cast<const ValueField<I, F>&>(o).v)) == 0) &&
+           ...);
+    return order < 0;
+  }
+
+ private:
+  template <class T>
+  static int compare(const T& a, const T& b) {
+    return a < b ? -1 : (b < a ? 1 : 0);
+  }
+};
+
 template <class Derived, class Fields, class... F>
 class Value {
+  using Storage = ValueFields<std::index_sequence_for<F...>, F...>;
+
  public:
   Value() = default;
   explicit Value(const F&... f) : f_(f...) {}
@@ -88,26 +132,25 @@ class Value {
 
   template <std::size_t I>
   const auto& field() const {
-    return std::get<I>(f_);
+    using T = std::tuple_element_t<I, std::tuple<F...>>;
+    return static_cast<const ValueField<I, T>&>(f_).v;
   }
 
   std::uint32_t hash() const {
     Kiv::HashMixer h;
-    std::apply([&](const F&... f) { (mixField(h, f), ...); }, f_);
+    f_.apply([&](const F&... f) { (mixField(h, f), ...); });
     return h.result();
   }
   friend bool operator==(const Derived& a, const Derived& b) { return a.f_ == b.f_; }
   friend bool operator<(const Derived& a, const Derived& b) { return a.f_ < b.f_; }
-  bool operator!() const { return f_ == std::tuple<F...>(); }
+  bool operator!() const { return f_ == Storage(); }
 
   friend std::ostream& operator<<(std::ostream& os, const Derived& v) {
     os << "Value('" << Fields::typeName << "', ** {";
     std::size_t i = 0;
-    std::apply(
-        [&](const F&... f) {
-          ((os << (i ? ", '" : "'") << Fields::names[i] << "': " << f, ++i), ...);
-        },
-        v.f_);
+    v.f_.apply([&](const F&... f) {
+      ((os << (i ? ", '" : "'") << Fields::names[i] << "': " << f, ++i), ...);
+    });
     return os << "})";
   }
   std::string toString() const {
@@ -120,10 +163,10 @@ class Value {
   void parse(std::string_view text) {
     auto parts = splitValueText(text, Fields::typeName, Fields::names.data(), sizeof...(F));
     std::size_t i = 0;
-    std::apply([&](F&... f) { ((f = parseField<F>(parts[i++], Fields::typeName)), ...); }, f_);
+    f_.apply([&](F&... f) { ((f = parseField<F>(parts[i++], Fields::typeName)), ...); });
   }
 
-  std::tuple<F...> f_;
+  Storage f_;
 };
 
 }  // namespace Oba

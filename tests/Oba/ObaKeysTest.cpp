@@ -2,8 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <type_traits>
 #include <unordered_set>
 
+#include "Oba/ObaFecRecords.h"
+#include "Oba/ObaFloodSetRecords.h"
 #include "Oba/ObaKeys.h"
 #include "Oba/ObaSets.h"
 #include "Oba/TunnelIdToHwTunnelIdMapping.h"
@@ -13,6 +16,13 @@ namespace {
 using Bridging::VlanId;
 using Quil::IntfId;
 using TunnelId = Tunnel::TunnelTable::TunnelId;
+
+// The rows other processes read are stored as their bytes in shared memory.
+static_assert(std::is_trivially_copyable_v<Oba::TunnelIdToHwTunnelId>);
+static_assert(std::is_trivially_copyable_v<Oba::HwFecIdRequest>);
+static_assert(std::is_trivially_copyable_v<Oba::ObjTupleAndFecId>);
+static_assert(std::is_trivially_copyable_v<Oba::MplsDestConfig>);
+static_assert(std::is_trivially_copyable_v<Oba::MplsDestHwInfo>);
 
 TEST(ObaKeys, PrintParseOrderAndHash) {
   Oba::IntfVlanTunnelKey k(IntfId::portChannel(10), VlanId(20), TunnelId((1ull << 32) | 7));
