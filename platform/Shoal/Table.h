@@ -201,10 +201,28 @@ class Table {
   ~Table() { backing_->detach(); }
 
   const Kiv::Ptr<TableControl>& control() const { return control_; }
-  // Where the rows live; chosen before the table is mounted.
+  // Where the rows live. Chosen before the table is mounted, or later: a mounted table attaches
+  // the new backing in its role and a writer's rows move across, so an agent can publish a table
+  // that its entity mounted when it was made. Should the new backing refuse (its segment taken,
+  // the rows beyond its capacity), the table stays where it was and the exception goes on.
   void backingIs(std::unique_ptr<Backing<K, Row>> backing) {
-    KIV_ASSERT_TEXT(control_->mountState() != MountState::mounted, "table not mounted");
+    if (control_->mountState() != MountState::mounted) {
+      backing_ = std::move(backing);
+      return;
+    }
+    const Role role = control_->role();
+    const MountState state = backing->attach(role);
+    if (role == Role::writer) {
+      try {
+        for (auto&& e : backing_->walk()) backing->put(e.key, e.value);
+      } catch (...) {
+        backing->detach();
+        throw;
+      }
+    }
+    backing_->detach();
     backing_ = std::move(backing);
+    control_->mountStateIs(state);
   }
   // Attaches the table to its memory. A writer starts from an empty table: rows that a previous
   // writer left behind are its own to republish (a shared-memory table is emptied on attaching).

@@ -176,6 +176,36 @@ TEST(ShoalSharedMemory, OneWriterAFixedCapacityAndOneLayoutPerName) {
   EXPECT_THROW(Shoal::segmentName("a", "t/u"), Shoal::SegmentException);
 }
 
+TEST(ShoalSharedMemory, AMountedWriterPublishesItsRowsOrStaysWhereItWas) {
+  ShoalTest::AgentGuard guard("shoalMove");
+  const std::string& agent = guard.agent();
+  Kiv::Ptr<Hops> reader = table(agent, Shoal::Role::reader);
+  Watcher w;
+  w.notifierIs(reader);
+
+  // An entity that mounted its table in process when made, with rows, moves it to shared memory.
+  Kiv::Ptr<Hops> writer = new Hops;
+  writer->hopMount(Shoal::Role::writer);
+  writer->hopIs(Hop{1, 10});
+  writer->hopIs(Hop{2, 20});
+  writer->hopIs(Hop{3, 30});
+  // Too small a segment: refused, and the rows and the role stay as they were.
+  EXPECT_THROW(writer->hopBackingIs(std::make_unique<HopBacking>(agent, "hops", 2)),
+               Shoal::CapacityException);
+  EXPECT_FALSE(named(agent));
+  EXPECT_EQ(writer->hops(), 3u);
+  writer->hopIs(Hop{4, 40});
+
+  writer->hopBackingIs(std::make_unique<HopBacking>(agent, "hops", 64));
+  EXPECT_EQ(writer->hopControl()->mountState(), Shoal::MountState::mounted);
+  reader->hopPoll();
+  EXPECT_EQ(w.take(), (V{"mounted", "all 4"}));
+  EXPECT_EQ(reader->hop(4).row.v, 40u);
+  writer->hopDel(1);
+  reader->hopPoll();
+  EXPECT_EQ(w.take(), (V{"1 gone"}));
+}
+
 TEST(ShoalSharedMemory, AReaderThatFallsBehindTheLogResynchronises) {
   ShoalTest::AgentGuard guard("shoalLag");
   Kiv::Ptr<Hops> writer = table(guard.agent(), Shoal::Role::writer, 64, 4);
