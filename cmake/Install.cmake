@@ -13,7 +13,8 @@
 #                              targets ObaEvpn::ObaEvpn, ObaEvpn::Kiv, ObaEvpn::Mox, ObaEvpn::Shoal,
 #                              ObaEvpn::Model
 #   lib/<multiarch>/pkgconfig/obaevpn.pc
-#   bin/oba-evpn-sim, share/oba-evpn-sim/scenarios/   (the simulator, its own component)
+#   bin/oba-evpn-sim, bin/oba-evpn-show, share/oba-evpn-sim/scenarios/
+#                                                     (the simulator, its own component)
 #
 # Components: "library" (all of the library's files) and "simulator"; `cpack -G DEB` in the build
 # folder makes one Debian package of each.
@@ -67,8 +68,9 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/obaevpn.pc
 
 # The simulator finds the library in its private folder from wherever it is installed.
 file(RELATIVE_PATH OBA_BIN_TO_LIB /${CMAKE_INSTALL_BINDIR} /${OBA_INSTALL_LIBDIR})
-set_target_properties(oba-evpn-sim PROPERTIES INSTALL_RPATH "$ORIGIN/${OBA_BIN_TO_LIB}")
-install(TARGETS oba-evpn-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT simulator)
+set_target_properties(oba-evpn-sim oba-evpn-show PROPERTIES INSTALL_RPATH
+                                                            "$ORIGIN/${OBA_BIN_TO_LIB}")
+install(TARGETS oba-evpn-sim oba-evpn-show RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT simulator)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/scenarios/
   DESTINATION ${CMAKE_INSTALL_DATADIR}/oba-evpn-sim/scenarios COMPONENT simulator
   FILES_MATCHING PATTERN "*.yaml")

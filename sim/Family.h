@@ -30,6 +30,7 @@ namespace Sim {
 
 class DotGraph;
 class HostAgent;
+class Publisher;
 class Reader;
 class Rng;
 struct FuzzOptions;
@@ -105,6 +106,9 @@ class FamilyAgent {
   // The final state, for --state: the family's chip tables, then its output tables.
   virtual void printChip(std::ostream&) const {}
   virtual void printOutputs(std::ostream&) const {}
+  // Puts the family's output tables in shared memory under the publisher's agent name: its
+  // library tables as they are, its in-process outputs as mirrors.
+  virtual void publish(Publisher&) {}
 };
 
 // ---- the fuzzer ---------------------------------------------------------------------------------

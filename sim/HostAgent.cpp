@@ -2,6 +2,8 @@
 
 #include <stdexcept>
 
+#include "sim/Published.h"
+
 namespace Sim {
 
 HostAgent::HostAgent(SimLog* log, const Families& families)
@@ -30,8 +32,20 @@ HostAgent::~HostAgent() {
   // The machines go first, the last started first: they hold the inputs and the chip's helpers.
   for (auto it = agents_.rbegin(); it != agents_.rend(); ++it) (*it)->stop();
   agents_.clear();
+  publisher_.reset();
   chip->callListenerIs(nullptr);
   log_->clockIs(nullptr);
+}
+
+void HostAgent::publish(const std::string& name) {
+  publisher_ = std::make_unique<Publisher>(name);
+  for (auto& a : agents_) a->publish(*publisher_);
+  publisher_->sync();
+  note("agent", "publishing its tables as '" + name + "'");
+}
+
+void HostAgent::syncPublished() {
+  if (publisher_) publisher_->sync();
 }
 
 void HostAgent::start() {

@@ -30,6 +30,12 @@ class HostAgent {
   // A machine by its family's name for it, or "agent": every machine, over a chip that resets.
   void restart(const std::string& machine);
   void apply(const Action& a) { a.apply(*this); }
+  // Publishes every family's output tables in shared memory under `name`, for readers in other
+  // processes; they stay there until the agent goes. Raises Shoal::SegmentException when another
+  // live process publishes under the name.
+  void publish(const std::string& name);
+  // Brings the published copies of in-process outputs up to date: after each step.
+  void syncPublished();
 
   double now() const { return clock->now(); }
   // The chip calls made since the last take, as their texts.
@@ -68,6 +74,7 @@ class HostAgent {
   SimLog* log_;
   Families families_;
   std::vector<std::unique_ptr<FamilyAgent>> agents_;
+  std::unique_ptr<Publisher> publisher_;
   std::vector<std::string> calls_;
   std::string lastMachineCall_;
 };

@@ -1,11 +1,13 @@
 #include "sim/ScenarioRunner.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <deque>
 #include <new>
 #include <sstream>
+#include <thread>
 
 #include "Kiv/Assert.h"
 #include "Kiv/Trace.h"
@@ -92,14 +94,48 @@ struct Snapshot {
 // being functions of their inputs and the chip's answers. Whole periods of them are skipped then,
 // counting the refusal rules down as they would have been, while every rule lasts and the next
 // step is not reached; the log says how many.
-void waitUntil(HostAgent& agent, SimLog& log, double t, std::vector<std::string>& calls) {
+// Moves virtual time on to `t`, running what falls due, at the pace the options ask for; readers
+// of the published tables see each change.
+class Pace {
+ public:
+  Pace(HostAgent& agent, const RunOptions& options)
+      : agent_(agent),
+        options_(options),
+        origin_(agent.now()),
+        start_(std::chrono::steady_clock::now()) {}
+  void advanceTo(double t) {
+    if (options_.realtime > 0) wait(t);
+    agent_.scheduler->advanceTo(t);
+    agent_.syncPublished();
+  }
+
+ private:
+  void wait(double t) {
+    const auto due = start_ + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                  std::chrono::duration<double>((t - origin_) / options_.realtime));
+    // In slices, so that a request to stop is heard within a tenth of a second.
+    for (auto now = std::chrono::steady_clock::now(); now < due;
+         now = std::chrono::steady_clock::now()) {
+      if (options_.stopPacing && options_.stopPacing()) return;
+      std::this_thread::sleep_for(
+          std::min<std::chrono::steady_clock::duration>(due - now, std::chrono::milliseconds(100)));
+    }
+  }
+  HostAgent& agent_;
+  const RunOptions& options_;
+  double origin_;  // the virtual time at start_
+  std::chrono::steady_clock::time_point start_;
+};
+
+void waitUntil(HostAgent& agent, SimLog& log, double t, std::vector<std::string>& calls,
+               Pace& pace) {
   constexpr int exactRounds = 100;
   constexpr std::size_t remembered = 16;
   std::deque<Snapshot> seen;
   int rounds = 0;
   for (auto due = agent.scheduler->nextDueTime(); due && *due < t;
        due = agent.scheduler->nextDueTime()) {
-    agent.scheduler->advanceTo(*due);
+    pace.advanceTo(*due);
     std::vector<std::string> taken = agent.takeCalls();
     calls.insert(calls.end(), taken.begin(), taken.end());
     if (++rounds <= exactRounds) continue;
@@ -148,7 +184,9 @@ static void runSteps(const Scenario& s, HostAgent& agent, SimLog& log, const Run
   log.add(0, "agent", "start");
   agent.start();
   agent.scheduler->runDue();
+  agent.syncPublished();
   if (options.stepDone) options.stepDone(agent, nullptr);
+  Pace pace(agent, options);
 
   for (const Step& step : s.steps) {
     for (const auto& e : step.expectations) result.violationsExpected |= e.name == "violations";
@@ -160,14 +198,15 @@ static void runSteps(const Scenario& s, HostAgent& agent, SimLog& log, const Run
     // the step's); then the step begins, and what falls due exactly at its time runs before its
     // actions.
     current = &step;
-    waitUntil(agent, log, step.at, calls);
+    waitUntil(agent, log, step.at, calls, pace);
     {
       StepTrace trace(step.trace);
       log.add(step.at, "step",
               step.note.empty() ? "step at line " + std::to_string(step.line) : step.note);
-      agent.scheduler->advanceTo(step.at);
+      pace.advanceTo(step.at);
       for (const Action& a : step.actions) agent.apply(a);
       agent.scheduler->runDue();
+      agent.syncPublished();
     }
     if (options.stepDone) options.stepDone(agent, &step);
     auto taken = agent.takeCalls();
@@ -217,6 +256,15 @@ RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
   // A broken invariant is reported as the step that caused it, not by an abort of the process.
   Kiv::ThrowingAssertions throwing;
   HostAgent agent(&log, s.families);
+  if (!options.publish.empty()) agent.publish(options.publish);
+  // However the run ends, a held agent stays for its readers until told to go.
+  struct Hold {
+    const RunOptions& options;
+    const HostAgent& agent;
+    ~Hold() {
+      if (options.hold) options.hold(agent);
+    }
+  } hold{options, agent};
   const Step* current = nullptr;
   try {
     runSteps(s, agent, log, options, result, current);

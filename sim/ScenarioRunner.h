@@ -23,6 +23,15 @@ struct RunOptions {
   // Told after the agent's start (no step) and after each step has run, before its expectations
   // are checked: what --dot draws.
   std::function<void(const HostAgent&, const Step*)> stepDone{};
+  // Publish the agent's output tables in shared memory under this name (empty: not at all), for
+  // readers in other processes.
+  std::string publish{};
+  // Pace virtual time to the wall clock, this many virtual seconds a second (0: as fast as it
+  // runs). `stopPacing` is asked while waiting: true runs the rest at once.
+  double realtime = 0;
+  std::function<bool()> stopPacing{};
+  // Told after the run, the agent and its published tables still alive (--hold).
+  std::function<void(const HostAgent&)> hold{};
 };
 
 struct RunResult {

@@ -1,12 +1,19 @@
 // oba-evpn-sim: replays scenarios of control-plane events through the library's state machines,
 // a host agent and a software chip, in virtual time, and shows what the chip was told.
+#include <cctype>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <new>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Kiv/Trace.h"
+#include "Shoal/Segment.h"
 #include "sim/Dot.h"
 #include "sim/Fuzz.h"
 #include "sim/Scenario.h"
@@ -34,6 +41,13 @@ options:
   --dot FILE     draw the forwarding state the scenario ends in as a Graphviz graph in FILE
   --dot-each DIR one graph after the agent's start and after each step: DIR/<index>-t<time>.dot
                  (one scenario only; scripts/draw.sh renders them to SVG)
+  --publish NAME publish the agent's output tables in shared memory under NAME, for
+                 oba-evpn-show NAME TABLE in another terminal; they go when the simulator exits
+  --hold         with --publish: after the last scenario, keep the agent and its tables until
+                 SIGINT or SIGTERM
+  --realtime [SPEED]
+                 pace virtual time to the wall clock, SPEED virtual seconds a second (default 1);
+                 SIGINT or SIGTERM runs the rest at once
   --help         this text
 
 exit status: 0 all well, 1 an expectation was not met, 2 bad input (file, line and what was
@@ -41,12 +55,24 @@ expected are printed; nothing of the scenario is run), 3 a machine broke an inva
 scenario does not expect (the step, its line, the machine and the assertion are printed)
 )";
 
+// Set by SIGINT and SIGTERM while the agent publishes its tables: the agent then leaves normally,
+// removing them, instead of dying with them in place.
+volatile std::sig_atomic_t stopAsked = 0;
+void askStop(int) { stopAsked = 1; }
+
+// A number of virtual seconds per second: finite, above 0 and at most a million.
+bool readSpeed(const char* text, double& speed) {
+  char* end = nullptr;
+  speed = std::strtod(text, &end);
+  return end != text && *end == '\0' && std::isfinite(speed) && speed > 0 && speed <= 1e6;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc > 1 && std::strcmp(argv[1], "fuzz") == 0) return Sim::fuzzMain(argc, argv);
   Sim::RunOptions options;
-  bool json = false, quiet = false;
+  bool json = false, quiet = false, hold = false;
   std::string trace, dotFile, dotDir;
   std::vector<std::string> files;
   for (int i = 1; i < argc; ++i) {
@@ -75,6 +101,32 @@ int main(int argc, char** argv) {
         return 2;
       }
       (a == "--dot" ? dotFile : dotDir) = argv[++i];
+    } else if (a == "--publish") {
+      if (i + 1 >= argc) {
+        std::cerr << "oba-evpn-sim: --publish needs a NAME\n";
+        return 2;
+      }
+      options.publish = argv[++i];
+      try {
+        Shoal::segmentName(options.publish, "mapping");
+      } catch (const Shoal::SegmentException&) {
+        std::cerr << "oba-evpn-sim: --publish: '" << options.publish
+                  << "' cannot name shared memory: letters, digits, '-' and '_' only\n";
+        return 2;
+      }
+    } else if (a == "--hold") {
+      hold = true;
+    } else if (a == "--realtime") {
+      // SPEED is optional: the next argument is one when it starts as a number does.
+      options.realtime = 1;
+      if (i + 1 < argc &&
+          (std::isdigit(static_cast<unsigned char>(argv[i + 1][0])) || argv[i + 1][0] == '.')) {
+        if (!readSpeed(argv[++i], options.realtime)) {
+          std::cerr << "oba-evpn-sim: --realtime: SPEED is a number above 0 and at most 1e6, got '"
+                    << argv[i] << "'\n";
+          return 2;
+        }
+      }
     } else if (a.starts_with("--")) {
       std::cerr << "oba-evpn-sim: unknown option " << a << "\n" << usage;
       return 2;
@@ -103,6 +155,16 @@ int main(int argc, char** argv) {
     return 2;
   }
 
+  if (hold && options.publish.empty()) {
+    std::cerr << "oba-evpn-sim: --hold keeps published tables: it needs --publish NAME\n";
+    return 2;
+  }
+  if (!options.publish.empty()) {
+    std::signal(SIGINT, askStop);
+    std::signal(SIGTERM, askStop);
+    options.stopPacing = [] { return stopAsked != 0; };
+  }
+
   Sim::DotPictures dot(dotFile, dotDir);
   if (dot.enabled()) {
     if (scenarios.size() > 1) {
@@ -126,6 +188,14 @@ int main(int argc, char** argv) {
   int status = 0;
   for (const auto& s : scenarios) {
     Sim::RunResult r;
+    if (hold && &s == &scenarios.back()) {
+      options.hold = [&](const Sim::HostAgent&) {
+        std::cout.flush();
+        std::cerr << "oba-evpn-sim: holding the agent '" << options.publish
+                  << "' and its tables; SIGINT or SIGTERM ends it\n";
+        while (!stopAsked) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      };
+    }
     try {
       r = Sim::runScenario(s, log, options, &std::cout);
       dot.finish();

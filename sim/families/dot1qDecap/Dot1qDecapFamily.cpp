@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "sim/Fuzz.h"
+#include "sim/Published.h"
 #include "sim/Rng.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioReader.h"
@@ -210,6 +211,12 @@ void Dot1qDecapAgent::printChip(std::ostream& os) const {
 
 void Dot1qDecapAgent::printOutputs(std::ostream& os) const {
   os << "lfibHwStatus unprogrammedRoute:\n" << block(unprogrammedRouteLines());
+}
+
+void Dot1qDecapAgent::publish(Publisher& p) {
+  p.mirror<UnprogrammedRoutesTable>([this](Publisher::Rows<UnprogrammedRoutesTable>& rows) {
+    for (auto [key, rc] : lfibHwStatus->unprogrammedRouteWalk()) rows.put(key, rc);
+  });
 }
 
 namespace {

@@ -41,6 +41,7 @@ class Dot1qDecapAgent : public FamilyAgent {
   std::vector<std::string> lines(std::string_view table) const override;
   void printChip(std::ostream& os) const override;
   void printOutputs(std::ostream& os) const override;
+  void publish(Publisher& p) override;
 
   // The label-forwarding publisher: each change puts the routes it touches into the backlog.
   void routeIs(Quil::MplsLabel label, Mpls::LfibViaSetKey viaSet);

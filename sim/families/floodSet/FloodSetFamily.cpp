@@ -6,6 +6,7 @@
 #include "sim/ChipLink.h"
 #include "sim/ChipOperations.h"
 #include "sim/Fuzz.h"
+#include "sim/Published.h"
 #include "sim/Rng.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioReader.h"
@@ -285,6 +286,18 @@ void FloodSetAgent::printOutputs(std::ostream& os) const {
   os << "floodSetFecs:\n" << block(fecRequestLines());
   os << "hwInfoMapping:\n" << block(hwInfoLines());
   os << "floodListConfig:\n" << block(configLines());
+}
+
+void FloodSetAgent::publish(Publisher& p) {
+  fecRequest->hwFecIdRequestBackingIs(p.backing<FloodSetFecRequestsTable>());
+  p.mirror<HwInfoTable>([this](Publisher::Rows<HwInfoTable>& rows) {
+    for (auto [via, info] : hwInfoMapping->mappingWalk()) rows.put(via, info);
+  });
+  p.mirror<FloodListsTable>([this](Publisher::Rows<FloodListsTable>& rows) {
+    for (auto [list, c] : hwConfig->configWalk()) {
+      for (auto [m, unused] : c->mplsDestConfigWalk()) rows.put(FloodListMember(list, m), true);
+    }
+  });
 }
 
 namespace {

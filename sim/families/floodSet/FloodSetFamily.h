@@ -46,6 +46,7 @@ class FloodSetAgent : public FamilyAgent {
   std::vector<std::string> lines(std::string_view table) const override;
   void printChip(std::ostream& os) const override;
   void printOutputs(std::ostream& os) const override;
+  void publish(Publisher& p) override;
 
   std::vector<std::string> mplsFloodSetLines() const;
   std::vector<std::string> configLines() const;

@@ -8,6 +8,7 @@
 
 #include "sim/FamilyHelpers.h"
 #include "sim/Fuzz.h"
+#include "sim/Published.h"
 #include "sim/Rng.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioReader.h"
@@ -200,6 +201,12 @@ void MacFecAgent::printChip(std::ostream& os) const {
 void MacFecAgent::printOutputs(std::ostream& os) const {
   os << "request fecs:\n" << block(fecLines());
   os << "result objTupleToHwId:\n" << block(resultLines());
+}
+
+void MacFecAgent::publish(Publisher& p) {
+  request->hwFecIdRequestBackingIs(p.backing<FecRequestsTable>());
+  request->objTupleToFecIdBackingIs(p.backing<FecOwnersTable>());
+  result->hwIdBackingIs(p.backing<ResultsTable>());
 }
 
 namespace {

@@ -73,6 +73,7 @@ class MacFecAgent : public FamilyAgent {
   std::vector<std::string> lines(std::string_view table) const override;
   void printChip(std::ostream& os) const override;
   void printOutputs(std::ostream& os) const override;
+  void publish(Publisher& p) override;
 
   // The setting the machine is made with; a running machine is restarted with a new one.
   void maxChainLengthIs(std::uint32_t n);

@@ -7,6 +7,7 @@
 #include "sim/ChipOperations.h"
 #include "sim/FamilyHelpers.h"
 #include "sim/Fuzz.h"
+#include "sim/Published.h"
 #include "sim/Rng.h"
 #include "sim/ScenarioReader.h"
 #include "sim/families/tunnelEsi/TunnelEsiCheck.h"
@@ -148,6 +149,10 @@ void TunnelEsiAgent::printChip(std::ostream& os) const {
 
 void TunnelEsiAgent::printOutputs(std::ostream& os) const {
   os << "mapping tunnelIdToHwTunnelId:\n" << block(mappingLines());
+}
+
+void TunnelEsiAgent::publish(Publisher& p) {
+  mapping->tunnelIdToHwTunnelIdBackingIs(p.backing<MappingTable>());
 }
 
 namespace {

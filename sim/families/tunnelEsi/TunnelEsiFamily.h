@@ -39,6 +39,7 @@ class TunnelEsiAgent : public FamilyAgent {
   std::vector<std::string> lines(std::string_view table) const override;
   void printChip(std::ostream& os) const override;
   void printOutputs(std::ostream& os) const override;
+  void publish(Publisher& p) override;
 
   std::vector<std::string> esiDataLines() const;
   std::vector<std::string> mappingLines() const;

@@ -1,0 +1,240 @@
+#pragma once
+// The tables a simulated agent publishes in shared memory (oba-evpn-sim --publish NAME) and that
+// oba-evpn-show reads from another process. Each is named once here with its key and row types
+// and how a row prints, so that the writer and every reader agree on each segment's layout.
+//
+// The library's own output tables (the tunnel-id mapping, the FEC requests, the results per RIB
+// object) are Shoal tables: the agent moves them into shared memory as they are, and every write
+// the machines make reaches readers at once. The flood lists, the chips' identifiers of each via
+// and the unprogrammed routes are in-process collections in the library; the agent copies them
+// into tables of their own after each step, each changed row once.
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Bridging/MacVlanPair.h"
+#include "Kiv/Collection.h"
+#include "L2Rib/ObjTuple.h"
+#include "Mpls/Lfib.h"
+#include "Oba/ObaFecRecords.h"
+#include "Oba/ObaFloodSetRecords.h"
+#include "Oba/ObaValue.h"
+#include "Oba/TunnelIdToHwTunnelIdMapping.h"
+#include "Shoal/SharedMemoryBacking.h"
+
+namespace Sim {
+
+// The rows a published table holds at most: every table of a simulated switch fits many times
+// over. A segment's pages are touched only as rows fill them.
+inline constexpr std::uint32_t publishedRows = 65536;
+
+// One member of one hardware flood list: the list's key and the member, as one key.
+struct FloodListMemberFields {
+  static constexpr const char* typeName = "Sim::FloodListMember";
+  static constexpr std::array<const char*, 2> names{"list", "member"};
+};
+class FloodListMember : public Oba::Value<FloodListMember, FloodListMemberFields,
+                                          Bridging::MacVlanPair, Oba::MplsDestConfig> {
+ public:
+  using Value::Value;
+  const Bridging::MacVlanPair& list() const { return field<0>(); }
+  const Oba::MplsDestConfig& member() const { return field<1>(); }
+};
+
+// A row as oba-evpn-show prints it: a cell per column. `row` null: the key's cells only (a row
+// that is gone).
+using Cells = std::vector<std::string>;
+
+// ---- the tables -------------------------------------------------------------------------------
+
+struct MappingTable {
+  static constexpr const char* name = "mapping";
+  static constexpr const char* what = "EVPN tunnel id -> hardware tunnel id";
+  using Key = Tunnel::TunnelTable::TunnelId;
+  using Row = Oba::TunnelIdToHwTunnelId;
+  static constexpr std::array<const char*, 2> columns{"tunnel", "hwTunnelId"};
+  static Cells cells(const Key& k, const Row* row);
+};
+
+// The FEC requests of one requester (the MAC-address machine's, or the flood-set FEC machine's).
+template <const char* Name, const char* What>
+struct FecRequestTable {
+  static constexpr const char* name = Name;
+  static constexpr const char* what = What;
+  using Key = Shoal::Fib::FecId;
+  using Row = Oba::HwFecIdRequest;
+  static constexpr std::array<const char*, 3> columns{"fecId", "l2IntfIdWanted", "hwTunnelId"};
+  static Cells cells(const Key& k, const Row* row);
+};
+inline constexpr char fecRequestsName[] = "fec-requests";
+inline constexpr char fecRequestsWhat[] = "the MAC-address FEC requests, per FEC id";
+inline constexpr char floodSetFecRequestsName[] = "flood-set-fec-requests";
+inline constexpr char floodSetFecRequestsWhat[] = "the flood-set FEC requests, per FEC id";
+using FecRequestsTable = FecRequestTable<fecRequestsName, fecRequestsWhat>;
+using FloodSetFecRequestsTable = FecRequestTable<floodSetFecRequestsName, floodSetFecRequestsWhat>;
+
+struct FecOwnersTable {
+  static constexpr const char* name = "fec-owners";
+  static constexpr const char* what = "RIB object -> the FEC id the MAC-address machine gave it";
+  using Key = L2Rib::ObjTuple;
+  using Row = Oba::ObjTupleAndFecId;
+  static constexpr std::array<const char*, 2> columns{"objTuple", "fecId"};
+  static Cells cells(const Key& k, const Row* row);
+};
+
+struct ResultsTable {
+  static constexpr const char* name = "results";
+  static constexpr const char* what = "RIB object -> hardware FEC id, for other agents";
+  using Key = L2Rib::ObjTuple;
+  using Row = std::uint64_t;
+  static constexpr std::array<const char*, 2> columns{"objTuple", "hwFecId"};
+  static Cells cells(const Key& k, const Row* row);
+};
+
+struct HwInfoTable {
+  static constexpr const char* name = "hw-info";
+  static constexpr const char* what = "flood-set via -> the chip's identifiers for it";
+  using Key = Oba::MplsFloodSetVia;
+  using Row = Oba::MplsDestHwInfo;
+  static constexpr std::array<const char*, 4> columns{"tunnel", "label", "hwIdForTunnelProgramming",
+                                                      "l2IntfId"};
+  static Cells cells(const Key& k, const Row* row);
+};
+
+struct FloodListsTable {
+  static constexpr const char* name = "flood-lists";
+  static constexpr const char* what = "the members of each hardware flood list";
+  using Key = FloodListMember;
+  using Row = bool;
+  static constexpr std::array<const char*, 7> columns{
+      "vlan", "mac", "tunnel", "label", "hwTunnelId", "hwIdForTunnelProgramming", "l2IntfId"};
+  static Cells cells(const Key& k, const Row* row);
+};
+
+struct UnprogrammedRoutesTable {
+  static constexpr const char* name = "unprogrammed-routes";
+  static constexpr const char* what = "decapsulation routes the chip has not programmed, and why";
+  using Key = Mpls::RouteKey;
+  using Row = Mpls::LfibHwProgrammingReturnCode;
+  static constexpr std::array<const char*, 2> columns{"label", "reason"};
+  static Cells cells(const Key& k, const Row* row);
+};
+
+// ---- the writer's side ------------------------------------------------------------------------
+
+template <class T>
+using PublishedBacking = Shoal::SharedMemoryBacking<typename T::Key, typename T::Row>;
+
+// The tables of one agent, published under its name. Made before the agent's first step, gone
+// with the agent: a writer that leaves normally removes its segments.
+class Publisher {
+ public:
+  explicit Publisher(std::string agent);
+  ~Publisher();
+  const std::string& agent() const { return agent_; }
+
+  // A library table's backing in shared memory, for its entity's xBackingIs.
+  template <class T>
+  std::unique_ptr<Shoal::Backing<typename T::Key, typename T::Row>> backing() const {
+    return std::make_unique<PublishedBacking<T>>(agent_, T::name, publishedRows);
+  }
+
+  // The rows an in-process collection holds now, as a mirror's `fill` puts them.
+  template <class T>
+  class Rows {
+   public:
+    explicit Rows(Kiv::HashMap<typename T::Key, typename T::Row>& rows) : rows_(rows) {}
+    void put(const typename T::Key& k, const typename T::Row& r) { rows_.put(k, r); }
+
+   private:
+    Kiv::HashMap<typename T::Key, typename T::Row>& rows_;
+  };
+  // An in-process collection copied into a table of its own: `fill(rows)` puts the rows it holds
+  // now; sync() writes what changed since the last sync.
+  template <class T>
+  void mirror(std::function<void(Rows<T>&)> fill) {
+    mirrors_.push_back(std::make_unique<Mirror<T>>(agent_, std::move(fill)));
+  }
+  void sync();
+
+ private:
+  struct MirrorBase {
+    virtual ~MirrorBase() = default;
+    virtual void sync() = 0;
+  };
+  template <class T>
+  struct Mirror : MirrorBase {
+    using K = typename T::Key;
+    using R = typename T::Row;
+    Mirror(const std::string& agent, std::function<void(Rows<T>&)> f)
+        : backing(agent, T::name, publishedRows), fill(std::move(f)) {
+      backing.attach(Shoal::Role::writer);
+    }
+    void sync() override {
+      wanted.clear();
+      Rows<T> rows(wanted);
+      fill(rows);
+      gone.clear();
+      for (auto [k, r] : backing.walk()) {
+        if (!wanted.find(k)) gone.push_back(k);
+      }
+      for (const K& k : gone) backing.erase(k);
+      for (auto [k, r] : wanted.walk()) {
+        auto had = backing.find(k);
+        if (!had.found || !(had.row == r)) backing.put(k, r);
+      }
+    }
+    PublishedBacking<T> backing;
+    std::function<void(Rows<T>&)> fill;
+    Kiv::HashMap<K, R> wanted;
+    std::vector<K> gone;
+  };
+
+  std::string agent_;
+  std::vector<std::unique_ptr<MirrorBase>> mirrors_;
+};
+
+// ---- the reader's side ------------------------------------------------------------------------
+
+// A published table as a reader in another process sees it.
+class TableView {
+ public:
+  virtual ~TableView() = default;
+  virtual std::vector<std::string> columns() const = 0;
+  // How many of the columns are the key's.
+  virtual std::size_t keyColumns() const = 0;
+  // Attaches read-only and takes in what the writer has done so far; answers the mount state
+  // (unmounted: no writer has made the table).
+  virtual Shoal::MountState attach() = 0;
+  virtual bool writerAlive() const = 0;
+  // Why the table is failed (another layout), for the error.
+  virtual std::string error() const = 0;
+  virtual std::string segmentName() const = 0;
+  // Every row now, sorted by key.
+  virtual std::vector<Cells> rows() const = 0;
+  // What changed since the last poll: a changed key's row (`gone` when deleted), every row again
+  // after the writer restarted or the log lapped the reader, or a new mount state.
+  struct Change {
+    enum class Kind : std::uint8_t { row, gone, all, mount } kind;
+    Cells cells;
+    Shoal::MountState mount = Shoal::MountState::unmounted;
+  };
+  virtual std::vector<Change> poll() = 0;
+};
+
+struct PublishedTableKind {
+  const char* name;
+  const char* what;
+  std::function<std::unique_ptr<TableView>(const std::string& agent)> view;
+};
+// Every table an agent publishes, in the order oba-evpn-show lists them.
+const std::vector<PublishedTableKind>& publishedTables();
+const PublishedTableKind* publishedTable(const std::string& name);
+
+}  // namespace Sim
