@@ -23,9 +23,10 @@ attaches read-only: it never changes what it reads.
 
 options:
   --json    JSON lines
-  --watch   print the table, then follow it: one line a change ("set" and the row, "del" and the
-            key; "reset" when every row may have changed, after which the rows follow as "set"),
-            until SIGINT or SIGTERM; the writer's departures and returns are lines too
+  --watch   follow the table: a "set" line for each row it holds, then one line a change ("set"
+            and the row, "del" and the key; "reset" when every row may have changed, after which
+            the rows follow as "set"), until SIGINT or SIGTERM; the writer leaving ("unmounted"),
+            dying ("writer-gone") and coming back ("mounted", "writer-back") are lines too
   --help    this text
 
 tables:
@@ -227,7 +228,11 @@ int main(int argc, char** argv) {
     return cannotRead;
   }
   Printer printer(view->columns(), json);
-  printer.table(view->rows());
-  std::cout.flush();
-  return follow ? watch(*view, printer) : 0;
+  if (!follow) {
+    printer.table(view->rows());
+    return 0;
+  }
+  // The rows now, then every change: the lines replayed in order give the table.
+  for (const auto& r : view->rows()) printer.line("set", r);
+  return watch(*view, printer);
 }
