@@ -260,7 +260,7 @@ RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
   // However the run ends, a held agent stays for its readers until told to go.
   struct Hold {
     const RunOptions& options;
-    const HostAgent& agent;
+    HostAgent& agent;
     ~Hold() {
       if (options.hold) options.hold(agent);
     }

@@ -31,7 +31,7 @@ struct RunOptions {
   double realtime = 0;
   std::function<bool()> stopPacing{};
   // Told after the run, the agent and its published tables still alive (--hold).
-  std::function<void(const HostAgent&)> hold{};
+  std::function<void(HostAgent&)> hold{};
 };
 
 struct RunResult {

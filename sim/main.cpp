@@ -189,7 +189,7 @@ int main(int argc, char** argv) {
   for (const auto& s : scenarios) {
     Sim::RunResult r;
     if (hold && &s == &scenarios.back()) {
-      options.hold = [&](const Sim::HostAgent&) {
+      options.hold = [&](Sim::HostAgent&) {
         std::cout.flush();
         std::cerr << "oba-evpn-sim: holding the agent '" << options.publish
                   << "' and its tables; SIGINT or SIGTERM ends it\n";
