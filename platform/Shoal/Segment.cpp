@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 namespace Shoal {
@@ -17,7 +18,7 @@ namespace {
 
 constexpr std::uint64_t kMagic = 0x31625453'4c414f48ull;  // "HOALSTb1" read as bytes, little end
 // The segment's own layout: bump it when the header, slots or log change shape.
-constexpr std::uint32_t kFormat = 1;
+constexpr std::uint32_t kFormat = 2;
 constexpr std::uint32_t kNone = 0xffffffffu;
 constexpr std::size_t kHeaderBytes = 128;
 
@@ -101,11 +102,14 @@ struct Segment::Header {
   std::uint32_t logCapacity;
   std::uint64_t epoch;
   std::uint64_t state;
-  std::uint64_t rows;
-  std::uint64_t logHead;
   std::uint64_t writerPid;  // diagnostics only: liveness is the lock's
+  // What the writer changes on every write, on a cache line of its own: readers load the words
+  // above on every lookup, and a write must not take their line away from them each time.
+  alignas(64) std::uint64_t rows;
+  std::uint64_t logHead;
 };
 static_assert(sizeof(Segment::Header) <= kHeaderBytes);
+static_assert(offsetof(Segment::Header, rows) == 64);
 
 namespace {
 
