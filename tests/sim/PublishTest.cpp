@@ -67,6 +67,21 @@ TEST(Publish, AReaderSeesEveryStepOfEveryTableAndNothingAfterTheAgent) {
   // Each table had rows at some step, so the comparisons above were of something.
   for (const auto& [published, own] : agentTable) EXPECT_GT(rowsSeen[published], 0u) << published;
 
+  // A table of another layout under the name (here rows of another size) is refused, and says
+  // what the segment holds, rather than read.
+  {
+    struct Other {
+      std::uint64_t a = 0, b = 0, c = 0;
+    };
+    Shoal::SharedMemoryBacking<Tunnel::TunnelTable::TunnelId, Other> other(agent, "mapping", 16);
+    other.attach(Shoal::Role::writer);
+    auto view = Sim::publishedTable("mapping")->view(agent);
+    EXPECT_EQ(view->attach(), Shoal::MountState::failed);
+    EXPECT_NE(view->error().find("holds another layout (format 2, key 8 bytes, row 24 bytes"),
+              std::string::npos)
+        << view->error();
+  }
+
   // A flood-list member prints as its list and every identifier of the member.
   Sim::FloodListMember m(
       Bridging::MacVlanPair{Bridging::VlanId(10), Quil::EthAddr::broadcast()},
