@@ -145,6 +145,7 @@ int watch(Sim::TableView& view, const Printer& printer) {
   std::signal(SIGINT, askStop);
   std::signal(SIGTERM, askStop);
   bool alive = true;
+  Shoal::MountState mount = Shoal::MountState::mounted;
   while (!stopAsked) {
     for (const auto& c : view.poll()) {
       switch (c.kind) {
@@ -163,13 +164,15 @@ int watch(Sim::TableView& view, const Printer& printer) {
                              : c.mount == Shoal::MountState::failed ? "failed"
                                                                     : "unmounted";
           printer.line(what, {});
+          mount = c.mount;
           alive = true;
           break;
         }
       }
     }
-    // A writer that dies leaves its rows; say so once, and again when one comes back.
-    if (alive != view.writerAlive()) {
+    // A writer that dies leaves its rows; say so once, and again when one comes back. One that
+    // left normally has unmounted the table, which was said.
+    if (mount == Shoal::MountState::mounted && alive != view.writerAlive()) {
       alive = !alive;
       printer.line(alive ? "writer-back" : "writer-gone", {});
     }
