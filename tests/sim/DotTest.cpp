@@ -198,6 +198,26 @@ TEST(Dot, MacFecShowsAnsweredAndRefusedRequestsAndSummarisesLargeTables) {
   EXPECT_TRUE(has(nodeLine(dot, "legend/summary"), "at most 24 entries of a kind drawn"));
 }
 
+// A flood list's remote members: named by the RIB and waiting for their via's hardware ids, then
+// programmed; a member still in the chip's list after its list left the configuration.
+TEST(Dot, FloodSetsShowMembersWaitingProgrammedAndLeftBehind) {
+  const auto arrive = scenarioPictures("flood-set-hw-ids-arrive.yaml");
+  ASSERT_GE(arrive.size(), 2u);
+  const std::string list = "floodSet/list/10/ff:ff:ff:ff:ff:ff/Tunnel1.1/1001";
+  EXPECT_TRUE(has(nodeLine(arrive[1], "floodSet/vias/Tunnel1.1/1001"), "no hardware ids yet"));
+  EXPECT_TRUE(has(nodeLine(arrive[1], list), "no member yet\", shape=box, color=darkorange"));
+  const std::string& last = arrive.back();
+  EXPECT_EQ(nodeLine(last, list), "");
+  EXPECT_TRUE(has(nodeLine(last, list + "/2"), "hwTunnelId 1 hwId 2\", shape=box]"));
+  EXPECT_TRUE(has(nodeLine(last, "floodSet/vias/Tunnel1.1/1001"), "hwId 2\\nDynTunnel254.2"));
+
+  bool leftBehind = false;
+  for (const auto& p : scenarioPictures("flood-set-pair-leaves.yaml")) {
+    leftBehind |= has(p, "in the hardware list, configured by nobody\", shape=box, color=gray50");
+  }
+  EXPECT_TRUE(leftBehind);
+}
+
 TEST(Dot, LabelsAreQuotedAndBoxesNest) {
   Sim::DotGraph g("a \"quoted\" title");
   g.cluster("outer", "outer");

@@ -611,6 +611,9 @@ class FloodSetFamily : public Family {
     const auto& f = agent.family<FloodSetAgent>();
     for (const auto& [list, members] : f.lists->lists()) c["floodListMembers"] += members.size();
   }
+  void draw(const HostAgent& agent, DotGraph& graph) const override {
+    drawFloodSets(agent.family<FloodSetAgent>(), graph);
+  }
   std::optional<CheckFailure> check(const HostAgent& agent, Counters* counters) const override {
     return checkFloodSets(agent.family<FloodSetAgent>(), counters);
   }

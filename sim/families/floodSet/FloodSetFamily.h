@@ -96,4 +96,7 @@ class FloodSetAgent : public FamilyAgent {
 // "10/ff:ff:ff:ff:ff:ff Tunnel1.1 label 1001 -> hwId 4097 l2IntfId Vlan4097"
 std::string hwInfoLine(const Oba::MplsFloodSetVia& via, const Oba::MplsDestHwInfo& info);
 
+// The family's part of the picture (--dot): FloodSetDraw.cpp.
+void drawFloodSets(const FloodSetAgent& family, DotGraph& graph);
+
 }  // namespace Sim
