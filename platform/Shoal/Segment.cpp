@@ -27,6 +27,7 @@ constexpr std::uint64_t kStateNew = 0;       // made, no writer yet
 constexpr std::uint64_t kStateAttached = 1;  // a writer attached (it may since have died)
 constexpr std::uint64_t kStateDetached = 2;  // the writer left; the name is removed
 constexpr std::uint64_t kStateRetired = 3;   // replaced by a segment of another shape
+static_assert(kStateNew == 0, "a segment's zero-filled header reads as new");
 
 // A slot's meta word: the next slot of its chain, its bucket, and two flags.
 constexpr std::uint64_t kNextMask = 0xffffffffull;

@@ -89,7 +89,10 @@ void drawFloodSets(const FloodSetAgent& f, DotGraph& g) {
   for (const auto& [list, pairs] : wanted) lists[list];
 
   DotGraph::Budget b;
-  for (const auto& [list, members] : lists) {
+  for (const auto& entry : lists) {
+    // Named rather than bound: the box's lambda below captures the list.
+    const MacVlanPair& list = entry.first;
+    const auto& members = entry.second;
     // A list's box is made with its first drawn member: a summarised list draws no empty box.
     bool boxed = false;
     auto box = [&] {
