@@ -45,6 +45,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "BenchArgs.h"
 #include "Evpn/EvpnStatus.h"
 #include "Kiv/Clock.h"
 #include "Mox/TaskScheduler.h"
@@ -721,26 +722,24 @@ bool parseShape(const char* text, Shape* out) {
 
 int main(int argc, char** argv) {
   std::vector<Shape> shapes{{13, 4094, 52}, {128, 4094, 512}};  // 1/10 and full scale
-  int kept = 1;
-  for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--df_check_only") == 0) {
+  const bool ok = Bench::initialize(argc, argv, [&](const char* a) {
+    if (std::strcmp(a, "--df_check_only") == 0) {
       gCheckOnly = true;
-    } else if (std::strncmp(argv[i], "--df_world=", 11) == 0) {
+    } else if (std::strncmp(a, "--df_world=", 11) == 0) {
       Shape shape;
-      if (!parseShape(argv[i] + 11, &shape)) {
+      if (!parseShape(a + 11, &shape)) {
         std::fprintf(stderr,
                      "df_churn: --df_world wants SEGMENTS,VLANS,ENDPOINTS (VLANs up to "
                      "4094, at least 4 endpoints)\n");
-        return 2;
+        return Bench::Flag::bad;
       }
       shapes = {shape};
     } else {
-      argv[kept++] = argv[i];
+      return Bench::Flag::other;
     }
-  }
-  argc = kept;
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+    return Bench::Flag::taken;
+  });
+  if (!ok) return 2;
 
   struct Phase {
     const char* name;

@@ -25,6 +25,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "BenchArgs.h"
 #include "Bridging/VlanStatus.h"
 #include "Evpn/EvpnStatus.h"
 #include "Kiv/Clock.h"
@@ -281,19 +282,17 @@ void BM_DecapColdStart(benchmark::State& state) {
 
 int main(int argc, char** argv) {
   bool small = false;
-  int kept = 1;
-  for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--dd_check_only") == 0) {
+  const bool ok = Bench::initialize(argc, argv, [&](const char* a) {
+    if (std::strcmp(a, "--dd_check_only") == 0) {
       gCheckOnly = true;
-    } else if (std::strcmp(argv[i], "--dd_small") == 0) {
+    } else if (std::strcmp(a, "--dd_small") == 0) {
       small = true;
     } else {
-      argv[kept++] = argv[i];
+      return Bench::Flag::other;
     }
-  }
-  argc = kept;
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+    return Bench::Flag::taken;
+  });
+  if (!ok) return 2;
   auto* d = benchmark::RegisterBenchmark("Dot1qColdStart", BM_Dot1qColdStart)
                 ->Args({small ? 64 : 4094, small ? 8 : 128})
                 ->ArgNames({"vlans", "ports"});

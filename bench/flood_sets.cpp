@@ -38,6 +38,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "BenchArgs.h"
 #include "Kiv/Clock.h"
 #include "L2Rib/FloodSet.h"
 #include "Mox/TimerWheel.h"
@@ -417,34 +418,26 @@ void BM_HwIdStorm(benchmark::State& state) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  int kept = 1;
-  for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--fs_check_only") == 0) {
+  const bool ok = Bench::initialize(argc, argv, [](const char* a) {
+    if (std::strcmp(a, "--fs_check_only") == 0) {
       gCheckOnly = true;
-    } else if (std::strcmp(argv[i], "--fs_cpu_handlings") == 0) {
+    } else if (std::strcmp(a, "--fs_cpu_handlings") == 0) {
       gCpuHandlings = true;
-    } else if (std::strncmp(argv[i], "--fs_world=", 11) == 0) {
+    } else if (std::strncmp(a, "--fs_world=", 11) == 0) {
       Shape& s = gShape;
-      if (std::sscanf(argv[i] + 11, "%u,%u,%u", &s.vlans, &s.pes, &s.labels) != 3 || !s.vlans ||
+      if (std::sscanf(a + 11, "%u,%u,%u", &s.vlans, &s.pes, &s.labels) != 3 || !s.vlans ||
           s.vlans > 4094 || !s.pes || !s.labels) {
         std::fprintf(stderr, "flood_sets: --fs_world wants VLANS(1-4094),PES,LABELS\n");
-        return 2;
+        return Bench::Flag::bad;
       }
     } else {
-      argv[kept++] = argv[i];
+      return Bench::Flag::other;
     }
-  }
-  argc = kept;
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  benchmark::RegisterBenchmark("ColdStart", BM_ColdStart)
-      ->UseManualTime()
-      ->Unit(benchmark::kMillisecond)
-      ->Iterations(1);
-  benchmark::RegisterBenchmark("HwIdStorm", BM_HwIdStorm)
-      ->UseManualTime()
-      ->Unit(benchmark::kMillisecond)
-      ->Iterations(1);
+    return Bench::Flag::taken;
+  });
+  if (!ok) return 2;
+  Bench::once("ColdStart", BM_ColdStart);
+  Bench::once("HwIdStorm", BM_HwIdStorm);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   return gFailed ? 1 : 0;

@@ -27,6 +27,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "BenchArgs.h"
 #include "Kiv/Clock.h"
 #include "L2Rib/RibOutputs.h"
 #include "Mox/TaskScheduler.h"
@@ -239,32 +240,24 @@ void BM_HostMove(benchmark::State& state) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  int kept = 1;
-  for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--mac_check_only") == 0) {
+  const bool ok = Bench::initialize(argc, argv, [](const char* a) {
+    if (std::strcmp(a, "--mac_check_only") == 0) {
       gCheckOnly = true;
-    } else if (std::strncmp(argv[i], "--mac_world=", 12) == 0) {
+    } else if (std::strncmp(a, "--mac_world=", 12) == 0) {
       Shape& s = gShape;
-      if (std::sscanf(argv[i] + 12, "%u,%u,%u,%u", &s.hosts, &s.labels, &s.lbs, &s.dests) != 4 ||
+      if (std::sscanf(a + 12, "%u,%u,%u,%u", &s.hosts, &s.labels, &s.lbs, &s.dests) != 4 ||
           !s.labels || !s.lbs || !s.dests) {
         std::fprintf(stderr, "mac_fec: --mac_world wants HOSTS,LABELS,LBS,DESTS\n");
-        return 2;
+        return Bench::Flag::bad;
       }
     } else {
-      argv[kept++] = argv[i];
+      return Bench::Flag::other;
     }
-  }
-  argc = kept;
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  benchmark::RegisterBenchmark("ColdStart", BM_ColdStart)
-      ->UseManualTime()
-      ->Unit(benchmark::kMillisecond)
-      ->Iterations(1);
-  benchmark::RegisterBenchmark("HostMove", BM_HostMove)
-      ->UseManualTime()
-      ->Unit(benchmark::kMillisecond)
-      ->Iterations(1);
+    return Bench::Flag::taken;
+  });
+  if (!ok) return 2;
+  Bench::once("ColdStart", BM_ColdStart);
+  Bench::once("HostMove", BM_HostMove);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   return gFailed ? 1 : 0;

@@ -90,7 +90,6 @@ class View : public TableView {
   std::vector<std::string> columns() const override {
     return {T::columns.begin(), T::columns.end()};
   }
-  std::size_t keyColumns() const override { return T::cells(K(), nullptr).size(); }
   Shoal::MountState attach() override {
     backing_.attach(Shoal::Role::reader);
     // A reader learns its writer's state from its first poll; what it reports is the picture the

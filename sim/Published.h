@@ -207,8 +207,6 @@ class TableView {
  public:
   virtual ~TableView() = default;
   virtual std::vector<std::string> columns() const = 0;
-  // How many of the columns are the key's.
-  virtual std::size_t keyColumns() const = 0;
   // Attaches read-only and takes in what the writer has done so far; answers the mount state
   // (unmounted: no writer has made the table).
   virtual Shoal::MountState attach() = 0;

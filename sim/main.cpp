@@ -109,9 +109,9 @@ int main(int argc, char** argv) {
       options.publish = argv[++i];
       try {
         Shoal::segmentName(options.publish, "mapping");
-      } catch (const Shoal::SegmentException&) {
+      } catch (const Shoal::SegmentException& e) {
         std::cerr << "oba-evpn-sim: --publish: '" << options.publish
-                  << "' cannot name shared memory: letters, digits, '-' and '_' only\n";
+                  << "' cannot name an agent: " << e.what() << "\n";
         return 2;
       }
     } else if (a == "--hold") {
