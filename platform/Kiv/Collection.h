@@ -23,6 +23,7 @@
 // directly.
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -564,7 +565,32 @@ class HashMap {
 
 template <class K, class V, class Less = std::less<K>>
 class OrderedMap {
-  using Map = std::map<K, V, Less>;
+  // A plain pair, so that shifting a leaf's items is a memmove when key and value allow it.
+  struct Item {
+    K first;
+    V second;
+  };
+  // A tree of sorted runs rather than a node per entry: the review queues hold hundreds of
+  // thousands of keys, and each enqueue and dequeue would otherwise allocate or free a node. A
+  // leaf holds up to kMax items in key order; an inner node holds up to kMax children, each with
+  // the greatest key under it. A full node splits in two as an insert passes through it; a node
+  // that falls below kMin merges with a neighbour or takes some of its entries. Every change
+  // thus costs O(kMax) per level, and nodes at least a quarter full keep the levels few: three
+  // inner levels at most up to a million keys. Allocation follows nodes, not entries.
+  static constexpr std::size_t kMax = 128;
+  static constexpr std::size_t kMin = kMax / 4;
+  static constexpr unsigned kMaxHeight = 16;  // levels a quarter full: 2^80 entries
+  struct Node;
+  using Kid = std::pair<K, std::unique_ptr<Node>>;
+  struct Node {
+    std::vector<Item> items;  // a leaf's
+    std::vector<Kid> kids;    // an inner node's
+  };
+  // An item's place: its leaf (null past the end) and its index there.
+  struct Place {
+    const Node* leaf = nullptr;
+    std::size_t i = 0;
+  };
 
  public:
   using Key = K;
@@ -574,83 +600,254 @@ class OrderedMap {
   OrderedMap(const OrderedMap&) = delete;
   OrderedMap& operator=(const OrderedMap&) = delete;
 
-  std::size_t size() const { return map_.size(); }
-  bool empty() const { return map_.empty(); }
-  bool contains(const K& k) const { return map_.count(k) != 0; }
+  std::size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  bool contains(const K& k) const { return find(k) != nullptr; }
 
+  // The pointer stays valid until the next change of the map.
   const V* find(const K& k) const {
-    auto it = map_.find(k);
-    return it == map_.end() ? nullptr : &it->second;
+    const Node* n = root_.get();
+    if (!n) return nullptr;
+    for (unsigned h = height_; h; --h) {
+      std::size_t i = lowerIn(n->kids, k);
+      if (i == n->kids.size()) return nullptr;
+      n = n->kids[i].second.get();
+    }
+    std::size_t i = lowerIn(n->items, k);
+    if (i == n->items.size() || less(k, n->items[i].first)) return nullptr;
+    return &n->items[i].second;
   }
   V* find(const K& k) { return const_cast<V*>(std::as_const(*this).find(k)); }
 
   Change put(const K& k, const V& v) {
-    auto [it, inserted] = map_.try_emplace(k, v);
+    auto [cur, inserted] = findOrMake(k, [&]() -> const V& { return v; });
     if (inserted) return Change::inserted;
     if constexpr (std::equality_comparable<V>) {
-      if (it->second == v) return Change::none;
+      if (*cur == v) return Change::none;
     }
-    it->second = v;
+    *cur = v;
     return Change::changed;
   }
 
+  // One way down: full nodes on the way split first, so that the leaf has room if k is absent
+  // and nothing above it overflows.
   template <class Make>
   std::pair<V*, bool> findOrMake(const K& k, Make&& make) {
-    auto it = map_.find(k);
-    if (it != map_.end()) return {&it->second, false};
-    return {&map_.emplace(k, make()).first->second, true};
+    ++version_;
+    if (!root_) root_ = std::make_unique<Node>();
+    if (count(*root_, height_) == kMax) {
+      auto top = std::make_unique<Node>();
+      top->kids.emplace_back(lastKey(*root_, height_), std::move(root_));
+      root_ = std::move(top);
+      ++height_;
+    }
+    // The greatest keys that become k if k goes in beyond every key.
+    std::array<K*, kMaxHeight> greatest;
+    unsigned beyond = 0;
+    Node* n = root_.get();
+    for (unsigned h = height_; h; --h) {
+      std::size_t i = lowerIn(n->kids, k);
+      bool past = i == n->kids.size();
+      if (past) --i;
+      if (count(*n->kids[i].second, h - 1) == kMax) {
+        split(*n, i, h - 1);
+        if (less(n->kids[i].first, k)) ++i;
+      }
+      if (past) greatest[beyond++] = &n->kids[i].first;
+      n = n->kids[i].second.get();
+    }
+    std::size_t i = lowerIn(n->items, k);
+    if (i < n->items.size() && !less(k, n->items[i].first)) return {&n->items[i].second, false};
+    auto at = n->items.insert(n->items.begin() + static_cast<std::ptrdiff_t>(i), Item{k, make()});
+    for (unsigned j = 0; j < beyond; ++j) *greatest[j] = k;
+    ++size_;
+    return {&at->second, true};
   }
 
   bool erase(const K& k) {
-    auto it = map_.find(k);
-    if (it == map_.end()) return false;
-    [[maybe_unused]] V doomed = std::move(it->second);
-    map_.erase(it);
+    if (!root_) return false;
+    std::optional<V> doomed;  // dies after the map is whole again
+    if (!eraseIn(*root_, height_, k, doomed)) return false;
+    ++version_;
+    --size_;
+    while (height_ && root_->kids.size() == 1) {
+      root_ = std::move(root_->kids.front().second);
+      --height_;
+    }
+    if (!size_) root_.reset();
     return true;
   }
 
   void clear() {
-    [[maybe_unused]] Map doomed;
-    doomed.swap(map_);
+    [[maybe_unused]] std::unique_ptr<Node> doomed = std::move(root_);
+    ++version_;
+    height_ = 0;
+    size_ = 0;
   }
 
-  // Resumes after the key it last handed out, so nothing the loop body does can invalidate it.
+  // Resumes after the key it last handed out, so nothing the loop body does can invalidate it;
+  // while the map has not changed it just steps along the leaf.
   class Walk {
    public:
     class iterator {
      public:
-      iterator(const Map* m, typename Map::const_iterator pos) : m_(m), pos_(pos) {
-        if (pos_ != m_->end()) key_ = pos_->first;
+      iterator(const OrderedMap* m, Place at) : m_(m), at_(at), version_(m->version_) {
+        if (at_.leaf) key_ = item().first;
       }
-      Entry<K, V> operator*() const { return Entry<K, V>{pos_->first, pos_->second}; }
+      Entry<K, V> operator*() const { return Entry<K, V>{item().first, item().second}; }
       iterator& operator++() {
-        pos_ = m_->upper_bound(*key_);
-        if (pos_ != m_->end()) key_ = pos_->first;
+        if (version_ == m_->version_ && at_.i + 1 < at_.leaf->items.size()) {
+          ++at_.i;
+        } else {
+          at_ = m_->placeAfter(&*key_);
+          version_ = m_->version_;
+        }
+        if (at_.leaf) key_ = item().first;
         return *this;
       }
-      bool operator==(const iterator& o) const { return pos_ == o.pos_; }
+      bool operator==(const iterator& o) const {
+        return at_.leaf == o.at_.leaf && at_.i == o.at_.i;
+      }
 
      private:
-      const Map* m_;
-      typename Map::const_iterator pos_;
+      const Item& item() const { return at_.leaf->items[at_.i]; }
+      const OrderedMap* m_;
+      Place at_;
+      std::size_t version_;
       std::optional<K> key_;
     };
 
-    Walk(const Map& m, Ptr<const PtrInterface> keep) : m_(&m), keep_(std::move(keep)) {}
+    Walk(const OrderedMap& m, Ptr<const PtrInterface> keep) : m_(&m), keep_(std::move(keep)) {}
     Walk(const Walk&) = delete;
     Walk& operator=(const Walk&) = delete;
-    iterator begin() const { return iterator(m_, m_->begin()); }
-    iterator end() const { return iterator(m_, m_->end()); }
+    iterator begin() const { return iterator(m_, m_->placeAfter(nullptr)); }
+    iterator end() const { return iterator(m_, Place{}); }
 
    private:
-    const Map* m_;
+    const OrderedMap* m_;
     Ptr<const PtrInterface> keep_;
   };
 
-  Walk walk(Ptr<const PtrInterface> keep = nullptr) const { return Walk(map_, std::move(keep)); }
+  Walk walk(Ptr<const PtrInterface> keep = nullptr) const { return Walk(*this, std::move(keep)); }
 
  private:
-  Map map_;
+  friend struct CollectionProbe;
+
+  static bool less(const K& a, const K& b) { return Less()(a, b); }
+  // The first entry whose key is not below k, and the first above it.
+  template <class E>
+  static std::size_t lowerIn(const std::vector<E>& v, const K& k) {
+    auto below = [&](const E& e) { return less(e.first, k); };
+    return static_cast<std::size_t>(std::partition_point(v.begin(), v.end(), below) - v.begin());
+  }
+  template <class E>
+  static std::size_t upperIn(const std::vector<E>& v, const K& k) {
+    auto notAbove = [&](const E& e) { return !less(k, e.first); };
+    return static_cast<std::size_t>(std::partition_point(v.begin(), v.end(), notAbove) - v.begin());
+  }
+  static std::size_t count(const Node& n, unsigned h) { return h ? n.kids.size() : n.items.size(); }
+  static const K& lastKey(const Node& n, unsigned h) {
+    return h ? n.kids.back().first : n.items.back().first;
+  }
+
+  // The first item after *k, or the first of all when k is null.
+  Place placeAfter(const K* k) const {
+    const Node* n = root_.get();
+    if (!n) return {};
+    for (unsigned h = height_; h; --h) {
+      std::size_t i = k ? upperIn(n->kids, *k) : 0;
+      if (i == n->kids.size()) return {};
+      n = n->kids[i].second.get();
+    }
+    std::size_t i = k ? upperIn(n->items, *k) : 0;
+    return i < n->items.size() ? Place{n, i} : Place{};
+  }
+
+  // Child i of `parent` (at height h) gives its upper half to a new sibling after it.
+  static void split(Node& parent, std::size_t i, unsigned h) {
+    Node& full = *parent.kids[i].second;
+    auto half = std::make_unique<Node>();
+    if (h) {
+      moveUpperHalf(full.kids, half->kids);
+    } else {
+      moveUpperHalf(full.items, half->items);
+    }
+    auto pos = parent.kids.begin() + static_cast<std::ptrdiff_t>(i);
+    K low = lastKey(full, h);
+    pos = parent.kids.insert(pos + 1, Kid(std::move(pos->first), std::move(half)));
+    (pos - 1)->first = std::move(low);
+  }
+  template <class E>
+  static void moveUpperHalf(std::vector<E>& from, std::vector<E>& to) {
+    auto mid = from.begin() + static_cast<std::ptrdiff_t>(from.size() / 2);
+    to.assign(std::make_move_iterator(mid), std::make_move_iterator(from.end()));
+    from.erase(mid, from.end());
+  }
+
+  bool eraseIn(Node& n, unsigned h, const K& k, std::optional<V>& doomed) {
+    if (!h) {
+      std::size_t i = lowerIn(n.items, k);
+      if (i == n.items.size() || less(k, n.items[i].first)) return false;
+      auto at = n.items.begin() + static_cast<std::ptrdiff_t>(i);
+      doomed.emplace(std::move(at->second));
+      n.items.erase(at);
+      return true;
+    }
+    std::size_t i = lowerIn(n.kids, k);
+    if (i == n.kids.size()) return false;
+    Node& kid = *n.kids[i].second;
+    if (!eraseIn(kid, h - 1, k, doomed)) return false;
+    std::size_t left = count(kid, h - 1);
+    if (!left) {
+      n.kids.erase(n.kids.begin() + static_cast<std::ptrdiff_t>(i));
+      return true;
+    }
+    n.kids[i].first = lastKey(kid, h - 1);
+    if (left < kMin && n.kids.size() > 1) rebalance(n, i, h - 1);
+    return true;
+  }
+
+  // Child i of `parent` (at height h) fell below kMin: it merges with a neighbour when the two
+  // fit in 3/4 of a node (room to grow before they split again), or else the two share evenly.
+  static void rebalance(Node& parent, std::size_t i, unsigned h) {
+    std::size_t a = i + 1 < parent.kids.size() ? i : i - 1;
+    Node& left = *parent.kids[a].second;
+    Node& right = *parent.kids[a + 1].second;
+    bool merged = h ? share(left.kids, right.kids) : share(left.items, right.items);
+    if (!merged) {
+      parent.kids[a].first = lastKey(left, h);
+      return;
+    }
+    parent.kids[a].first = std::move(parent.kids[a + 1].first);
+    parent.kids.erase(parent.kids.begin() + static_cast<std::ptrdiff_t>(a + 1));
+  }
+  template <class E>
+  static bool share(std::vector<E>& left, std::vector<E>& right) {
+    std::size_t total = left.size() + right.size();
+    if (total <= kMax * 3 / 4) {
+      left.insert(left.end(), std::make_move_iterator(right.begin()),
+                  std::make_move_iterator(right.end()));
+      right.clear();
+      return true;
+    }
+    std::size_t want = total / 2;
+    if (left.size() < want) {
+      auto cut = right.begin() + static_cast<std::ptrdiff_t>(want - left.size());
+      left.insert(left.end(), std::make_move_iterator(right.begin()), std::make_move_iterator(cut));
+      right.erase(right.begin(), cut);
+    } else {
+      auto cut = left.begin() + static_cast<std::ptrdiff_t>(want);
+      right.insert(right.begin(), std::make_move_iterator(cut),
+                   std::make_move_iterator(left.end()));
+      left.erase(cut, left.end());
+    }
+    return false;
+  }
+
+  std::unique_ptr<Node> root_;
+  unsigned height_ = 0;  // levels of inner nodes above the leaves
+  std::size_t size_ = 0;
+  std::size_t version_ = 0;  // changes with every insert and erase: a walk's leaf is still its own
 };
 
 template <class MapT>

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <map>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -11,7 +12,8 @@
 #include "Kiv/Collection.h"
 #include "Kiv/Entity.h"
 
-// What the tests read inside the collections: a HashMap's index migration and slot pages.
+// What the tests read inside the collections: a HashMap's index migration and slot pages, an
+// OrderedMap's tree.
 struct Kiv::CollectionProbe {
   template <class M>
   static bool migrating(const M& m) {
@@ -54,6 +56,41 @@ struct Kiv::CollectionProbe {
     }
     if (copying(m) && cellsOf(m.next_, 0, m.cellCount() * 2) != cellsOf(m.cells_, 0, m.cursor_)) {
       return "the copy differs";
+    }
+    return "";
+  }
+
+  // The first fault in an OrderedMap's tree ("" when there is none): keys out of order, a child
+  // whose recorded greatest key is wrong, a node over full or (below the root) under a quarter.
+  template <class M>
+  static std::string treeFault(const M& m, unsigned* height = nullptr) {
+    if (height) *height = m.height_;
+    if (!m.root_) return m.size() ? "no root" : "";
+    if (m.height_ && m.root_->kids.size() < 2) return "a root with one child";
+    std::size_t items = 0;
+    std::string fault = nodeFault<M>(*m.root_, m.height_, true, items);
+    if (fault.empty() && items != m.size()) fault = "size " + std::to_string(m.size());
+    return fault;
+  }
+  template <class M, class Node>
+  static std::string nodeFault(const Node& n, unsigned h, bool root, std::size_t& items) {
+    std::size_t count = h ? n.kids.size() : n.items.size();
+    if (count > M::kMax || (!root && count < M::kMin)) return "count " + std::to_string(count);
+    auto ascending = [](const auto& v) {
+      return std::adjacent_find(v.begin(), v.end(), [](const auto& a, const auto& b) {
+               return !(a.first < b.first);
+             }) == v.end();
+    };
+    if (!h) {
+      items += count;
+      return ascending(n.items) ? "" : "leaf out of order";
+    }
+    if (!ascending(n.kids)) return "children out of order";
+    for (const auto& [last, kid] : n.kids) {
+      const Node* leaf = kid.get();
+      for (unsigned d = h - 1; d; --d) leaf = leaf->kids.back().second.get();
+      if (leaf->items.empty() || leaf->items.back().first != last) return "wrong greatest key";
+      if (std::string f = nodeFault<M>(*kid, h - 1, false, items); !f.empty()) return f;
     }
     return "";
   }
@@ -435,6 +472,84 @@ TEST(KivHashMap, PutReportsWhatChanged) {
   EXPECT_EQ(m.put(1, 11), Kiv::Change::changed);
   EXPECT_TRUE(m.erase(1));
   EXPECT_FALSE(m.erase(1));
+}
+
+// Through growth to tens of thousands of keys (leaves splitting, the tree gaining levels) and
+// back to none (nodes merging and sharing, levels going), with walks that erase the key at hand,
+// erase others and add some: lookups, sizes and the tree's shape hold at every check, and each
+// walk hands out exactly the next key above the last one it handed out.
+TEST(KivOrderedMap, AgreesWithAStdMapThroughSplitsMergesAndWalks) {
+  Kiv::OrderedMap<int, int> m;
+  std::map<int, int> ref;
+  std::mt19937 rng(5);
+  auto key = [&] { return static_cast<int>(rng() % 60000); };
+  unsigned highest = 0;
+  std::size_t nextWhole = 5000;
+  for (int step = 0, grow = 1; grow || !ref.empty(); ++step) {
+    int k = key();
+    unsigned what = rng() % 1000;
+    // Walks, mostly left early, that drain the low keys as a review does; a whole walk at the
+    // turn and at two sizes on the way up.
+    bool turn = grow && ref.size() > 25000;
+    if (turn) grow = 0;
+    bool whole = turn || (grow && ref.size() >= nextWhole);
+    if (whole) nextWhole += 10000;
+    if (what == 0 || whole) {
+      const std::size_t stop = whole ? ref.size() : rng() % 800;
+      std::size_t visited = 0;
+      std::optional<int> last;
+      for (auto [wk, wv] : m.walk()) {
+        auto next = last ? ref.upper_bound(*last) : ref.begin();
+        ASSERT_NE(next, ref.end());
+        ASSERT_EQ(wk, next->first);
+        ASSERT_EQ(wv, next->second);
+        last = wk;
+        if (++visited > stop) break;
+        if (rng() % (whole ? 8 : 2) == 0) {
+          m.erase(wk);
+          ref.erase(wk);
+        }
+        if (rng() % 16 == 0) {
+          int other = key();
+          m.erase(other);
+          ref.erase(other);
+        }
+        if (rng() % 16 == 0) {
+          int added = key();
+          m.put(added, step);
+          ref[added] = step;
+        }
+      }
+      if (visited <= stop) {
+        ASSERT_EQ(last ? ref.upper_bound(*last) : ref.begin(), ref.end());
+      }
+    } else if (what < (grow ? 700u : 300u)) {
+      ASSERT_EQ(m.put(k, step), ref.count(k) ? Kiv::Change::changed : Kiv::Change::inserted);
+      ref[k] = step;
+    } else {
+      if (!grow) {  // shrinking: one that is there
+        auto there = ref.lower_bound(k);
+        k = there == ref.end() ? ref.begin()->first : there->first;
+      }
+      ASSERT_EQ(m.erase(k), ref.erase(k) == 1);
+    }
+    ASSERT_EQ(m.size(), ref.size());
+    const int* found = m.find(k);
+    ASSERT_EQ(found != nullptr, ref.count(k) == 1);
+    if (found) {
+      ASSERT_EQ(*found, ref[k]);
+    }
+    if (step % 97 == 0) {
+      unsigned height = 0;
+      ASSERT_EQ(Kiv::CollectionProbe::treeFault(m, &height), "") << "step " << step;
+      highest = std::max(highest, height);
+      std::vector<std::pair<int, int>> want(ref.begin(), ref.end());
+      ASSERT_EQ(entriesOf(m), want);
+    }
+  }
+  EXPECT_GE(highest, 2u);
+  EXPECT_EQ(Kiv::CollectionProbe::treeFault(m), "");
+  EXPECT_TRUE(m.empty());
 }
 
 TEST(KivOrderedMap, WalksInKeyOrderWhileTheBodyRemovesAndAdds) {
