@@ -232,7 +232,11 @@ class HashMap {
       }
       Entry<K, V> operator*() const { return Entry<K, V>{at_->key, at_->value}; }
       iterator& operator++() {
-        ++i_;
+        // The next slot is live unless the walk removed it: the short way first.
+        if (++i_ < end_) {
+          at_ = &m_->at(i_);
+          if (at_->live) return *this;
+        }
         skipDead();
         return *this;
       }
