@@ -131,14 +131,17 @@ class Rows {
         InnerIt it_;
         InnerIt end_;
       };
-      Walk(const HashMap<K, Row>& m, Ptr<const PtrInterface> keep) : inner_(m.walk(std::move(keep))) {}
+      Walk(const HashMap<K, Row>& m, Ptr<const PtrInterface> keep)
+          : inner_(m.walk(std::move(keep))) {}
       iterator begin() const { return iterator(inner_.begin(), inner_.end()); }
       iterator end() const { return iterator(inner_.end(), inner_.end()); }
 
      private:
       Inner inner_;
     };
-    Walk walk(Ptr<const PtrInterface> keep = nullptr) const { return Walk(rows_->map_, std::move(keep)); }
+    Walk walk(Ptr<const PtrInterface> keep = nullptr) const {
+      return Walk(rows_->map_, std::move(keep));
+    }
 
    private:
     RowsT* rows_;

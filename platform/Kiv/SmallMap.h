@@ -11,10 +11,13 @@
 // while it is walked: an owner that may move (a row of a larger map) hands out copies to walk.
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cstdint>
 #include <memory>
 #include <utility>
 
+#include "Kiv/Assert.h"
 #include "Kiv/Collection.h"
 #include "Kiv/Ptr.h"
 
@@ -26,7 +29,7 @@ class SmallMap {
     K key;
     V value;
     // 0 while the entry lives; once it is removed during a walk, the order of that removal.
-    std::uint32_t hole = 0;
+    std::uint16_t hole = 0;
   };
 
  public:
@@ -169,8 +172,14 @@ class SmallMap {
  private:
   static constexpr std::uint32_t kAbsent = 0xffffffffu;
 
-  Slot* slots() { return heap_ ? heap_.get() : inline_; }
-  const Slot* slots() const { return heap_ ? heap_.get() : inline_; }
+  Slot* slots() {
+    if constexpr (N > 0) {
+      if (!heap_) return inline_.data();
+    }
+    return heap_.get();
+  }
+  const Slot* slots() const { return const_cast<SmallMap*>(this)->slots(); }
+  std::uint32_t capacity() const { return heap_ ? 1u << capLog_ : N; }
   Slot& at(std::uint32_t i) { return slots()[i]; }
   const Slot& at(std::uint32_t i) const { return slots()[i]; }
 
@@ -183,7 +192,8 @@ class SmallMap {
   }
 
   void append(Slot&& s) {
-    if (used_ == cap_) grow(cap_ ? cap_ * 2 : 2);
+    KIV_ASSERT_TEXT(used_ < kMaxEntries, "small map full");
+    if (used_ == capacity()) grow(capacity() ? capacity() * 2 : 2);
     at(used_++) = std::move(s);
     ++live_;
   }
@@ -211,26 +221,34 @@ class SmallMap {
     if (!used_) reset();
   }
 
+  // Capacities on the heap are powers of two, so their logarithm is all the map keeps.
   void grow(std::uint32_t cap) {
     std::unique_ptr<Slot[]> bigger(new Slot[cap]);
     std::move(slots(), slots() + used_, bigger.get());
-    for (std::uint32_t i = 0; i < std::min<std::uint32_t>(used_, N); ++i) inline_[i] = Slot{};
+    clearInline();
     heap_ = std::move(bigger);
-    cap_ = cap;
+    capLog_ = static_cast<std::uint8_t>(std::countr_zero(cap));
+  }
+
+  void clearInline() {
+    if constexpr (N > 0) {
+      for (std::uint32_t i = 0; i < std::min<std::uint32_t>(used_, N); ++i) inline_[i] = Slot{};
+    }
   }
 
   void reset() {
-    for (std::uint32_t i = 0; i < std::min<std::uint32_t>(used_, N); ++i) inline_[i] = Slot{};
+    if (!heap_) clearInline();
     heap_.reset();
-    cap_ = N;
+    capLog_ = 0;
     used_ = live_ = holes_ = 0;
   }
 
   // A copy holds the live entries, in order.
   void assign(const SmallMap& o) {
     if (o.live_ > N) {
-      heap_.reset(new Slot[o.live_]);
-      cap_ = o.live_;
+      std::uint32_t cap = std::bit_ceil(std::uint32_t(o.live_));
+      heap_.reset(new Slot[cap]);
+      capLog_ = static_cast<std::uint8_t>(std::countr_zero(cap));
     }
     for (std::uint32_t i = 0; i < o.used_; ++i) {
       if (!o.at(i).hole) at(used_++) = o.at(i);
@@ -246,9 +264,9 @@ class SmallMap {
     }
     if (o.heap_) {
       heap_ = std::move(o.heap_);
-      cap_ = o.cap_;
+      capLog_ = o.capLog_;
     } else {
-      std::move(o.inline_, o.inline_ + o.used_, inline_);
+      std::move(o.slots(), o.slots() + o.used_, slots());
     }
     used_ = o.used_;
     live_ = o.live_;
@@ -256,13 +274,16 @@ class SmallMap {
     o.reset();
   }
 
-  std::uint32_t used_ = 0;  // slots in use, holes included
-  std::uint32_t live_ = 0;
-  std::uint32_t cap_ = N;
-  std::uint16_t holes_ = 0;
-  mutable std::uint16_t walkers_ = 0;
+  // Kept small: a machine holds hundreds of thousands of these.
+  static constexpr std::uint32_t kMaxEntries = 0xffff;
+  struct NoSlots {};
   std::unique_ptr<Slot[]> heap_;
-  Slot inline_[N ? N : 1];
+  std::uint16_t used_ = 0;  // slots in use, holes included
+  std::uint16_t live_ = 0;
+  std::uint16_t holes_ = 0;
+  std::uint8_t capLog_ = 0;  // of the heap block's capacity
+  mutable std::uint8_t walkers_ = 0;
+  [[no_unique_address]] std::conditional_t<(N > 0), std::array<Slot, N>, NoSlots> inline_;
 };
 
 }  // namespace Kiv
