@@ -12,24 +12,56 @@
 // Keys are int or a small struct with its own hash (the hash is the same on both sides); a second
 // struct, hashed the way the model's composite keys are, is looked up too.
 //
+// Two more put the collections themselves beside the standard containers:
+//   Growth     the longest single insert while a Kiv::HashMap grows from empty to N keys (the
+//              floor: std::unordered_map), on the thread's CPU clock so that other programs on
+//              the machine do not count; longest_us is the figure, the time per item includes
+//              reading the clock twice per insert.
+//   Ordered    a Kiv::OrderedMap against std::map: insert N keys, walk them, erase them in
+//              another order (3N items); Drain fills N keys and walks them erasing each, as a
+//              review empties its queue (2N items).
+//
 //   build/default/bench/kiv_framework --benchmark_min_time=0.2
 //
 // Results and their reading are in docs/performance.md.
 
 #include <benchmark/benchmark.h>
 
+#include <time.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstdlib>
+#include <map>
 #include <memory>
+#include <new>
 #include <random>
 #include <type_traits>
 #include <unordered_map>
 #include <vector>
 
+#include "Kiv/Collection.h"
 #include "Kiv/Entity.h"
 #include "Kiv/Ptr.h"
 #include "Kiv/Types.h"
+
+// Allocations, counted for the Ordered cases' allocs_per_key: one increment beside malloc (the
+// array and nothrow forms of new and delete go through these). CountingAllocator.h also keeps the
+// live bytes, which would tax the floor's node per key in the other cases.
+namespace {
+std::uint64_t gAllocations = 0;
+void* countedAlloc(std::size_t n) {
+  void* p = std::malloc(n ? n : 1);
+  if (!p) throw std::bad_alloc();
+  ++gAllocations;
+  return p;
+}
+void countedFree(void* p) noexcept { std::free(p); }
+}  // namespace
+void* operator new(std::size_t n) { return countedAlloc(n); }
+void operator delete(void* p) noexcept { countedFree(p); }
+void operator delete(void* p, std::size_t) noexcept { countedFree(p); }
 
 namespace {
 
@@ -39,6 +71,7 @@ struct PortVlan {
   std::uint32_t port;
   std::uint32_t vlan;
   bool operator==(const PortVlan&) const = default;
+  auto operator<=>(const PortVlan&) const = default;
   std::uint32_t hash() const { return Kiv::oneAtATimeHash(std::uint64_t{port} << 32 | vlan); }
 };
 
@@ -295,10 +328,144 @@ void BM_FloorLookup(benchmark::State& state) {
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * n));
 }
 
+// ---- Growth: the longest single insert ----------------------------------------------------
+
+double threadCpuMicros() {
+  timespec t;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) * 1e6 + static_cast<double>(t.tv_nsec) / 1e3;
+}
+
+template <class Map, class K>
+void growth(benchmark::State& state, Map& m, const std::vector<K>& keys, double& longest) {
+  for (const K& k : keys) {
+    double t0 = threadCpuMicros();
+    if constexpr (requires { m.put(k, 1); }) {
+      m.put(k, 1);
+    } else {
+      m.try_emplace(k, 1);
+    }
+    longest = std::max(longest, threadCpuMicros() - t0);
+  }
+  if (m.size() != keys.size()) state.SkipWithError("a key was lost");
+}
+
+template <class K>
+void BM_KivGrowth(benchmark::State& state) {
+  const auto keys = makeKeys<K>(static_cast<std::size_t>(state.range(0)));
+  double longest = 0;
+  for (auto _ : state) {
+    Kiv::HashMap<K, int> m;
+    growth(state, m, keys, longest);
+  }
+  state.counters["longest_us"] = longest;
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * keys.size()));
+}
+
+template <class K>
+void BM_FloorGrowth(benchmark::State& state) {
+  const auto keys = makeKeys<K>(static_cast<std::size_t>(state.range(0)));
+  double longest = 0;
+  for (auto _ : state) {
+    FloorMap<K> m;
+    growth(state, m, keys, longest);
+  }
+  state.counters["longest_us"] = longest;
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * keys.size()));
+}
+
+// ---- Ordered: Kiv::OrderedMap beside std::map ---------------------------------------------
+
+void allocsPerKey(benchmark::State& state, std::uint64_t before, std::size_t n) {
+  state.counters["allocs_per_key"] =
+      static_cast<double>(gAllocations - before) / static_cast<double>(state.iterations() * n);
+}
+
+template <class K>
+void BM_KivOrdered(benchmark::State& state) {
+  const auto n = static_cast<std::size_t>(state.range(0));
+  const auto keys = makeKeys<K>(n);
+  const auto eraseOrder = makeKeys<K>(n, 1);
+  Kiv::OrderedMap<K, int> m;
+  long sum = 0;
+  const std::uint64_t allocations = gAllocations;
+  for (auto _ : state) {
+    for (const K& k : keys) m.put(k, 1);
+    for (auto [k, v] : m.walk()) sum += weight(k) + v;
+    for (const K& k : eraseOrder) m.erase(k);
+    benchmark::DoNotOptimize(sum);
+  }
+  allocsPerKey(state, allocations, n);
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * 3 * n));
+}
+
+template <class K>
+void BM_FloorOrdered(benchmark::State& state) {
+  const auto n = static_cast<std::size_t>(state.range(0));
+  const auto keys = makeKeys<K>(n);
+  const auto eraseOrder = makeKeys<K>(n, 1);
+  std::map<K, int> m;
+  long sum = 0;
+  const std::uint64_t allocations = gAllocations;
+  for (auto _ : state) {
+    for (const K& k : keys) m.try_emplace(k, 1);
+    for (const auto& [k, v] : m) sum += weight(k) + v;
+    for (const K& k : eraseOrder) m.erase(k);
+    benchmark::DoNotOptimize(sum);
+  }
+  allocsPerKey(state, allocations, n);
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * 3 * n));
+}
+
+template <class K>
+void BM_KivOrderedDrain(benchmark::State& state) {
+  const auto n = static_cast<std::size_t>(state.range(0));
+  const auto keys = makeKeys<K>(n);
+  Kiv::OrderedMap<K, int> m;
+  long sum = 0;
+  const std::uint64_t allocations = gAllocations;
+  for (auto _ : state) {
+    for (const K& k : keys) m.put(k, 1);
+    for (auto [k, v] : m.walk()) {
+      sum += weight(k) + v;
+      m.erase(k);
+    }
+    benchmark::DoNotOptimize(sum);
+  }
+  allocsPerKey(state, allocations, n);
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * 2 * n));
+}
+
+template <class K>
+void BM_FloorOrderedDrain(benchmark::State& state) {
+  const auto n = static_cast<std::size_t>(state.range(0));
+  const auto keys = makeKeys<K>(n);
+  std::map<K, int> m;
+  long sum = 0;
+  const std::uint64_t allocations = gAllocations;
+  for (auto _ : state) {
+    for (const K& k : keys) m.try_emplace(k, 1);
+    for (auto it = m.begin(); it != m.end();) {
+      sum += weight(it->first) + it->second;
+      it = m.erase(it);
+    }
+    benchmark::DoNotOptimize(sum);
+  }
+  allocsPerKey(state, allocations, n);
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * 2 * n));
+}
+
 void mutateArgs(benchmark::internal::Benchmark* b) {
   b->ArgNames({"n", "notifiees"})->ArgsProduct({{1 << 10, 1 << 16}, {0, 1, 3}});
 }
 void sizeArgs(benchmark::internal::Benchmark* b) { b->ArgNames({"n"})->Arg(1 << 10)->Arg(1 << 16); }
+// One growth to a million keys is the measurement; repetitions give its spread.
+void growthArgs(benchmark::internal::Benchmark* b) {
+  b->ArgNames({"n"})->Arg(1 << 20)->Iterations(1)->Unit(benchmark::kMillisecond);
+}
+void orderedArgs(benchmark::internal::Benchmark* b) {
+  b->ArgNames({"n"})->Arg(1 << 10)->Arg(1 << 16)->Arg(1 << 19);
+}
 
 // Each framework case sits right above its floor in the output.
 BENCHMARK_TEMPLATE(BM_KivMutate, int)->Apply(mutateArgs);
@@ -315,6 +482,16 @@ BENCHMARK_TEMPLATE(BM_KivLookup, PortVlan)->Apply(sizeArgs);
 BENCHMARK_TEMPLATE(BM_FloorLookup, PortVlan)->Apply(sizeArgs);
 BENCHMARK_TEMPLATE(BM_KivLookup, MixedPortVlan)->Apply(sizeArgs);
 BENCHMARK_TEMPLATE(BM_FloorLookup, MixedPortVlan)->Apply(sizeArgs);
+BENCHMARK_TEMPLATE(BM_KivGrowth, int)->Apply(growthArgs);
+BENCHMARK_TEMPLATE(BM_FloorGrowth, int)->Apply(growthArgs);
+BENCHMARK_TEMPLATE(BM_KivGrowth, PortVlan)->Apply(growthArgs);
+BENCHMARK_TEMPLATE(BM_FloorGrowth, PortVlan)->Apply(growthArgs);
+BENCHMARK_TEMPLATE(BM_KivOrdered, int)->Apply(orderedArgs);
+BENCHMARK_TEMPLATE(BM_FloorOrdered, int)->Apply(orderedArgs);
+BENCHMARK_TEMPLATE(BM_KivOrdered, PortVlan)->Apply(orderedArgs);
+BENCHMARK_TEMPLATE(BM_FloorOrdered, PortVlan)->Apply(orderedArgs);
+BENCHMARK_TEMPLATE(BM_KivOrderedDrain, PortVlan)->Apply(orderedArgs);
+BENCHMARK_TEMPLATE(BM_FloorOrderedDrain, PortVlan)->Apply(orderedArgs);
 
 }  // namespace
 

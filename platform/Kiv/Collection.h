@@ -6,6 +6,11 @@
 //                        at once or, for removals during a walk, when the walk ends).
 // Kiv::OrderedMap<K, V>  walks in key order (reviews that must go in key order use it).
 //
+// Neither pauses to grow: no insert or erase moves more than a bounded number of entries,
+// whatever the size (a machine's tables reach a million entries, and one insert that moved them
+// all would stall the event loop for milliseconds). A pointer that find() or findOrMake() hands
+// out is valid until the next change of the same collection.
+//
 // Both tolerate any change while they are walked: the current element, or any other, may be
 // removed, and elements may be added. A walk visits each element present when it started that is
 // still present when the walk reaches it; elements added during a walk may or may not be visited
@@ -17,9 +22,11 @@
 // These are the storage of the accessor families in Kiv/Entity.h; owners rarely touch them
 // directly.
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <type_traits>
 #include <unordered_map>
@@ -68,6 +75,9 @@ inline Ptr<const PtrInterface> keepAlive(const PtrInterface* owner) {
   return (owner && owner->references()) ? Ptr<const PtrInterface>(owner) : nullptr;
 }
 
+// Tests look inside the collections through this; only they define it.
+struct CollectionProbe;
+
 template <class K, class V, class Hash = DefaultHash<K>>
 class HashMap {
   struct Slot {
@@ -85,6 +95,26 @@ class HashMap {
   // Small maps (most of a machine's per-key sets) keep no index: a scan of a few slots is cheaper
   // than hashing, and they allocate nothing beyond their slots.
   static constexpr std::size_t kLinearMax = 8;
+  // Slots live in pages that never move, so that growing a table of a million entries does not
+  // move a million entries in one insert. The first page grows by doubling, as a vector would,
+  // which keeps a map of a few entries as small as before; a full first page is followed by
+  // further pages of the same size, and growing the list of pages copies only page pointers.
+  static constexpr unsigned kPageBits = 10;
+  static constexpr std::uint32_t kPage = 1u << kPageBits;
+  // The index grows without a pause either. The insert that takes a table of C cells past 5/8
+  // full allocates one of 2C cells; that insert and each later insert or erase take one step
+  // towards it: first clearing 64 of its cells (2C/64 = C/32 steps; clearing megabytes at once
+  // would be the pause again), then copying 16 cells of the old table into it (C/16 steps).
+  // Until the last step the old table stays complete and answers every lookup; the new one holds
+  // exactly the cells at old positions below the copy cursor, so a change to the old table below
+  // the cursor is made in the new one too. The move takes C/32 + C/16 = 3C/32 changes, so the
+  // old table never holds more than 5C/8 + 3C/32 = 23C/32 entries (3/4 for the 16-cell table,
+  // whose two steps round up): never fuller than the 3/4 at which it used to double at once, and
+  // probe chains stay as short as they were.
+  static constexpr std::size_t kFirstIndexCells = 16;
+  static constexpr std::uint32_t kClearStep = 64;
+  static constexpr std::uint32_t kCopyStep = 16;
+  static constexpr std::uint32_t kClearing = 1u << 31;
 
  public:
   using Key = K;
@@ -93,24 +123,27 @@ class HashMap {
   HashMap() = default;
   HashMap(const HashMap&) = delete;
   HashMap& operator=(const HashMap&) = delete;
+  ~HashMap() { release(); }
 
   std::size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
-  bool contains(const K& k) const { return locate(k) != kFree; }
+  bool contains(const K& k) const { return seek(k).slot != kFree; }
 
+  // The pointer stays valid until the next change of the map.
   const V* find(const K& k) const {
-    std::uint32_t i = locate(k);
-    return i == kFree ? nullptr : &slots_[i].value;
+    Slot* s = seek(k).at;
+    return s ? &s->value : nullptr;
   }
   V* find(const K& k) { return const_cast<V*>(std::as_const(*this).find(k)); }
 
   Change put(const K& k, const V& v) {
-    auto [i, inserted] = claim(k);
-    if (inserted) {
-      slots_.push_back(Slot{k, v, true});
+    Seek s = seek(k);
+    if (s.slot == kFree) {
+      ::new (static_cast<void*>(room())) Slot{k, v, true};
+      adopt(s.hash);
       return Change::inserted;
     }
-    V& cur = slots_[i].value;
+    V& cur = s.at->value;
     if constexpr (std::equality_comparable<V>) {
       if (cur == v) return Change::none;
     }
@@ -120,63 +153,83 @@ class HashMap {
 
   template <class Make>
   std::pair<V*, bool> findOrMake(const K& k, Make&& make) {
-    auto [i, inserted] = claim(k);
-    if (inserted) slots_.push_back(Slot{k, make(), true});
-    return {&slots_[i].value, inserted};
+    Seek s = seek(k);
+    if (s.at) return {&s.at->value, false};
+    Slot* made = ::new (static_cast<void*>(room())) Slot{k, make(), true};
+    adopt(s.hash);
+    return {&made->value, true};
   }
 
   bool erase(const K& k) {
-    std::uint32_t i = locate(k);
-    if (i == kFree) return false;
-    unindex(k, i);
+    Seek s = seek(k);
+    if (s.slot == kFree) return false;
+    if (cells_) unindex(s.cell);
     --size_;
-    [[maybe_unused]] V doomed = std::move(slots_[i].value);
+    Slot& slot = *s.at;
+    [[maybe_unused]] V doomed = std::move(slot.value);
     if (walkers_) {
-      slots_[i].live = false;
-      slots_[i].value = V();
-      holes_.push_back(i);
+      slot.live = false;
+      slot.value = V();
+      holes_.push_back(s.slot);
     } else {
-      removeSlot(i);
-      if (!size_) release();
+      removeSlot(s.slot);
+      if (!size_) {
+        release();
+        return true;
+      }
     }
+    if (next_) migrate();
     return true;
   }
 
   void clear() {
-    if (walkers_) {
-      [[maybe_unused]] std::vector<V> doomed;
-      doomed.reserve(size_);
-      for (std::uint32_t i = 0; i < slots_.size(); ++i) {
-        Slot& s = slots_[i];
-        if (!s.live) continue;
-        doomed.push_back(std::move(s.value));
-        s.value = V();
-        s.live = false;
-        holes_.push_back(i);
-      }
-      cells_.clear();
-      size_ = 0;
+    if (!walkers_) {
+      release();
       return;
     }
-    [[maybe_unused]] std::vector<Slot> doomed;
-    doomed.swap(slots_);
-    cells_.clear();
+    [[maybe_unused]] std::vector<V> doomed;
+    doomed.reserve(size_);
+    for (std::uint32_t i = 0; i < used_; ++i) {
+      Slot& s = at(i);
+      if (!s.live) continue;
+      doomed.push_back(std::move(s.value));
+      s.value = V();
+      s.live = false;
+      holes_.push_back(i);
+    }
+    // The index stays, emptied: refilling the map during the walk needs no rebuild over the
+    // slots the walk still holds.
+    if (cells_) {
+      dropMigration();
+      std::fill(cells_, cells_ + cellCount(), Cell{0, kFree});
+    }
     size_ = 0;
   }
 
-  void reserve(std::size_t n) { slots_.reserve(n); }
+  // Allocates up front what n entries need (slots and index), so that growing to n moves nothing.
+  // Pages beyond the last one in use and a spare go back as the map shrinks.
+  void reserve(std::size_t n) {
+    while (cap_ < n) {
+      if (!paged() && cap_ < kPage) {
+        resizeFirstPage(static_cast<std::uint32_t>(std::min<std::size_t>(n, kPage)));
+      } else {
+        grow();
+      }
+    }
+    if (n <= kLinearMax) return;
+    std::size_t cells = kFirstIndexCells;
+    while (cells * 5 < n * 8) cells *= 2;
+    if (!cells_ || cells > cellCount()) rebuildIndex(cells);
+  }
 
   class Walk {
    public:
     class iterator {
      public:
-      iterator(const HashMap* m, std::size_t i, std::size_t end) : m_(m), i_(i), end_(end) {
+      iterator(const HashMap* m, std::uint32_t i, std::uint32_t end) : m_(m), i_(i), end_(end) {
         skipDead();
       }
-      Entry<K, V> operator*() const {
-        const Slot& s = m_->slots_[i_];
-        return Entry<K, V>{s.key, s.value};
-      }
+      Entry<K, V> operator*() const { return Entry<K, V>{at_->key, at_->value}; }
       iterator& operator++() {
         ++i_;
         skipDead();
@@ -185,16 +238,21 @@ class HashMap {
       bool operator==(const iterator& o) const { return i_ == o.i_; }
 
      private:
+      // Finds the slot afresh at each step: the loop body may have moved the first page.
       void skipDead() {
-        while (i_ < end_ && !m_->slots_[i_].live) ++i_;
+        for (; i_ < end_; ++i_) {
+          at_ = &m_->at(i_);
+          if (at_->live) return;
+        }
       }
       const HashMap* m_;
-      std::size_t i_;
-      std::size_t end_;
+      const Slot* at_ = nullptr;
+      std::uint32_t i_;
+      std::uint32_t end_;
     };
 
     Walk(const HashMap& m, Ptr<const PtrInterface> keep)
-        : m_(&m), keep_(std::move(keep)), end_(m.slots_.size()) {
+        : m_(&m), keep_(std::move(keep)), end_(m.used_) {
       ++m.walkers_;
     }
     ~Walk() { const_cast<HashMap*>(m_)->walkEnded(); }
@@ -207,103 +265,102 @@ class HashMap {
    private:
     const HashMap* m_;
     Ptr<const PtrInterface> keep_;
-    std::size_t end_;
+    std::uint32_t end_;
   };
 
   Walk walk(Ptr<const PtrInterface> keep = nullptr) const { return Walk(*this, std::move(keep)); }
 
  private:
-  static std::uint32_t hashOf(const K& k) { return static_cast<std::uint32_t>(Hash()(k)); }
-  std::size_t home(std::uint32_t h) const {
-    return (std::size_t(h) * 0x9e3779b97f4a7c15ull >> 32) & (cells_.size() - 1);
-  }
-  bool indexed() const { return !cells_.empty(); }
+  friend struct CollectionProbe;
 
-  std::uint32_t locate(const K& k) const {
-    if (!indexed()) {
-      for (std::uint32_t i = 0; i < slots_.size(); ++i) {
-        if (slots_[i].live && slots_[i].key == k) return i;
-      }
-      return kFree;
-    }
-    std::uint32_t h = hashOf(k);
-    std::size_t mask = cells_.size() - 1;
-    for (std::size_t p = home(h);; p = (p + 1) & mask) {
-      const Cell& c = cells_[p];
-      if (c.slot == kFree) return kFree;
-      if (c.hash == h && slots_[c.slot].key == k) return c.slot;
-    }
+  // ---- slots ----
+
+  Slot& at(std::uint32_t i) const { return pages_[i >> kPageBits][i & (kPage - 1)]; }
+  bool paged() const { return pages_ != &first_; }
+
+  // Where the next slot goes; the caller constructs it there, then adopts it.
+  Slot* room() {
+    if (used_ == cap_) grow();
+    return &at(used_);
   }
 
-  // The slot of k, or a new one (slots_.size(), to be pushed by the caller) indexed for it.
-  std::pair<std::uint32_t, bool> claim(const K& k) {
-    std::uint32_t i = locate(k);
-    if (i != kFree) return {i, false};
-    i = static_cast<std::uint32_t>(slots_.size());
-    ++size_;
-    if (!indexed() && size_ > kLinearMax) rebuild(16);
-    if (indexed()) {
-      if (size_ * 4 > cells_.size() * 3) rebuild(cells_.size() * 2);
-      place(Cell{hashOf(k), i});
-    }
-    return {i, true};
-  }
-
-  void place(Cell c) {
-    std::size_t mask = cells_.size() - 1;
-    std::size_t p = home(c.hash);
-    while (cells_[p].slot != kFree) p = (p + 1) & mask;
-    cells_[p] = c;
-  }
-
-  void rebuild(std::size_t capacity) {
-    std::vector<Cell> old;
-    old.swap(cells_);
-    cells_.assign(capacity, Cell{0, kFree});
-    if (!old.empty()) {
-      for (const Cell& c : old) {
-        if (c.slot != kFree) place(c);
-      }
+  void grow() {
+    if (!paged() && cap_ < kPage) {
+      resizeFirstPage(cap_ ? std::min(cap_ * 2, kPage) : 1);
       return;
     }
-    for (std::uint32_t i = 0; i < slots_.size(); ++i) {
-      if (slots_[i].live) place(Cell{hashOf(slots_[i].key), i});
+    std::uint32_t pages = cap_ >> kPageBits;
+    Slot** list = std::allocator<Slot*>().allocate(pages + 1);
+    std::copy(pages_, pages_ + pages, list);
+    if (paged()) std::allocator<Slot*>().deallocate(pages_, pages);
+    list[pages] = std::allocator<Slot>().allocate(kPage);
+    pages_ = list;
+    cap_ = (pages + 1) * kPage;
+  }
+
+  // The first page before the map outgrows it: at most kPage / 2 slots move.
+  void resizeFirstPage(std::uint32_t cap) {
+    Slot* fresh = std::allocator<Slot>().allocate(cap);
+    for (std::uint32_t i = 0; i < used_; ++i) {
+      ::new (static_cast<void*>(fresh + i)) Slot(std::move(first_[i]));
+      first_[i].~Slot();
     }
+    if (first_) std::allocator<Slot>().deallocate(first_, cap_);
+    first_ = fresh;
+    cap_ = cap;
   }
 
-  std::size_t cellOf(const K& k, std::uint32_t slot) const {
-    std::uint32_t h = hashOf(k);
-    std::size_t mask = cells_.size() - 1;
-    std::size_t p = home(h);
-    while (cells_[p].slot != slot) p = (p + 1) & mask;
-    return p;
+  // Gives back the pages past the last one in use and one spare, so that a map going back and
+  // forth across a page boundary does not allocate and free a page each time. A map that has
+  // had more than one page keeps at least two until it is released.
+  void dropSparePages() {
+    if (!paged()) return;
+    std::uint32_t pages = cap_ >> kPageBits;
+    std::uint32_t keep = std::max<std::uint32_t>((used_ + kPage - 1) / kPage + 1, 2);
+    if (pages <= keep) return;
+    Slot** list = std::allocator<Slot*>().allocate(keep);
+    std::copy(pages_, pages_ + keep, list);
+    for (std::uint32_t p = keep; p < pages; ++p)
+      std::allocator<Slot>().deallocate(pages_[p], kPage);
+    std::allocator<Slot*>().deallocate(pages_, pages);
+    pages_ = list;
+    cap_ = keep * kPage;
   }
 
-  void unindex(const K& k, std::uint32_t slot) {
-    if (!indexed()) return;
-    std::size_t mask = cells_.size() - 1;
-    std::size_t p = cellOf(k, slot);
-    for (std::size_t q = (p + 1) & mask; cells_[q].slot != kFree; q = (q + 1) & mask) {
-      std::size_t h = home(cells_[q].hash);
-      bool stays = p <= q ? (h > p && h <= q) : (h > p || h <= q);
-      if (stays) continue;
-      cells_[p] = cells_[q];
-      p = q;
+  // Counts the slot the caller just constructed at used_.
+  void adopt(std::uint32_t hash) {
+    std::uint32_t i = used_++;
+    ++size_;
+    if (!cells_) {
+      if (size_ > kLinearMax) rebuildIndex(kFirstIndexCells);
+      return;
     }
-    cells_[p].slot = kFree;
-  }
-
-  void repoint(const K& k, std::uint32_t from, std::uint32_t to) {
-    if (indexed()) cells_[cellOf(k, from)].slot = to;
+    insertCell(Cell{hash, i});
+    if (next_) {
+      migrate();
+    } else if (std::size_t(size_) * 8 > cellCount() * 5) {
+      next_ = std::allocator<Cell>().allocate(cellCount() * 2);
+      cursor_ = kClearing;
+      migrate();
+    }
   }
 
   void removeSlot(std::uint32_t i) {
-    std::uint32_t last = static_cast<std::uint32_t>(slots_.size() - 1);
+    std::uint32_t last = used_ - 1;
     if (i != last) {
-      slots_[i] = std::move(slots_[last]);
-      repoint(slots_[i].key, last, i);
+      at(i) = std::move(at(last));
+      repoint(at(i).key, last, i);
     }
-    slots_.pop_back();
+    at(last).~Slot();
+    --used_;
+    dropSparePages();
+  }
+
+  void popDeadTail() {
+    while (used_ && !at(used_ - 1).live) {
+      at(used_ - 1).~Slot();
+      --used_;
+    }
   }
 
   // Removals during a walk left holes: fill each from the back, as a removal outside a walk
@@ -316,30 +373,193 @@ class HashMap {
       return;
     }
     for (std::uint32_t hole : holes_) {
-      while (!slots_.empty() && !slots_.back().live) slots_.pop_back();
-      if (hole >= slots_.size()) continue;
-      std::uint32_t last = static_cast<std::uint32_t>(slots_.size() - 1);
-      slots_[hole] = std::move(slots_[last]);
-      repoint(slots_[hole].key, last, hole);
-      slots_.pop_back();
+      popDeadTail();
+      if (hole >= used_) continue;
+      std::uint32_t last = used_ - 1;
+      at(hole) = std::move(at(last));
+      repoint(at(hole).key, last, hole);
+      at(last).~Slot();
+      --used_;
     }
-    while (!slots_.empty() && !slots_.back().live) slots_.pop_back();
+    popDeadTail();
     holes_.clear();
+    dropSparePages();
   }
 
-  // An emptied map gives its memory back: a drained backlog of a million keys keeps nothing.
+  // An emptied map gives its memory back: a drained backlog of a million keys keeps nothing. The
+  // map is empty before the first value is destroyed, so a value's destructor may use it.
   void release() {
-    std::vector<Slot>().swap(slots_);
-    std::vector<Cell>().swap(cells_);
+    Slot** pages = pages_;
+    std::uint32_t used = std::exchange(used_, 0);
+    std::uint32_t cap = std::exchange(cap_, 0);
+    Slot* first = std::exchange(first_, nullptr);
+    pages_ = &first_;
+    if (pages == &first_) pages = &first;
+    size_ = 0;
+    dropMigration();
+    if (cells_) std::allocator<Cell>().deallocate(std::exchange(cells_, nullptr), cellCount());
+    cellMask_ = 0;
     std::vector<std::uint32_t>().swap(holes_);
+    for (std::uint32_t i = 0; i < used; ++i) pages[i >> kPageBits][i & (kPage - 1)].~Slot();
+    if (pages == &first) {
+      if (first) std::allocator<Slot>().deallocate(first, cap);
+      return;
+    }
+    for (std::uint32_t p = 0; p < cap >> kPageBits; ++p) {
+      std::allocator<Slot>().deallocate(pages[p], kPage);
+    }
+    std::allocator<Slot*>().deallocate(pages, cap >> kPageBits);
   }
 
-  std::vector<Slot> slots_;
-  std::vector<Cell> cells_;
+  // ---- index ----
+
+  static std::uint32_t hashOf(const K& k) { return static_cast<std::uint32_t>(Hash()(k)); }
+  static std::size_t home(std::uint32_t h, std::size_t mask) {
+    return (std::size_t(h) * 0x9e3779b97f4a7c15ull >> 32) & mask;
+  }
+  std::size_t cellCount() const { return std::size_t(cellMask_) + 1; }
+  std::size_t nextMask() const { return std::size_t(cellMask_) * 2 + 1; }
+
+  static std::size_t place(Cell* t, std::size_t mask, Cell c) {
+    std::size_t p = home(c.hash, mask);
+    while (t[p].slot != kFree) p = (p + 1) & mask;
+    t[p] = c;
+    return p;
+  }
+
+  static std::size_t cellOf(const Cell* t, std::size_t mask, std::uint32_t h, std::uint32_t slot) {
+    std::size_t p = home(h, mask);
+    while (t[p].slot != slot) p = (p + 1) & mask;
+    return p;
+  }
+
+  // Frees cell p and shifts the rest of its probe chain back; `moved(from, to)` hears of each
+  // cell that changes place.
+  template <class Moved>
+  static void removeAt(Cell* t, std::size_t mask, std::size_t p, Moved&& moved) {
+    for (std::size_t q = (p + 1) & mask; t[q].slot != kFree; q = (q + 1) & mask) {
+      std::size_t h = home(t[q].hash, mask);
+      bool stays = p <= q ? (h > p && h <= q) : (h > p || h <= q);
+      if (stays) continue;
+      t[p] = t[q];
+      moved(q, p);
+      p = q;
+    }
+    t[p].slot = kFree;
+  }
+
+  // Where k is: its slot (kFree when absent) and the slot itself, its hash and its cell (when the
+  // map is indexed).
+  struct Seek {
+    std::uint32_t slot;
+    std::uint32_t hash;
+    std::size_t cell;
+    Slot* at;
+  };
+  Seek seek(const K& k) const {
+    if (!cells_) {
+      for (std::uint32_t i = 0; i < used_; ++i) {
+        Slot& s = at(i);
+        if (s.live && s.key == k) return {i, 0, 0, &s};
+      }
+      return {kFree, 0, 0, nullptr};
+    }
+    std::uint32_t h = hashOf(k);
+    for (std::size_t p = home(h, cellMask_);; p = (p + 1) & cellMask_) {
+      const Cell& c = cells_[p];
+      if (c.slot == kFree) return {kFree, h, p, nullptr};
+      if (c.hash != h) continue;
+      Slot& s = at(c.slot);
+      if (s.key == k) return {c.slot, h, p, &s};
+    }
+  }
+
+  // Old-table positions below this are in the new table too.
+  std::size_t copied() const { return next_ && !(cursor_ & kClearing) ? cursor_ : 0; }
+
+  void insertCell(Cell c) {
+    std::size_t p = place(cells_, cellMask_, c);
+    if (p < copied()) place(next_, nextMask(), c);
+  }
+
+  void unindex(std::size_t p) {
+    std::size_t done = copied();
+    if (p < done) dropCopy(cells_[p]);
+    removeAt(cells_, cellMask_, p, [&](std::size_t from, std::size_t to) {
+      if ((from < done) == (to < done)) return;
+      if (from < done) {
+        dropCopy(cells_[to]);  // wrapped round to the end of the table: copied again later
+      } else {
+        place(next_, nextMask(), cells_[to]);
+      }
+    });
+  }
+
+  void dropCopy(Cell c) {
+    std::size_t mask = nextMask();
+    removeAt(next_, mask, cellOf(next_, mask, c.hash, c.slot), [](std::size_t, std::size_t) {});
+  }
+
+  void repoint(const K& k, std::uint32_t from, std::uint32_t to) {
+    if (!cells_) return;
+    std::uint32_t h = hashOf(k);
+    std::size_t p = cellOf(cells_, cellMask_, h, from);
+    cells_[p].slot = to;
+    if (p < copied()) next_[cellOf(next_, nextMask(), h, from)].slot = to;
+  }
+
+  // One step of the migration to the table twice the size.
+  void migrate() {
+    std::size_t size = cellCount();
+    if (cursor_ & kClearing) {
+      std::size_t from = std::size_t(cursor_ & ~kClearing) * kClearStep;
+      std::size_t to = std::min<std::size_t>(from + kClearStep, size * 2);
+      std::fill(next_ + from, next_ + to, Cell{0, kFree});
+      cursor_ = to < size * 2 ? cursor_ + 1 : 0;
+      return;
+    }
+    std::size_t to = std::min<std::size_t>(cursor_ + kCopyStep, size);
+    for (std::size_t p = cursor_; p < to; ++p) {
+      if (cells_[p].slot != kFree) place(next_, nextMask(), cells_[p]);
+    }
+    cursor_ = static_cast<std::uint32_t>(to);
+    if (to < size) return;
+    std::allocator<Cell>().deallocate(cells_, size);
+    cells_ = std::exchange(next_, nullptr);
+    cellMask_ = static_cast<std::uint32_t>(nextMask());
+    cursor_ = 0;
+  }
+
+  void dropMigration() {
+    if (next_) std::allocator<Cell>().deallocate(std::exchange(next_, nullptr), cellCount() * 2);
+    cursor_ = 0;
+  }
+
+  // The whole index at once, over every live slot: for the ninth entry, or on request.
+  void rebuildIndex(std::size_t cells) {
+    dropMigration();
+    if (cells_) std::allocator<Cell>().deallocate(cells_, cellCount());
+    cellMask_ = static_cast<std::uint32_t>(cells - 1);
+    cells_ = std::allocator<Cell>().allocate(cells);
+    std::fill(cells_, cells_ + cells, Cell{0, kFree});
+    for (std::uint32_t i = 0; i < used_; ++i) {
+      if (at(i).live) place(cells_, cellMask_, Cell{hashOf(at(i).key), i});
+    }
+  }
+
+  Slot* first_ = nullptr;  // the first page, the only one until the map outgrows it
+  // Every page: first_ itself while there is one, else a list of them (whose first is first_).
+  Slot** pages_ = &first_;
+  Cell* cells_ = nullptr;             // the index; none while the map is small
+  Cell* next_ = nullptr;              // the index being built to replace it
+  std::vector<std::uint32_t> holes_;  // slots removed during the current walks
+  std::uint32_t used_ = 0;            // slots constructed, live or not
+  std::uint32_t cap_ = 0;             // slots allocated
   std::uint32_t size_ = 0;
   mutable std::uint32_t walkers_ = 0;
-  // Slots removed during the current walks.
-  std::vector<std::uint32_t> holes_;
+  std::uint32_t cellMask_ = 0;  // cells of the index, less one
+  // The migration's progress: steps taken clearing next_ (with kClearing), then cells copied.
+  std::uint32_t cursor_ = 0;
 };
 
 template <class K, class V, class Less = std::less<K>>

@@ -1,6 +1,7 @@
 // Kiv collections under change while walked, notifiee lists under disruption, accessor families.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <random>
 #include <string>
@@ -9,6 +10,54 @@
 #include "Kiv/Assert.h"
 #include "Kiv/Collection.h"
 #include "Kiv/Entity.h"
+
+// What the tests read inside the collections: a HashMap's index migration and slot pages.
+struct Kiv::CollectionProbe {
+  template <class M>
+  static bool migrating(const M& m) {
+    return m.next_ != nullptr;
+  }
+  template <class M>
+  static bool copying(const M& m) {
+    return m.next_ && !(m.cursor_ & M::kClearing);
+  }
+  template <class M>
+  static std::size_t cells(const M& m) {
+    return m.cells_ ? m.cellCount() : 0;
+  }
+  template <class M>
+  static std::size_t slotsAllocated(const M& m) {
+    return m.cap_;
+  }
+
+  // The first fault in a HashMap's index ("" when there is none): a cell for no live slot or
+  // with the wrong hash, a slot with two cells or none, a copy that differs from the cells of
+  // the old table below the cursor.
+  template <class M>
+  static std::string indexFault(const M& m) {
+    if (!m.cells_) return "";
+    auto cellsOf = [](const auto* t, std::size_t from, std::size_t to) {
+      std::vector<std::pair<std::uint32_t, std::uint32_t>> out;
+      for (std::size_t p = from; p < to; ++p) {
+        if (t[p].slot != M::kFree) out.emplace_back(t[p].slot, t[p].hash);
+      }
+      std::sort(out.begin(), out.end());
+      return out;
+    };
+    auto cells = cellsOf(m.cells_, 0, m.cellCount());
+    if (cells.size() != m.size()) return std::to_string(cells.size()) + " cells";
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+      auto [slot, hash] = cells[i];
+      if (i && cells[i - 1].first == slot) return "two cells for slot " + std::to_string(slot);
+      if (slot >= m.used_ || !m.at(slot).live) return "a cell for no entry";
+      if (M::hashOf(m.at(slot).key) != hash) return "a cell with the wrong hash";
+    }
+    if (copying(m) && cellsOf(m.next_, 0, m.cellCount() * 2) != cellsOf(m.cells_, 0, m.cursor_)) {
+      return "the copy differs";
+    }
+    return "";
+  }
+};
 
 namespace {
 
@@ -91,6 +140,292 @@ TEST(KivHashMap, AgreesWithAReferenceMapThroughGrowthRemovalAndWalks) {
   }
   for (auto [k, v] : ref) ASSERT_TRUE(m.find(k) && *m.find(k) == v) << k;
   for (int k = 0; k < 300; ++k) ASSERT_EQ(m.contains(k), ref.count(k) == 1) << k;
+}
+
+// The walk order a HashMap promises, kept the plain way: slots in insertion order, the last one
+// moved into a removed one's place at once, or for removals during a walk when the walk ends.
+struct SlotOrder {
+  struct Slot {
+    int key;
+    int value;
+    bool live;
+  };
+  std::vector<Slot> slots;
+  std::vector<std::size_t> holes;
+  std::size_t size = 0;
+  int walkers = 0;
+
+  Slot* find(int k) {
+    auto it =
+        std::find_if(slots.begin(), slots.end(), [&](auto& s) { return s.live && s.key == k; });
+    return it == slots.end() ? nullptr : &*it;
+  }
+  void put(int k, int v) {
+    if (Slot* s = find(k)) {
+      s->value = v;
+      return;
+    }
+    slots.push_back({k, v, true});
+    ++size;
+  }
+  void erase(int k) {
+    Slot* s = find(k);
+    if (!s) return;
+    --size;
+    if (walkers) {
+      s->live = false;
+      holes.push_back(static_cast<std::size_t>(s - slots.data()));
+    } else {
+      *s = slots.back();
+      slots.pop_back();
+    }
+  }
+  void clear() {
+    if (!walkers) {
+      slots.clear();
+      size = 0;
+    }
+    for (const Slot& s : slots) {
+      if (s.live) erase(s.key);
+    }
+  }
+  void walkEnded() {
+    if (--walkers) return;
+    auto popDead = [&] {
+      while (!slots.empty() && !slots.back().live) slots.pop_back();
+    };
+    for (std::size_t hole : holes) {
+      popDead();
+      if (hole >= slots.size()) continue;
+      slots[hole] = slots.back();
+      slots.pop_back();
+    }
+    popDead();
+    holes.clear();
+  }
+  std::vector<std::pair<int, int>> entries() const {
+    std::vector<std::pair<int, int>> out;
+    for (const Slot& s : slots) {
+      if (s.live) out.emplace_back(s.key, s.value);
+    }
+    return out;
+  }
+};
+
+template <class Map>
+std::vector<std::pair<int, int>> entriesOf(const Map& m) {
+  std::vector<std::pair<int, int>> out;
+  for (auto [k, v] : m.walk()) out.emplace_back(k, v);
+  return out;
+}
+
+// Hashes that crowd keys onto a few hundred homes: long runs of occupied cells that straddle the
+// migration cursor and wrap round the end of the table.
+struct CrowdedHashes {
+  std::size_t operator()(int k) const { return static_cast<std::size_t>(k % 251); }
+};
+
+struct MigrationEvents {
+  int migrations = 0;
+  int erasesWhileCopying = 0;
+  int holesFilledWhileMigrating = 0;
+  int clearsWhileMigrating = 0;
+};
+
+// Grows a map to a few thousand entries and back to none through random inserts, erases and
+// walks that erase, add and clear as they go, comparing it with SlotOrder at every step: the
+// size and lookups always, the whole walk order every few steps and whenever a migration of the
+// index starts or ends.
+template <class Hash>
+void growAndShrinkAgainstSlotOrder(unsigned seed, MigrationEvents& seen) {
+  Kiv::HashMap<int, int, Hash> m;
+  SlotOrder ref;
+  std::mt19937 rng(seed);
+  auto key = [&] { return static_cast<int>(rng() % 12000); };
+  auto agree = [&](int k) {
+    const int* a = m.find(k);
+    const SlotOrder::Slot* b = ref.find(k);
+    return a ? b && *a == b->value : !b;
+  };
+  using Probe = Kiv::CollectionProbe;
+  bool wasMigrating = false;
+  std::size_t cells = 0;
+  for (int step = 0, grow = 1; grow || m.size(); ++step) {
+    if (m.size() > 4000) grow = 0;
+    int k = key();
+    unsigned what = rng() % 100;
+    const bool migrating = Probe::migrating(m);
+    if (rng() % (migrating ? 8 : 1024) == 0) {
+      // A walk, often left early (and always while the index migrates, which its erases push
+      // on): it must hand out exactly the live slots it started with that are still live when
+      // it reaches them, in slot order, while its body changes the map.
+      const bool clears = migrating && rng() % 32 == 0;
+      const std::size_t end = ref.slots.size();
+      const std::size_t stop = migrating ? rng() % 64 : rng() % 2 ? end : rng() % 300;
+      std::size_t at = 0, visited = 0;
+      ++ref.walkers;
+      {
+        auto walk = m.walk();
+        for (auto [wk, wv] : walk) {
+          while (at < end && !ref.slots[at].live) ++at;
+          ASSERT_LT(at, end);
+          ASSERT_EQ(wk, ref.slots[at].key);
+          ASSERT_EQ(wv, ref.slots[at].value);
+          ++at;
+          if (++visited > stop) break;
+          if (rng() % 4 == 0) {
+            m.erase(wk);
+            ref.erase(wk);
+          }
+          if (rng() % 16 == 0) {
+            int other = key();
+            m.erase(other);
+            ref.erase(other);
+          }
+          if (rng() % 16 == 0) {
+            int added = key();
+            m.put(added, step);
+            ref.put(added, step);
+          }
+          if (clears && visited == 10) {
+            if (Probe::migrating(m)) ++seen.clearsWhileMigrating;
+            m.clear();
+            ref.clear();
+            for (int i = 0; i < 40; ++i) {
+              int added = key();
+              m.put(added, -i);
+              ref.put(added, -i);
+            }
+          }
+        }
+        if (visited <= stop) {
+          while (at < end && !ref.slots[at].live) ++at;
+          ASSERT_EQ(at, end);
+        }
+        if (Probe::migrating(m) && !ref.holes.empty()) ++seen.holesFilledWhileMigrating;
+      }
+      ref.walkEnded();
+    } else if (what < (grow ? 70u : 30u)) {
+      m.put(k, step);
+      ref.put(k, step);
+    } else {
+      if (!grow) k = ref.slots[rng() % ref.slots.size()].key;  // shrinking: one that is there
+      if (Probe::copying(m)) ++seen.erasesWhileCopying;
+      ASSERT_EQ(m.erase(k), ref.find(k) != nullptr);
+      ref.erase(k);
+    }
+    ASSERT_EQ(m.size(), ref.size);
+    ASSERT_TRUE(agree(k)) << k;
+    ASSERT_TRUE(agree(key()));
+    if (Probe::cells(m) > cells && cells) ++seen.migrations;
+    if (step % 16 == 0 || Probe::migrating(m) != wasMigrating) {
+      ASSERT_EQ(entriesOf(m), ref.entries()) << "step " << step;
+      ASSERT_EQ(Probe::indexFault(m), "") << "step " << step;
+      for (auto [rk, rv] : ref.entries()) ASSERT_TRUE(m.contains(rk)) << rk;
+    }
+    wasMigrating = Probe::migrating(m);
+    cells = Probe::cells(m);
+  }
+  EXPECT_EQ(Probe::slotsAllocated(m), 0u);  // emptied: everything given back
+  EXPECT_EQ(Probe::cells(m), 0u);
+}
+
+TEST(KivHashMap, GrowsThroughIndexMigrationsKeepingWalkOrderAndLookups) {
+  MigrationEvents spread, crowded;
+  growAndShrinkAgainstSlotOrder<std::hash<int>>(11, spread);
+  growAndShrinkAgainstSlotOrder<CrowdedHashes>(12, crowded);
+  // Each run went through every table size from 16 to 8192 cells, and hit the cases where the
+  // old and new tables must be kept in step.
+  for (const MigrationEvents* e : {&spread, &crowded}) {
+    EXPECT_GE(e->migrations, 9);
+    EXPECT_GT(e->erasesWhileCopying, 0);
+    EXPECT_GT(e->holesFilledWhileMigrating, 0);
+  }
+  EXPECT_GT(spread.clearsWhileMigrating + crowded.clearsWhileMigrating, 0);
+}
+
+// A value that counts how often it is moved: what a change of the map costs in moved entries.
+struct Counted {
+  static inline std::size_t moves = 0;
+  int v = 0;
+  Counted() = default;
+  explicit Counted(int x) : v(x) {}
+  Counted(const Counted&) = default;
+  Counted& operator=(const Counted&) = default;
+  Counted(Counted&& o) noexcept : v(o.v) { ++moves; }
+  Counted& operator=(Counted&& o) noexcept {
+    v = o.v;
+    ++moves;
+    return *this;
+  }
+  bool operator==(const Counted&) const = default;
+};
+
+TEST(KivHashMap, NoChangeMovesMoreThanABoundedNumberOfEntriesOnTheWayToAMillion) {
+  using Probe = Kiv::CollectionProbe;
+  Kiv::HashMap<int, Counted> m;
+  constexpr int kMillion = 1 << 20;
+  std::size_t worst = 0;
+  int migrationStart = -1;
+  std::size_t migrationCells = 0;
+  for (int k = 0; k < kMillion; ++k) {
+    Counted::moves = 0;
+    m.put(k, Counted(k));
+    worst = std::max(worst, Counted::moves);
+    // Past the first page (1024 slots) slots never move again; before it, the first page's
+    // doubling moves at most half a page.
+    if (k >= 1024) {
+      ASSERT_EQ(Counted::moves, 0u) << k;
+    }
+    // The index: the old table never fuller than 3/4, and a migration from C cells to 2C takes
+    // exactly one step per insert: 2C/64 clearing the new table, C/16 copying into it.
+    std::size_t cells = Probe::cells(m);
+    if (cells) {
+      ASSERT_LE(m.size() * 4, cells * 3) << k;
+    }
+    if (Probe::migrating(m) && migrationStart < 0) {
+      migrationStart = k;
+      migrationCells = cells;
+    } else if (!Probe::migrating(m) && migrationStart >= 0) {
+      ASSERT_EQ(cells, migrationCells * 2);
+      std::size_t steps = std::max<std::size_t>(migrationCells / 32, 1) + migrationCells / 16;
+      ASSERT_EQ(std::size_t(k - migrationStart + 1), steps) << migrationCells;
+      migrationStart = -1;
+    }
+  }
+  EXPECT_EQ(worst, 512u);
+  EXPECT_EQ(Probe::cells(m), std::size_t(1) << 21);
+
+  // A walk that removes a third of the map: it moves nothing while it runs, and its end moves at
+  // most one entry per removal (the last live slot into each hole).
+  std::size_t removed = 0;
+  {
+    auto walk = m.walk();
+    Counted::moves = 0;
+    for (auto [k, v] : walk) {
+      if (k % 3) continue;
+      m.erase(k);
+      ++removed;
+    }
+    ASSERT_EQ(Counted::moves, 2 * removed);  // each removed value, out and reset
+    Counted::moves = 0;
+  }
+  EXPECT_LE(Counted::moves, removed);
+  EXPECT_EQ(m.size(), std::size_t(kMillion) - removed);
+
+  // Emptying: one entry moved per erase beside the erased value itself, pages given back as the
+  // map shrinks (keeping one spare), everything given back at the end.
+  for (int k = 0; k < kMillion; ++k) {
+    Counted::moves = 0;
+    m.erase(k);
+    ASSERT_LE(Counted::moves, 2u) << k;
+    std::size_t pages = (m.size() + 1023) / 1024 + 1;
+    if (!m.empty()) {
+      ASSERT_LE(Probe::slotsAllocated(m), std::max<std::size_t>(pages, 2) * 1024);
+    }
+  }
+  EXPECT_EQ(Probe::slotsAllocated(m), 0u);
+  EXPECT_EQ(Probe::cells(m), 0u);
 }
 
 TEST(KivHashMap, PutReportsWhatChanged) {
