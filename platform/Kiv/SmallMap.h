@@ -265,8 +265,8 @@ class SmallMap {
     if (o.heap_) {
       heap_ = std::move(o.heap_);
       capLog_ = o.capLog_;
-    } else {
-      std::move(o.slots(), o.slots() + o.used_, slots());
+    } else if constexpr (N > 0) {
+      std::move(o.inline_.begin(), o.inline_.begin() + o.used_, inline_.begin());
     }
     used_ = o.used_;
     live_ = o.live_;
