@@ -25,15 +25,19 @@
 #include "Quil/IntfId.h"
 
 // Names the machine's per-pair port status and its parked pairs for the functions below.
-#define OBA_PORT_PROGRAMMING(status, parked)                               \
- public:                                                                   \
-  auto portStatus(const ::Oba::IntfVlanKey& k) const { return status(k); } \
-  auto portStatusIs(const ::Oba::IntfVlanKey& k) { return status##Is(k); } \
-  void portStatusDel(const ::Oba::IntfVlanKey& k) { status##Del(k); }      \
-  void portParkedIs(const ::Oba::IntfVlanKey& k) { parked##Is(k, true); }  \
-  void portParkedDel(const ::Oba::IntfVlanKey& k) { parked##Del(k); }      \
-  auto portParkedWalk() const { return parked##Walk(); }                   \
-                                                                           \
+#define OBA_PORT_PROGRAMMING(status, parked)                                       \
+ public:                                                                           \
+  auto portStatus(const ::Oba::IntfVlanKey& k) const { return status(k); }         \
+  bool portStatusHas(const ::Oba::IntfVlanKey& k) const { return status##Has(k); } \
+  template <class F>                                                               \
+  decltype(auto) portStatusEdit(const ::Oba::IntfVlanKey& k, F&& f) {              \
+    return status##Edit(k, f);                                                     \
+  }                                                                                \
+  void portStatusDel(const ::Oba::IntfVlanKey& k) { status##Del(k); }              \
+  void portParkedIs(const ::Oba::IntfVlanKey& k) { parked##Is(k, true); }          \
+  void portParkedDel(const ::Oba::IntfVlanKey& k) { parked##Del(k); }              \
+  auto portParkedWalk() const { return parked##Walk(); }                           \
+                                                                                   \
  public:
 
 namespace Oba {
@@ -69,9 +73,13 @@ void programLagPorts(Sm& sm, Quil::IntfId intf, Bridging::VlanId vlan, const Kiv
   }
   IntfVlanKey key(intf, vlan);
   sm.portParkedDel(key);  // every member is tried again below
-  if (auto status = sm.portStatus(key)) {
-    status->unprogrammedDelAll();
-    for (auto [port, member] : status->programmedWalk()) {
+  if (sm.portStatusHas(key)) {
+    // The ports programmed now, as the status holds them before any member is unprogrammed.
+    auto programmed = sm.portStatusEdit(key, [](IntfVlanStatus& status) {
+      status.unprogrammedDelAll();
+      return status;
+    });
+    for (auto [port, member] : programmed.programmedWalk()) {
       if (members->has(port)) continue;
       OBA_TRACE5(th, "stale lag member, delete");
       unprogramPort(port);
@@ -86,22 +94,28 @@ void programLagPorts(Sm& sm, Quil::IntfId intf, Bridging::VlanId vlan, const Kiv
 template <class Sm, class Create>
 void programPort(Sm& sm, const IntfVlanKey& key, Quil::IntfId phy, const Kiv::TraceHandle& th,
                  const PortProgrammingTexts& texts, Create create) {
-  auto status = sm.portStatusIs(key);
-  if (status->programmedHas(phy)) {
+  bool already = false;
+  bool refused = false;
+  sm.portStatusEdit(key, [&](IntfVlanStatus& status) {
+    already = status.programmedHas(phy);
+    if (already) return;
+    status.unprogrammedDel(phy);
+    refused = status.unprogrammeds() != 0;
+  });
+  if (already) {
     OBA_TRACE5(th, "already programmed");
     return;
   }
-  status->unprogrammedDel(phy);
-  if (!status->unprogrammeds()) sm.portParkedDel(key);
+  if (!refused) sm.portParkedDel(key);
   switch (create()) {
     case HwProgrammingStatus::programmed:
       OBA_TRACE5(th, texts.programmed);
-      status->programmedIs(phy, true);
+      sm.portStatusEdit(key, [&](IntfVlanStatus& status) { status.programmedIs(phy, true); });
       break;
     case HwProgrammingStatus::notProgrammed:
       OBA_TRACE5(th, texts.notProgrammed);
       sm.portParkedIs(key);
-      status->unprogrammedIs(phy, true);
+      sm.portStatusEdit(key, [&](IntfVlanStatus& status) { status.unprogrammedIs(phy, true); });
       sm.maybeScheduleUnprogrammedReview(false);
       break;
     case HwProgrammingStatus::invalidHwId:
@@ -119,7 +133,7 @@ template <class Sm, class UnprogramPort>
 bool unprogramPorts(Sm& sm, const IntfVlanKey& key, const Kiv::TraceHandle& th,
                     UnprogramPort unprogramPort) {
   sm.portParkedDel(key);
-  auto status = sm.portStatus(key);
+  auto status = sm.portStatus(key);  // a copy: the walk below changes the pair's row
   if (!status) {
     OBA_TRACE5(th, "not programmed");
     return false;
@@ -134,17 +148,20 @@ bool unprogramPorts(Sm& sm, const IntfVlanKey& key, const Kiv::TraceHandle& th,
 template <class Sm, class Destroy>
 bool unprogramPort(Sm& sm, const IntfVlanKey& key, Quil::IntfId phy, const Kiv::TraceHandle& th,
                    Destroy destroy) {
-  auto status = sm.portStatus(key);
-  if (!status) {
+  if (!sm.portStatusHas(key)) {
     OBA_TRACE5(th, "not programmed");
     return false;
   }
-  status->unprogrammedDel(phy);
-  if (!status->programmedHas(phy)) {
+  bool programmed = sm.portStatusEdit(key, [&](IntfVlanStatus& status) {
+    status.unprogrammedDel(phy);
+    bool had = status.programmedHas(phy);
+    status.programmedDel(phy);
+    return had;
+  });
+  if (!programmed) {
     OBA_TRACE5(th, "not programmed");
     return false;
   }
-  status->programmedDel(phy);
   destroy();
   return true;
 }

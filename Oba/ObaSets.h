@@ -42,13 +42,21 @@ class IntfTunnelVlanSet : public Kiv::PtrInterface {
   KIV_COLLECTION(vlanId, Bridging::VlanId, bool)
 };
 
-// Per (logical interface, VLAN): the physical ports programmed, and those the chip refused.
-class IntfVlanStatus : public Kiv::PtrInterface {
+// Per (logical interface, VLAN): the physical ports programmed, and those the chip refused. A
+// machine keeps one per pair it programs, hundreds of thousands at fabric scale, so it is a value
+// held in the machine's row for the pair, with its ports inside it: a LAG has a few members,
+// and the chip refuses a port seldom.
+class IntfVlanStatus {
  public:
   explicit IntfVlanStatus(const IntfVlanKey& intfVlanKey) : intfVlanKey_(intfVlanKey) {}
-  KIV_KEY(intfVlanKey, IntfVlanKey)
-  KIV_COLLECTION(programmed, Quil::IntfId, bool)
-  KIV_COLLECTION(unprogrammed, Quil::IntfId, bool)
+  const IntfVlanKey& intfVlanKey() const { return intfVlanKey_; }
+  const IntfVlanKey& fwkKey() const { return intfVlanKey_; }
+  bool operator==(const IntfVlanStatus&) const = default;
+  KIV_SMALL_COLLECTION(programmed, Quil::IntfId, bool, 2)
+  KIV_SMALL_COLLECTION(unprogrammed, Quil::IntfId, bool, 0)
+
+ private:
+  IntfVlanKey intfVlanKey_;
 };
 
 }  // namespace Oba

@@ -98,11 +98,12 @@ class OBA_EXPORT EvpnFloodingDot1qSm : public Kiv::PtrInterface {
   MOX_TASK_REACTOR(reviewIntfVlan, KivReviewIntfVlan)
 
   // Internal state.
-  KIV_CHILD_COLLECTION(intfVlanSet, Quil::IntfId, IntfVlanSet)        // VLANs of a member
-  KIV_CHILD_COLLECTION(vlanIntfSet, Bridging::VlanId, VlanIntfSet)    // and their members
-  KIV_COLLECTION(intfVlanDot1q, IntfVlanKey, Bridging::VlanIdOrNone)  // the tag in use
-  KIV_CHILD_COLLECTION(dot1qStatus, IntfVlanKey, IntfVlanStatus)      // ports programmed or refused
-  KIV_ORDERED_COLLECTION(unprogrammedDot1q, IntfVlanKey, bool)        // pairs with a refused port
+  KIV_CHILD_COLLECTION(intfVlanSet, Quil::IntfId, IntfVlanSet)         // VLANs of a member
+  KIV_CHILD_COLLECTION(vlanIntfSet, Bridging::VlanId, VlanIntfSet)     // and their members
+  KIV_ROWS(pair, IntfVlanKey, Bridging::VlanIdOrNone, IntfVlanStatus)  // one row per pair:
+  KIV_ROW_COLLECTION(intfVlanDot1q, pair, 0)                           //   the tag in use
+  KIV_ROW_CHILD_COLLECTION(dot1qStatus, pair, 1)                //   its ports programmed or refused
+  KIV_ORDERED_COLLECTION(unprogrammedDot1q, IntfVlanKey, bool)  // pairs with a refused port
   OBA_PORT_PROGRAMMING(dot1qStatus, unprogrammedDot1q)
   KIV_ORDERED_COLLECTION(intfVlanQueue, IntfVlanKey, bool)  // pairs waiting for a decision
   KIV_SCALAR(initialized, bool, false)

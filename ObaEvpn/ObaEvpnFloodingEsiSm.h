@@ -89,14 +89,15 @@ class OBA_EXPORT EvpnFloodingEsiSm : public Kiv::PtrInterface {
   MOX_TASK_REACTOR(reviewUnprogrammed, KivReviewUnprogrammed)
 
   // Internal state.
+  KIV_ROWS(pair, IntfVlanKey, TunnelId, IntfVlanStatus)  // one row per (interface, VLAN) pair:
+  KIV_ROW_COLLECTION(intfVlanTunnel, pair, 0)            //   the DF tunnel of the pair
+  KIV_ROW_CHILD_COLLECTION(esiStatus, pair, 1)           //   its ports programmed or refused
   KIV_CHILD_COLLECTION(intfVlanSet, Quil::IntfId, IntfVlanSet)      // candidate VLANs of a segment
   KIV_CHILD_COLLECTION(vlanIntfSet, Bridging::VlanId, VlanIntfSet)  // and their segments
-  KIV_COLLECTION(intfVlanTunnel, IntfVlanKey, TunnelId)             // the DF tunnel of a pair
   KIV_CHILD_COLLECTION(tunnelIntfVlanSet, TunnelId, TunnelIntfVlanSet)  // the users of a tunnel
   KIV_CHILD_COLLECTION(intfTunnelVlanSet, IntfTunnelKey, IntfTunnelVlanSet)  // per segment too
   KIV_COLLECTION(intfVlanTunnelLabel, IntfVlanTunnelKey, Quil::MplsLabel)    // remote ESI label
-  KIV_CHILD_COLLECTION(esiStatus, IntfVlanKey, IntfVlanStatus)  // ports programmed or refused
-  KIV_ORDERED_COLLECTION(unprogrammedEsi, IntfVlanKey, bool)    // pairs with a refused port
+  KIV_ORDERED_COLLECTION(unprogrammedEsi, IntfVlanKey, bool)  // pairs with a refused port
   OBA_PORT_PROGRAMMING(esiStatus, unprogrammedEsi)
   KIV_SCALAR(initialized, bool, false)
   KIV_SCALAR(defaultUnprogrammedRetryInterval, double, unprogrammedRetryIntervalDefault)

@@ -13,22 +13,22 @@
 //   MoveAll     every pair's designated forwarder moves to the next candidate
 //   WithdrawAll every designated forwarder is withdrawn (restored, untimed, between iterations)
 //   MoveOne     one pair's designated forwarder moves, in the full world; pairs spread over it
-// Each phase first runs once with the chip digesting its calls, on the machines and on the floor,
-// and fails unless both gave the chip the same multiset of calls. Figures per phase:
-//   pairs/s         input changes (pairs) handled per second by the machines
-//   floor_pairs/s   the same for the floor;  x_floor  machine time over floor time
-//   B/pair          live bytes of machine state per pair (floor_B/pair: the floor's)
-//   allocs/pair     allocations per pair during the phase, machines and their input writes
-//   max_us          the longest single synchronous handling of one input change, or scheduler run
-//   p99_us          MoveOne only: the 99th percentile of one move (the longest is often the OS)
+// Each phase first runs once watched, with the chip digesting its calls, on the machines and on
+// the floor, and fails unless both gave the chip the same multiset of calls; the timed iterations
+// follow. The schedulers run with the 1 ms time slice an agent has. Figures per phase
+// (BenchFigures.h): pairs/s and floor_pairs/s, x_floor, B/pair and floor_B/pair (state per pair),
+// allocs/pair and floor_allocs/pair (per pair changed; MoveOne: per move), max_cpu_us and
+// p99_cpu_us (the machines' handlings of one input change, and their task runs, on the CPU
+// clock), and for ColdStart sync_start_ms (the longer of the two machines' constructions).
 //
 //   build/default/bench/df_churn --benchmark_filter=segments:13/         # 1/10 scale, seconds
 //   build/default/bench/df_churn                                         # both scales
 //   build/default/bench/df_churn --df_check_only --benchmark_min_time=0 # equivalence only
 //   build/default/bench/df_churn --df_world=64,1000,256                  # another world
 //
-// Memory is counted by the replaced global operator new/delete below (usable bytes of each block),
-// not from the process size. The figures and their reading are in docs/performance.md.
+// Memory is counted by the replaced global operator new/delete of CountingAllocator.h (usable
+// bytes of each block), not from the process size. The figures and their reading are in
+// docs/performance.md.
 
 #include <benchmark/benchmark.h>
 
@@ -40,12 +40,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "BenchArgs.h"
+#include "BenchFigures.h"
 #include "Evpn/EvpnStatus.h"
 #include "Kiv/Clock.h"
 #include "Mox/TaskScheduler.h"
@@ -54,8 +54,6 @@
 #include "Oba/TunnelIdToHwTunnelIdMapping.h"
 #include "ObaEvpn/ObaEvpnFloodingEsiSm.h"
 #include "ObaEvpn/ObaEvpnHwTunnelIdSm.h"
-
-#include "CountingAllocator.h"
 
 namespace {
 
@@ -249,6 +247,7 @@ class MachineSide {
         acsd_(new Oba::ObaCommonSmData),
         mapping_(new Oba::TunnelIdToHwTunnelIdMapping("tunnelIdToHwTunnelId")),
         scheduler_(Mox::TaskScheduler::TaskSchedulerIs(new Kiv::VirtualClock)) {
+    scheduler_->timeSliceIs(Bench::kTimeSlice);  // what an agent's scheduler has
     for (int s = 0; s < f.shape().segments; ++s) {
       auto ess = evpn_->segmentStatusIs(f.lag(s));
       segments_.push_back(ess);
@@ -263,12 +262,15 @@ class MachineSide {
 
   ChipLedger& ledger() { return chip_.ledger; }
 
+  Mox::TaskScheduler& scheduler() { return *scheduler_; }
+
   // The publisher of the id mapping first: the flooding machine then finds every id published.
-  template <class Watch>
-  void machinesIs(Watch& watch) {
-    watch(
+  // `build` runs each machine's construction (to time it).
+  template <class Build>
+  void machinesIs(Build&& build) {
+    build(
         [&] { hw_ = Oba::evpnHwTunnelIdSmFactory(chip_.ids, scheduler_, acsd_, evpn_, mapping_); });
-    watch([&] {
+    build([&] {
       flooding_ = Oba::evpnFloodingEsiSmFactory(chip_.esi, scheduler_, acsd_, evpn_, mapping_);
     });
   }
@@ -422,41 +424,28 @@ class FloorSide {
 };
 
 // ---- phases -------------------------------------------------------------------------------------
-
-// Runs the work and, when timing, keeps the longest single run.
-struct NoWatch {
-  template <class F>
-  void operator()(F&& f) {
-    f();
-  }
-};
-struct MaxWatch {
-  double longest = 0;
-  template <class F>
-  void operator()(F&& f) {
-    auto t0 = Stopwatch::now();
-    f();
-    longest = std::max(longest, secondsBetween(t0, Stopwatch::now()));
-  }
-};
+// A handling is one input change with what the machines did about it at once; the task runs that
+// follow in settle() are timed by the scheduler. `watch` null: nothing timed.
 
 // Every pair elected as after `moves` moves; a pair already there is no change.
-template <class Side, class Watch>
-void electAll(Side& side, const Fabric& f, int moves, Watch& watch) {
+template <class Side>
+void electAll(Side& side, const Fabric& f, int moves, Bench::Durations* watch) {
   const Shape& sh = f.shape();
   for (int s = 0; s < sh.segments; ++s) {
-    for (int v = 1; v <= sh.vlans; ++v) watch([&] { side.dfIs(s, v, f.forwarder(s, v, moves)); });
+    for (int v = 1; v <= sh.vlans; ++v) {
+      Bench::handling(watch, [&] { side.dfIs(s, v, f.forwarder(s, v, moves)); });
+    }
   }
-  watch([&] { side.settle(); });
+  side.settle();
 }
 
-template <class Side, class Watch>
-void withdrawAll(Side& side, const Fabric& f, Watch& watch) {
+template <class Side>
+void withdrawAll(Side& side, const Fabric& f, Bench::Durations* watch) {
   const Shape& sh = f.shape();
   for (int s = 0; s < sh.segments; ++s) {
-    for (int v = 1; v <= sh.vlans; ++v) watch([&] { side.dfDel(s, v); });
+    for (int v = 1; v <= sh.vlans; ++v) Bench::handling(watch, [&] { side.dfDel(s, v); });
   }
-  watch([&] { side.settle(); });
+  side.settle();
 }
 
 // The pairs MoveOne moves, spread over the world: the i-th move is pair (i * stride) mod pairs.
@@ -482,45 +471,19 @@ class MoveSequence {
   std::size_t i_ = 0;
 };
 
-// What a phase reports.
-struct Figures {
-  double machineSeconds = 0;
-  double floorSeconds = 0;
-  double pairsHandled = 0;  // per side, over the timed iterations
-  double longest = 0;
-  double machineBytes = 0;
-  double floorBytes = 0;
-  double machineAllocations = 0;  // during the checked run
-  double pairsChecked = 0;
-
-  // Times one iteration of a phase on the machines (the benchmark's own time), then the same
-  // changes on the floor.
-  template <class Machines, class Floor>
-  void timeBoth(benchmark::State& state, double pairs, Machines machines, Floor floor) {
-    auto t0 = Stopwatch::now();
-    machines();
-    auto t1 = Stopwatch::now();
-    floor();
-    auto t2 = Stopwatch::now();
-    state.SetIterationTime(secondsBetween(t0, t1));
-    machineSeconds += secondsBetween(t0, t1);
-    floorSeconds += secondsBetween(t1, t2);
-    pairsHandled += pairs;
-  }
-
-  void publish(benchmark::State& state, const Fabric& f) const {
-    double pairs = double(f.pairs());
-    if (machineSeconds > 0) {
-      state.counters["pairs/s"] = pairsHandled / machineSeconds;
-      state.counters["floor_pairs/s"] = pairsHandled / floorSeconds;
-      state.counters["x_floor"] = machineSeconds / floorSeconds;
-    }
-    state.counters["B/pair"] = machineBytes / pairs;
-    state.counters["floor_B/pair"] = floorBytes / pairs;
-    state.counters["allocs/pair"] = machineAllocations / pairsChecked;
-    state.counters["max_us"] = longest * 1e6;
-  }
-};
+// Times one iteration of a phase on the machines (the benchmark's own time), then the same
+// changes on the floor.
+template <class Machines, class Floor>
+void timeBoth(benchmark::State& state, Bench::Figures& fig, double pairs, Machines machines,
+              Floor floor) {
+  auto t0 = Stopwatch::now();
+  machines();
+  auto t1 = Stopwatch::now();
+  floor();
+  auto t2 = Stopwatch::now();
+  state.SetIterationTime(secondsBetween(t0, t1));
+  fig.timed(secondsBetween(t0, t1), secondsBetween(t1, t2), pairs);
+}
 
 // Fails the benchmark, and the program, unless both sides gave their chip the same calls.
 bool sameCalls(benchmark::State& state, const ChipLedger& machine, const ChipLedger& floor) {
@@ -540,37 +503,31 @@ Fabric fabricOf(const benchmark::State& state) {
   return Fabric(Shape{int(state.range(0)), int(state.range(1)), int(state.range(2))});
 }
 
-// Builds the machines; returns their live bytes.
-std::size_t buildMachines(MachineSide& m, MaxWatch& watch) {
-  std::size_t before = gLiveBytes;
-  m.machinesIs(watch);
-  m.settle();
-  return gLiveBytes - before;
-}
-std::size_t buildFloor(FloorSide& fl, const Fabric& f) {
-  std::size_t before = gLiveBytes;
-  NoWatch none;
-  electAll(fl, f, 0, none);
-  return gLiveBytes - before;
-}
+// Each machine's construction as it is: nothing timed.
+constexpr auto justBuild = [](auto&& make) { make(); };
 
 void BM_ColdStart(benchmark::State& state) {
   Fabric f = fabricOf(state);
   MachineSide m(f);
   FloorSide fl(f);
-  NoWatch none;
-  electAll(m, f, 0, none);  // the inputs, before any machine exists
-  Figures fig;
+  electAll(m, f, 0, nullptr);  // the inputs, before any machine exists
+  Bench::Figures fig("pair");
+  fig.entries = double(f.pairs());
   {
     m.ledger().restart(true);
     fl.ledger().restart(true);
-    MaxWatch watch;
-    std::uint64_t allocations = gAllocations;
-    fig.machineBytes = double(buildMachines(m, watch));
-    fig.machineAllocations = double(gAllocations - allocations);
-    fig.pairsChecked = double(f.pairs());
-    fig.longest = watch.longest;
-    fig.floorBytes = double(buildFloor(fl, f));
+    Bench::HeapMark heap;
+    {
+      Bench::TaskRunWatch runs(m.scheduler(), fig.handlings);
+      m.machinesIs([&](auto&& make) { fig.construction(make); });
+      m.settle();
+    }
+    fig.machines.bytes = heap.bytesSince();
+    fig.machines.allocations = heap.allocationsSince();
+    Bench::HeapMark floorHeap;
+    electAll(fl, f, 0, nullptr);
+    fig.floor.bytes = floorHeap.bytesSince();
+    fig.floor.allocations = floorHeap.allocationsSince();
     if (!sameCalls(state, m.ledger(), fl.ledger())) return;
     m.ledger().restart(false);
     fl.ledger().restart(false);
@@ -579,51 +536,54 @@ void BM_ColdStart(benchmark::State& state) {
     if (gCheckOnly) continue;
     m.machinesDel();
     fl.floorIs();
-    MaxWatch watch;
-    auto t0 = Stopwatch::now();
-    m.machinesIs(watch);
-    m.settle();
-    auto t1 = Stopwatch::now();
-    electAll(fl, f, 0, none);
-    auto t2 = Stopwatch::now();
-    state.SetIterationTime(secondsBetween(t0, t1));
-    fig.machineSeconds += secondsBetween(t0, t1);
-    fig.floorSeconds += secondsBetween(t1, t2);
-    fig.pairsHandled += double(f.pairs());
-    fig.longest = std::max(fig.longest, watch.longest);
+    timeBoth(
+        state, fig, double(f.pairs()),
+        [&] {
+          m.machinesIs(justBuild);
+          m.settle();
+        },
+        [&] { electAll(fl, f, 0, nullptr); });
   }
-  fig.publish(state, f);
+  fig.publish(state);
 }
 
 // The world in its steady state: inputs, both machines and the floor, every pair elected.
 struct SteadyWorld {
   explicit SteadyWorld(const Fabric& fabric) : f(fabric), m(f), fl(f) {
-    NoWatch none;
-    electAll(m, f, 0, none);
-    MaxWatch watch;
-    machineBytes = buildMachines(m, watch);
-    floorBytes = buildFloor(fl, f);
+    electAll(m, f, 0, nullptr);
+    Bench::HeapMark heap;
+    m.machinesIs(justBuild);
+    m.settle();
+    machineBytes = heap.bytesSince();
+    Bench::HeapMark floorHeap;
+    electAll(fl, f, 0, nullptr);
+    floorBytes = floorHeap.bytesSince();
   }
   const Fabric& f;
   MachineSide m;
   FloorSide fl;
-  std::size_t machineBytes = 0;
-  std::size_t floorBytes = 0;
+  double machineBytes = 0;
+  double floorBytes = 0;
 };
 
-// One checked run of a phase on both sides: the machines timed per change, allocations counted.
+// The phase's figures over the steady world: its state per pair, and the watched run of `phase`
+// on both sides (each change a handling, allocations counted), which must give the same calls.
 template <class Phase>
-bool checkedRun(benchmark::State& state, SteadyWorld& w, Figures& fig, double pairs, Phase phase) {
+bool watchedRun(benchmark::State& state, SteadyWorld& w, Bench::Figures& fig, Phase phase) {
+  fig.entries = double(w.f.pairs());
+  fig.machines.bytes = w.machineBytes;
+  fig.floor.bytes = w.floorBytes;
   w.m.ledger().restart(true);
   w.fl.ledger().restart(true);
-  MaxWatch watch;
-  std::uint64_t allocations = gAllocations;
-  phase(w.m, watch);
-  fig.machineAllocations = double(gAllocations - allocations);
-  fig.pairsChecked = pairs;
-  fig.longest = watch.longest;
-  NoWatch none;
-  phase(w.fl, none);
+  {
+    Bench::TaskRunWatch runs(w.m.scheduler(), fig.handlings);
+    Bench::HeapMark heap;
+    phase(w.m, &fig.handlings);
+    fig.machines.allocations = heap.allocationsSince();
+  }
+  Bench::HeapMark heap;
+  phase(w.fl, nullptr);
+  fig.floor.allocations = heap.allocationsSince();
   bool same = sameCalls(state, w.m.ledger(), w.fl.ledger());
   w.m.ledger().restart(false);
   w.fl.ledger().restart(false);
@@ -633,79 +593,66 @@ bool checkedRun(benchmark::State& state, SteadyWorld& w, Figures& fig, double pa
 void BM_MoveAll(benchmark::State& state) {
   Fabric f = fabricOf(state);
   SteadyWorld w(f);
-  Figures fig{.machineBytes = double(w.machineBytes), .floorBytes = double(w.floorBytes)};
+  Bench::Figures fig("pair");
   int moves = 1;
-  auto phase = [&](auto& side, auto& watch) { electAll(side, f, moves, watch); };
-  if (!checkedRun(state, w, fig, double(f.pairs()), phase)) return;
+  auto phase = [&](auto& side, Bench::Durations* watch) { electAll(side, f, moves, watch); };
+  if (!watchedRun(state, w, fig, phase)) return;
   for (auto _ : state) {
     if (gCheckOnly) continue;
     ++moves;
-    NoWatch none;
-    fig.timeBoth(
-        state, double(f.pairs()), [&] { electAll(w.m, f, moves, none); },
-        [&] { electAll(w.fl, f, moves, none); });
+    timeBoth(
+        state, fig, double(f.pairs()), [&] { electAll(w.m, f, moves, nullptr); },
+        [&] { electAll(w.fl, f, moves, nullptr); });
   }
-  fig.publish(state, f);
+  fig.publish(state);
 }
 
 void BM_WithdrawAll(benchmark::State& state) {
   Fabric f = fabricOf(state);
   SteadyWorld w(f);
-  Figures fig{.machineBytes = double(w.machineBytes), .floorBytes = double(w.floorBytes)};
-  NoWatch none;
-  auto phase = [&](auto& side, auto& watch) { withdrawAll(side, f, watch); };
-  if (!checkedRun(state, w, fig, double(f.pairs()), phase)) return;
+  Bench::Figures fig("pair");
+  auto phase = [&](auto& side, Bench::Durations* watch) { withdrawAll(side, f, watch); };
+  if (!watchedRun(state, w, fig, phase)) return;
   for (auto _ : state) {
     if (gCheckOnly) continue;
-    electAll(w.m, f, 0, none);
-    electAll(w.fl, f, 0, none);
-    fig.timeBoth(
-        state, double(f.pairs()), [&] { withdrawAll(w.m, f, none); },
-        [&] { withdrawAll(w.fl, f, none); });
+    electAll(w.m, f, 0, nullptr);
+    electAll(w.fl, f, 0, nullptr);
+    timeBoth(
+        state, fig, double(f.pairs()), [&] { withdrawAll(w.m, f, nullptr); },
+        [&] { withdrawAll(w.fl, f, nullptr); });
   }
-  fig.publish(state, f);
+  fig.publish(state);
 }
 
+// Allocations are per move (of the 4096 watched), bytes per pair of the world.
 void BM_MoveOne(benchmark::State& state) {
   Fabric f = fabricOf(state);
   SteadyWorld w(f);
-  Figures fig{.machineBytes = double(w.machineBytes), .floorBytes = double(w.floorBytes)};
+  Bench::Figures fig("pair");
   MoveSequence seq(f);
-  constexpr int kChecked = 4096;
-  std::vector<OneMove> checked;
-  for (int i = 0; i < kChecked; ++i) checked.push_back(seq.next());
-  auto phase = [&](auto& side, auto& watch) {
-    for (const OneMove& mv : checked) {
-      watch([&] { side.dfIs(mv.s, mv.v, mv.e); });
-      watch([&] { side.settle(); });
+  constexpr int kWatched = 4096;
+  std::vector<OneMove> watched;
+  for (int i = 0; i < kWatched; ++i) watched.push_back(seq.next());
+  auto phase = [&](auto& side, Bench::Durations* watch) {
+    for (const OneMove& mv : watched) {
+      Bench::handling(watch, [&] { side.dfIs(mv.s, mv.v, mv.e); });
+      side.settle();
     }
   };
-  if (!checkedRun(state, w, fig, double(kChecked), phase)) return;
-  std::vector<double> events;  // each move's time, for the 99th percentile beside the longest
-  events.reserve(std::size_t(state.max_iterations));
+  if (!watchedRun(state, w, fig, phase)) return;
+  fig.watchedEntries = kWatched;
   for (auto _ : state) {
     if (gCheckOnly) continue;
     OneMove mv = seq.next();
-    auto t0 = Stopwatch::now();
-    w.m.dfIs(mv.s, mv.v, mv.e);
-    auto t1 = Stopwatch::now();
-    w.m.settle();
-    auto t2 = Stopwatch::now();
-    w.fl.dfIs(mv.s, mv.v, mv.e);
-    auto t3 = Stopwatch::now();
-    state.SetIterationTime(secondsBetween(t0, t2));
-    fig.machineSeconds += secondsBetween(t0, t2);
-    fig.floorSeconds += secondsBetween(t2, t3);
-    fig.pairsHandled += 1;
-    fig.longest = std::max({fig.longest, secondsBetween(t0, t1), secondsBetween(t1, t2)});
-    events.push_back(secondsBetween(t0, t2));
+    timeBoth(
+        state, fig, 1,
+        [&] {
+          w.m.dfIs(mv.s, mv.v, mv.e);
+          w.m.settle();
+        },
+        [&] { w.fl.dfIs(mv.s, mv.v, mv.e); });
   }
-  fig.publish(state, f);
-  if (!events.empty()) {
-    auto p99 = events.begin() + std::ptrdiff_t(events.size() * 99 / 100);
-    std::nth_element(events.begin(), p99, events.end());
-    state.counters["p99_us"] = *p99 * 1e6;
-  }
+  fig.publish(state);
 }
 
 // "S,V,E" -> a shape; false when malformed.

@@ -5,18 +5,19 @@
 // hand with std::unordered_map.
 //
 // Each benchmark is a cold start: the inputs exist (untimed), the machine is built and its reviews
-// run until the scheduler is idle (timed). Before anything is timed, one run on each side with the
-// chip digesting its calls must give the same multiset of calls, or the program exits 1.
-// Figures:
-//   pairs/s, routes/s   entries handled per second by the machine (floor_/s: the floor's)
+// run until the scheduler is idle (timed). The first run is watched: on each side the chip digests
+// its calls, which must give the same multiset of calls or the program exits 1, and memory,
+// allocations and the machine's task runs (on the CPU clock) are counted; the timed iterations
+// follow. The scheduler runs with the 1 ms time slice an agent has. Figures (BenchFigures.h):
+//   pairs/s, routes/s   entries handled per second by the machine (floor_...: the floor's)
 //   x_floor             machine time over floor time
-//   B/entry             heap bytes of machine state per entry (floor_B/entry: the floor's)
-//   max_run_us          the longest single task run, from its first to its last chip call
+//   B/..., floor_B/...  live bytes of each side's state per entry; allocs/..., floor_allocs/...
+//   max_cpu_us          the longest single task run on the CPU clock; p99_cpu_us over all of them
+//   sync_start_ms       the machine's construction, which walks its inputs, on the CPU clock
 //
 //   build/default/bench/dot1q_decap                         # full scale: 4094 x 128, 100k routes
 //   build/default/bench/dot1q_decap --dd_small --dd_check_only --benchmark_min_time=0
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 
 #include <algorithm>
 #include <chrono>
@@ -26,6 +27,7 @@
 #include <vector>
 
 #include "BenchArgs.h"
+#include "BenchFigures.h"
 #include "Bridging/VlanStatus.h"
 #include "Evpn/EvpnStatus.h"
 #include "Kiv/Clock.h"
@@ -50,27 +52,14 @@ bool gFailed = false;
 double since(Stopwatch::time_point t0) {
   return std::chrono::duration<double>(Stopwatch::now() - t0).count();
 }
-std::size_t heapBytes() { return mallinfo2().uordblks; }
 
-// The chip's record of one side: counts, an order-independent digest of the calls (sum and sum
-// of squares of a hash of each call), and the longest span of calls within one task run.
+// The chip's record of one side: counts, and an order-independent digest of the calls (sum and
+// sum of squares of a hash of each call).
 struct Ledger {
   std::uint64_t creates = 0, deletes = 0, sum = 0, sumOfSquares = 0;
   bool digesting = false;
-  const Mox::TaskScheduler* scheduler = nullptr;  // null on the floor: no task runs
-  std::uint64_t run = ~0ull;
-  Stopwatch::time_point runStart{};
-  double longestRun = 0;
 
   void note(std::uint64_t a, std::uint64_t b, std::uint64_t c) {
-    if (scheduler) {
-      auto now = Stopwatch::now();
-      if (scheduler->runCount() != run) {
-        run = scheduler->runCount();
-        runStart = now;
-      }
-      longestRun = std::max(longestRun, std::chrono::duration<double>(now - runStart).count());
-    }
     if (!digesting) return;
     std::uint64_t h =
         (a * 0x9e3779b97f4a7c15ull) ^ (b * 0xc2b2ae3d27d4eb4full) ^ (c * 0x165667b19e3779f9ull);
@@ -95,19 +84,46 @@ bool checked(benchmark::State& state, const Ledger& m, const Ledger& floor) {
   return false;
 }
 
-struct Figures {
-  double machineSeconds = 0, floorSeconds = 0, entries = 0, machineBytes = 0, floorBytes = 0;
-  double longestRun = 0;
-  void publish(benchmark::State& state, const char* rate, double perRun) {
-    state.counters["B/entry"] = machineBytes / perRun;
-    state.counters["floor_B/entry"] = floorBytes / perRun;
-    state.counters["max_run_us"] = longestRun * 1e6;
-    if (machineSeconds <= 0) return;
-    state.counters[rate] = entries / machineSeconds;
-    state.counters[std::string("floor_") + rate] = entries / floorSeconds;
-    state.counters["x_floor"] = machineSeconds / floorSeconds;
+constexpr auto justBuild = [](auto&& make) { make(); };
+
+// Cold starts on both sides: `inputs()` readies the inputs (untimed), `machine(build)` makes the
+// machine through `build` (its construction), runs its tasks until idle and hands it back,
+// `floor()` does the same work by hand and hands back its state. Both are kept until measured.
+template <class Inputs, class Machine, class FloorWork>
+void coldStarts(benchmark::State& state, Bench::Figures& fig, Mox::TaskScheduler& scheduler,
+                Ledger& mLedger, Ledger& fLedger, Inputs inputs, Machine machine, FloorWork floor) {
+  scheduler.timeSliceIs(Bench::kTimeSlice);
+  mLedger.digesting = fLedger.digesting = true;
+  {
+    inputs();
+    Bench::HeapMark heap;
+    auto sm = [&] {
+      Bench::TaskRunWatch runs(scheduler, fig.handlings);
+      return machine([&](auto&& make) { fig.construction(make); });
+    }();
+    fig.machines.bytes = heap.bytesSince();
+    fig.machines.allocations = heap.allocationsSince();
+    Bench::HeapMark floorHeap;
+    auto kept = floor();
+    fig.floor.bytes = floorHeap.bytesSince();
+    fig.floor.allocations = floorHeap.allocationsSince();
   }
-};
+  if (!checked(state, mLedger, fLedger)) return;
+  mLedger.digesting = fLedger.digesting = false;
+  for (auto _ : state) {
+    if (gCheckOnly) continue;
+    inputs();
+    auto t0 = Stopwatch::now();
+    auto sm = machine(justBuild);
+    const double machineSeconds = since(t0);
+    auto t1 = Stopwatch::now();
+    auto kept = floor();
+    const double floorSeconds = since(t1);
+    state.SetIterationTime(machineSeconds);
+    fig.timed(machineSeconds, floorSeconds, fig.entries);
+  }
+  fig.publish(state);
+}
 
 // ---- dot1q mappings -----------------------------------------------------------------------------
 
@@ -130,8 +146,8 @@ class Dot1qChip : public ObaHelper::EvpnFloodingSmHelper {
 VlanIdOrNone tagOf(int vlan) { return VlanIdOrNone(std::uint16_t(4095 - vlan)); }
 
 // The floor: what the VLANs call for, programmed pair by pair from a plain map.
-void dot1qFloor(int vlans, int ports, Dot1qChip& chip,
-                std::unordered_map<std::uint64_t, VlanIdOrNone>& programmed) {
+std::unordered_map<std::uint64_t, VlanIdOrNone> dot1qFloor(int vlans, int ports, Dot1qChip& chip) {
+  std::unordered_map<std::uint64_t, VlanIdOrNone> programmed;
   for (int v = 1; v <= vlans; ++v) {
     for (int p = 1; p <= ports; ++p) {
       IntfId port = IntfId::ethernet(p);
@@ -139,6 +155,7 @@ void dot1qFloor(int vlans, int ports, Dot1qChip& chip,
       if (fresh) chip.createVlanToDot1qMapping(port, VlanId(v), tagOf(v));
     }
   }
+  return programmed;
 }
 
 void BM_Dot1qColdStart(benchmark::State& state) {
@@ -154,39 +171,21 @@ void BM_Dot1qColdStart(benchmark::State& state) {
     auto vs = dir->vlanStatusIs(VlanId(v));
     for (int p = 1; p <= ports; ++p) vs->vlanPortStatusIs(IntfId::ethernet(p), true);
   }
-  Ledger mLedger{.scheduler = scheduler.ptr()}, fLedger;
+  Ledger mLedger, fLedger;
   Kiv::Ptr<Dot1qChip> mChip = new Dot1qChip(mLedger), fChip = new Dot1qChip(fLedger);
-  Figures fig;
-  auto run = [&](Figures* timed) {
-    std::size_t before = heapBytes();
-    auto t0 = Stopwatch::now();
-    auto sm = Oba::evpnFloodingDot1qSmFactory(mChip, scheduler, acsd, evpn, config, dir);
-    scheduler->advanceBy(Oba::intfVlanDelayDefault);
-    double machine = since(t0);
-    fig.machineBytes = double(heapBytes() - before);
-    std::unordered_map<std::uint64_t, VlanIdOrNone> programmed;
-    before = heapBytes();
-    auto t1 = Stopwatch::now();
-    dot1qFloor(vlans, ports, *fChip, programmed);
-    double floor = since(t1);
-    fig.floorBytes = double(heapBytes() - before);
-    if (timed) {
-      timed->machineSeconds += machine;
-      timed->floorSeconds += floor;
-      timed->entries += double(vlans) * ports;
-      state.SetIterationTime(machine);
-    }
-  };
-  mLedger.digesting = fLedger.digesting = true;
-  run(nullptr);
-  if (!checked(state, mLedger, fLedger)) return;
-  mLedger.digesting = fLedger.digesting = false;
-  for (auto _ : state) {
-    if (gCheckOnly) continue;
-    run(&fig);
-  }
-  fig.longestRun = mLedger.longestRun;
-  fig.publish(state, "pairs/s", double(vlans) * ports);
+  Bench::Figures fig("pair");
+  fig.entries = double(vlans) * ports;
+  coldStarts(
+      state, fig, *scheduler, mLedger, fLedger, [] {},
+      [&](auto&& build) {
+        Kiv::Ptr<Oba::EvpnFloodingDot1qSm> sm;
+        build([&] {
+          sm = Oba::evpnFloodingDot1qSmFactory(mChip, scheduler, acsd, evpn, config, dir);
+        });
+        scheduler->advanceBy(Oba::intfVlanDelayDefault);
+        return sm;
+      },
+      [&] { return dot1qFloor(vlans, ports, *fChip); });
 }
 
 // ---- decapsulation port maps --------------------------------------------------------------------
@@ -209,17 +208,22 @@ class DecapChip : public ObaHelper::EsiFilteringDecapHelper {
 constexpr std::uint32_t kFirstLabel = 100000;
 
 // The floor: the backlog's routes looked up and programmed, one interface per route.
-void decapFloor(const Mpls::LfibStatus& lfib, const std::vector<Mpls::RouteKey>& backlog,
-                DecapChip& chip, std::unordered_map<std::uint32_t, IntfId>& routeIntf,
-                std::unordered_map<std::uint64_t, std::uint32_t>& intfRoute) {
+struct DecapFloor {
+  std::unordered_map<std::uint32_t, IntfId> routeIntf;
+  std::unordered_map<std::uint64_t, std::uint32_t> intfRoute;
+};
+DecapFloor decapFloor(const Mpls::LfibStatus& lfib, const std::vector<Mpls::RouteKey>& backlog,
+                      DecapChip& chip) {
+  DecapFloor floor;
   for (const Mpls::RouteKey& key : backlog) {
     auto route = lfib.route(key);
     auto viaSet = lfib.viaSet(route->viaSetKey);
     auto via = lfib.evpnEthernetSegmentFilterVia(viaSet->viaKey);
-    if (!intfRoute.try_emplace(via->intfId.value(), key.topLabel().value()).second) continue;
-    routeIntf.emplace(key.topLabel().value(), via->intfId);
+    if (!floor.intfRoute.try_emplace(via->intfId.value(), key.topLabel().value()).second) continue;
+    floor.routeIntf.emplace(key.topLabel().value(), via->intfId);
     chip.createEsiPortMap(key.topLabel(), via->intfId);
   }
+  return floor;
 }
 
 void BM_DecapColdStart(benchmark::State& state) {
@@ -239,43 +243,22 @@ void BM_DecapColdStart(benchmark::State& state) {
     lfib->routeIs(key, {key, vs});
     backlog.push_back(key);
   }
-  Ledger mLedger{.scheduler = scheduler.ptr()}, fLedger;
+  Ledger mLedger, fLedger;
   Kiv::Ptr<DecapChip> mChip = new DecapChip(mLedger), fChip = new DecapChip(fLedger);
-  Figures fig;
-  auto run = [&](Figures* timed) {
-    for (const auto& key : backlog) tracking->routeKeyBacklogIs(key, true);  // the MPLS agent
-    std::size_t before = heapBytes();
-    auto t0 = Stopwatch::now();
-    Kiv::Ptr<Oba::EsiFilteringDecapSm> sm =
-        Oba::esiFilteringDecapSmFactory(mChip, scheduler, lfib, tracking, hw);
-    scheduler->runDue();
-    while (!scheduler->idle()) scheduler->runDue();
-    double machine = since(t0);
-    fig.machineBytes = double(heapBytes() - before);
-    std::unordered_map<std::uint32_t, IntfId> routeIntf;
-    std::unordered_map<std::uint64_t, std::uint32_t> intfRoute;
-    before = heapBytes();
-    auto t1 = Stopwatch::now();
-    decapFloor(*lfib, backlog, *fChip, routeIntf, intfRoute);
-    double floor = since(t1);
-    fig.floorBytes = double(heapBytes() - before);
-    if (timed) {
-      timed->machineSeconds += machine;
-      timed->floorSeconds += floor;
-      timed->entries += routes;
-      state.SetIterationTime(machine);
-    }
-  };
-  mLedger.digesting = fLedger.digesting = true;
-  run(nullptr);
-  if (!checked(state, mLedger, fLedger)) return;
-  mLedger.digesting = fLedger.digesting = false;
-  for (auto _ : state) {
-    if (gCheckOnly) continue;
-    run(&fig);
-  }
-  fig.longestRun = mLedger.longestRun;
-  fig.publish(state, "routes/s", routes);
+  Bench::Figures fig("route");
+  fig.entries = routes;
+  coldStarts(
+      state, fig, *scheduler, mLedger, fLedger,
+      [&] {
+        for (const auto& key : backlog) tracking->routeKeyBacklogIs(key, true);  // the MPLS agent
+      },
+      [&](auto&& build) {
+        Kiv::Ptr<Oba::EsiFilteringDecapSm> sm;
+        build([&] { sm = Oba::esiFilteringDecapSmFactory(mChip, scheduler, lfib, tracking, hw); });
+        while (!scheduler->idle()) scheduler->runDue();
+        return sm;
+      },
+      [&] { return decapFloor(*lfib, backlog, *fChip); });
 }
 
 }  // namespace

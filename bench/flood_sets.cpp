@@ -12,33 +12,36 @@
 //              answers what each VLAN asked for before the next VLAN comes
 //   HwIdStorm  the chip gives every FEC a new hardware id; every member is rewritten, the new
 //              value added before the old one goes, and the chip reports on both
-// Each phase first checks that the machines and the floor left the chip the same requests, the
-// same flood lists and the same sequence of member additions and removals, then reports:
-//   members/s       flood-list members handled per second by the machines (the chip's own work
-//                   is in both sides' time); floor_members/s the same for the floor
-//   x_floor         machine time over floor time
-//   B/member        ColdStart: live bytes of the machines, their outputs (the filtered flood
-//                   sets included) and the chip's state, per member; floor_B/member the same
-//   max_handling_us the longest single handling: one RIB write or one chip write with everything
-//                   it set off
+// Each phase runs twice over. The watched run checks that the machines and the floor left the chip
+// the same requests, the same flood lists and the same sequence of member additions and removals,
+// counts memory and allocations, and times every handling of the machines (one RIB write or one
+// chip write with everything it set off) on the CPU clock; the timed run then times each side's
+// whole phase on the CPU clock (the chip's own work is in both). Figures (BenchFigures.h):
+//   members/s, floor_members/s   flood-list members handled per second; x_floor their ratio
+//   B/member, floor_B/member     live bytes of the machines, their outputs (the filtered flood
+//                                sets included) and the chip's state, less the RIB's own, per
+//                                member; the floor's the same (HwIdStorm: the state it starts from)
+//   allocs/member, floor_...     allocations per member in the watched run, less the RIB's own
+//   max_cpu_us, p99_cpu_us       the longest handling, the 99th percentile over all of them
+//   max_handling_at_member       the RIB member being handled when the longest came
+//   sync_start_ms                ColdStart: the longest of the three machines' constructions
+// No scheduler runs here: the machines act on each write as it comes.
 //
 //   build/default/bench/flood_sets                                 # full scale: 4094 x 64
 //   build/default/bench/flood_sets --fs_world=64,8,16              # another world
 //   build/default/bench/flood_sets --fs_check_only --fs_world=...  # equivalence only, no timing
-//   build/default/bench/flood_sets --fs_cpu_handlings              # handlings on the CPU clock
 
 #include <benchmark/benchmark.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <deque>
 #include <memory>
 #include <unordered_map>
 #include <vector>
 
 #include "BenchArgs.h"
+#include "BenchFigures.h"
 #include "Kiv/Clock.h"
 #include "L2Rib/FloodSet.h"
 #include "Mox/TimerWheel.h"
@@ -48,8 +51,6 @@
 #include "ObaEvpn/ObaEvpnFloodSetFecSm.h"
 #include "ObaEvpn/ObaEvpnVlanFloodSetFilterSm.h"
 #include "ObaEvpn/ObaEvpnVlanFloodSetSm.h"
-
-#include "CountingAllocator.h"
 
 namespace {
 
@@ -61,9 +62,6 @@ using TunnelId = Tunnel::TunnelTable::TunnelId;
 
 bool gCheckOnly = false;
 bool gFailed = false;
-// Every handling timed on the thread's CPU clock: the longest handling without preemption, at
-// the price of a system call per handling (so the rates of such a run are not the ones to quote).
-bool gCpuHandlings = false;
 
 struct Shape {
   std::uint32_t vlans = 4094, pes = 64, labels = 4094;
@@ -73,40 +71,22 @@ Shape gShape;
 
 const Quil::EthAddr kBcast = Quil::EthAddr::broadcast();
 
-// A phase's time is this thread's CPU time: the benchmark shares its cores with other work. That
-// clock is a system call, too dear for every handling, which is timed on the monotonic clock
-// (a handling preempted halfway counts the other work as its own: see max_handling_at_member).
-struct Stopwatch {
-  using time_point = double;
-  static double now() {
-    timespec ts;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return double(ts.tv_sec) + double(ts.tv_nsec) * 1e-9;
-  }
-};
-double since(double t) { return Stopwatch::now() - t; }
-using Wall = std::chrono::steady_clock;
+// A phase's time is this thread's CPU time: the benchmark shares its cores with other work.
+double since(double t) { return Bench::cpuNow() - t; }
 
-// The longest single handling seen, which RIB member was being handled when it came (the count
-// of RIB writes so far), and its timer.
-double gLongest = 0;
+// The watched run's handlings (null in timed runs), which RIB member is being handled (the count
+// of RIB writes so far), and at which the longest handling came.
+Bench::Durations* gWatch = nullptr;
 std::uint64_t gRibWrites = 0, gLongestAt = 0;
 template <class F>
 void timed(F f) {
-  double d;
-  if (gCpuHandlings) {
-    double t = Stopwatch::now();
+  if (!gWatch) {
     f();
-    d = since(t);
-  } else {
-    auto t = Wall::now();
-    f();
-    d = std::chrono::duration<double>(Wall::now() - t).count();
+    return;
   }
-  if (d > gLongest) {
-    gLongest = d;
-    gLongestAt = gRibWrites;
-  }
+  const double longest = gWatch->longest();
+  Bench::handling(gWatch, f);
+  if (gWatch->longest() > longest) gLongestAt = gRibWrites;
 }
 
 TunnelId tunnelOf(std::uint32_t pe) { return TunnelId((1ull << 32) | (pe + 1)); }
@@ -242,12 +222,23 @@ struct MachineSide {
   Kiv::Ptr<Oba::EvpnFloodSetFecSm> fecSm;
   Kiv::Ptr<Oba::EvpnVlanFloodSetSm> vlanSm;
 
+  // `build` runs each machine's construction (to time it).
+  template <class Build>
+  void start(Build&& build) {
+    build([&] {
+      filter = Oba::vlanFloodSetFilterSmFactory(L2Rib::destTypeMpls_, rib.floodSets, mplsFloodSets);
+    });
+    build([&] {
+      fecSm = Oba::evpnFloodSetFecSmFactory(mplsFloodSets, rib.tunnels, chip.hwStatus, chip.request,
+                                            chip.response, hwInfo, wheel);
+    });
+    build([&] {
+      vlanSm = Oba::evpnVlanFloodSetSmFactory(mplsFloodSets, rib.tunnels, hwInfo, chip.hwConfig,
+                                              chip.hwStatus);
+    });
+  }
   void start() {
-    filter = Oba::vlanFloodSetFilterSmFactory(L2Rib::destTypeMpls_, rib.floodSets, mplsFloodSets);
-    fecSm = Oba::evpnFloodSetFecSmFactory(mplsFloodSets, rib.tunnels, chip.hwStatus, chip.request,
-                                          chip.response, hwInfo, wheel);
-    vlanSm = Oba::evpnVlanFloodSetSmFactory(mplsFloodSets, rib.tunnels, hwInfo, chip.hwConfig,
-                                            chip.hwStatus);
+    start([](auto&& make) { make(); });
   }
   void coldStart() {
     for (std::uint32_t v = 0; v < gShape.vlans; ++v) {
@@ -347,71 +338,101 @@ bool sameWrites(benchmark::State& state, const Chip& m, const Chip& f) {
   return same;
 }
 
-bool checkedRates(benchmark::State& state, const Chip& m, const Chip& f, double machine,
-                  double floor) {
-  if (!sameWrites(state, m, f)) return false;
-  state.SetIterationTime(machine);
-  if (gCheckOnly) return false;
-  state.counters["members/s"] = double(gShape.members()) / machine;
-  state.counters["floor_members/s"] = double(gShape.members()) / floor;
-  state.counters["x_floor"] = machine / floor;
-  return true;
-}
+// The RIB's own share of the heap, to be taken off both sides': its flood sets filled without
+// anyone watching.
+struct RibShare {
+  double bytes = 0, allocations = 0;
+  RibShare() {
+    Bench::HeapMark heap;
+    Rib alone;
+    for (std::uint32_t v = 0; v < gShape.vlans; ++v) alone.fillVlan(v, [](auto, auto) {});
+    bytes = heap.bytesSince();
+    allocations = heap.allocationsSince();
+  }
+};
 
 void BM_ColdStart(benchmark::State& state) {
   for (auto _ : state) {
-    // The RIB's own share, to be taken off: its flood sets filled without anyone watching.
-    std::size_t before = gLiveBytes;
-    double ribBytes;
+    const RibShare rib;
+    Bench::Figures fig("member");
+    fig.entries = double(gShape.members());
     {
-      Rib alone;
-      for (std::uint32_t v = 0; v < gShape.vlans; ++v) alone.fillVlan(v, [](auto, auto) {});
-      ribBytes = double(gLiveBytes - before);
+      Bench::HeapMark heap;
+      auto m = std::make_unique<MachineSide>();
+      m->start([&](auto&& make) { fig.construction(make); });
+      gRibWrites = 0;
+      gWatch = &fig.handlings;
+      m->coldStart();
+      gWatch = nullptr;
+      fig.machines.bytes = heap.bytesSince() - rib.bytes;
+      fig.machines.allocations = heap.allocationsSince() - rib.allocations;
+      Bench::HeapMark floorHeap;
+      auto f = std::make_unique<Floor>();
+      f->coldStart();
+      fig.floor.bytes = floorHeap.bytesSince() - rib.bytes;
+      fig.floor.allocations = floorHeap.allocationsSince() - rib.allocations;
+      if (!sameWrites(state, m->chip, f->chip)) continue;
     }
-    before = gLiveBytes;
+    state.SetIterationTime(0);
+    if (gCheckOnly) continue;
     auto m = std::make_unique<MachineSide>();
     m->start();
-    gLongest = 0;
-    gRibWrites = 0;
-    auto t = Stopwatch::now();
+    auto t = Bench::cpuNow();
     m->coldStart();
-    double machine = since(t);
-    double longest = gLongest;
-    std::uint64_t longestAt = gLongestAt;
-    double bytes = double(gLiveBytes - before) - ribBytes;
-    before = gLiveBytes;
+    const double machine = since(t);
     auto f = std::make_unique<Floor>();
-    t = Stopwatch::now();
+    t = Bench::cpuNow();
     f->coldStart();
-    double floor = since(t);
-    double floorBytes = double(gLiveBytes - before) - ribBytes;
-    if (!checkedRates(state, m->chip, f->chip, machine, floor)) continue;
-    state.counters["B/member"] = bytes / double(gShape.members());
-    state.counters["floor_B/member"] = floorBytes / double(gShape.members());
-    state.counters["max_handling_us"] = longest * 1e6;
-    state.counters["max_handling_at_member"] = double(longestAt);
+    const double floor = since(t);
+    if (!sameWrites(state, m->chip, f->chip)) continue;
+    state.SetIterationTime(machine);
+    fig.timed(machine, floor, double(gShape.members()));
+    fig.publish(state);
+    state.counters["max_handling_at_member"] = double(gLongestAt);
   }
 }
 
+// Every FEC renumbered and drained: the watched storm, then the timed one.
 void BM_HwIdStorm(benchmark::State& state) {
   for (auto _ : state) {
+    const RibShare rib;
+    Bench::Figures fig("member");
+    fig.entries = double(gShape.members());
+    Bench::HeapMark heap;
     auto m = std::make_unique<MachineSide>();
     m->start();
     m->coldStart();
+    fig.machines.bytes = heap.bytesSince() - rib.bytes;
+    Bench::HeapMark floorHeap;
     auto f = std::make_unique<Floor>();
     f->coldStart();
-    gLongest = 0;
-    auto t = Stopwatch::now();
+    fig.floor.bytes = floorHeap.bytesSince() - rib.bytes;
+    gRibWrites = 0;
+    gWatch = &fig.handlings;
+    Bench::HeapMark stormHeap;
     m->chip.renumberAll();
     m->chip.drain();
-    double machine = since(t);
-    double longest = gLongest;
-    t = Stopwatch::now();
+    fig.machines.allocations = stormHeap.allocationsSince();
+    gWatch = nullptr;
+    Bench::HeapMark floorStormHeap;
     f->chip.renumberAll();
     f->chip.drain();
-    double floor = since(t);
-    if (!checkedRates(state, m->chip, f->chip, machine, floor)) continue;
-    state.counters["max_handling_us"] = longest * 1e6;
+    fig.floor.allocations = floorStormHeap.allocationsSince();
+    if (!sameWrites(state, m->chip, f->chip)) continue;
+    state.SetIterationTime(0);
+    if (gCheckOnly) continue;
+    auto t = Bench::cpuNow();
+    m->chip.renumberAll();
+    m->chip.drain();
+    const double machine = since(t);
+    t = Bench::cpuNow();
+    f->chip.renumberAll();
+    f->chip.drain();
+    const double floor = since(t);
+    if (!sameWrites(state, m->chip, f->chip)) continue;
+    state.SetIterationTime(machine);
+    fig.timed(machine, floor, double(gShape.members()));
+    fig.publish(state);
   }
 }
 
@@ -421,8 +442,6 @@ int main(int argc, char** argv) {
   const bool ok = Bench::initialize(argc, argv, [](const char* a) {
     if (std::strcmp(a, "--fs_check_only") == 0) {
       gCheckOnly = true;
-    } else if (std::strcmp(a, "--fs_cpu_handlings") == 0) {
-      gCpuHandlings = true;
     } else if (std::strncmp(a, "--fs_world=", 11) == 0) {
       Shape& s = gShape;
       if (std::sscanf(a + 11, "%u,%u,%u", &s.vlans, &s.pes, &s.labels) != 3 || !s.vlans ||

@@ -8,12 +8,17 @@
 // Phases, one benchmark each:
 //   ColdStart  the machine made over the full tables, drained by its review task
 //   HostMove   every host moves to the next label (a storm of host changes), handled as they come
-// Each phase first checks that the machine and the floor published the same requests (per RIB
-// object: its FEC's vias, and whether its hardware id is requested), then reports:
-//   hosts/s        hosts handled per second by the machine;  floor_hosts/s  the same for the floor
-//   x_floor        machine time over floor time
-//   B/host         live bytes of the machine's state and of the requests it published, per host
-//   max_task_us    ColdStart: the longest single run of the review task
+// Each phase checks that the machine and the floor published the same requests (per RIB object:
+// its FEC's vias, and whether its hardware id is requested). The scheduler runs with the 1 ms time
+// slice an agent has. Figures (BenchFigures.h): hosts/s and floor_hosts/s, x_floor, B/host and
+// floor_B/host (live bytes of each side's state and the requests it published, per host),
+// allocs/host and floor_allocs/host, max_cpu_us and p99_cpu_us (ColdStart: the machine's task
+// runs; HostMove: its handling of each host change; on the CPU clock), and for ColdStart
+// sync_start_ms (the machine's construction, which queues every RIB object for the review).
+//
+// ColdStart's work is all task runs, timed one by one at no cost that shows, so its one run is
+// both watched and timed. HostMove's changes are handled as they come: a storm to the next label
+// is watched (each handling timed on the CPU clock), then one to the label after is timed.
 //
 //   build/default/bench/mac_fec                                    # full scale: 1M hosts
 //   build/default/bench/mac_fec --mac_world=10000,1000,40,10       # another world
@@ -28,14 +33,13 @@
 #include <vector>
 
 #include "BenchArgs.h"
+#include "BenchFigures.h"
 #include "Kiv/Clock.h"
 #include "L2Rib/RibOutputs.h"
 #include "Mox/TaskScheduler.h"
 #include "Mox/TimerWheel.h"
 #include "Oba/ObaFecRecords.h"
 #include "ObaEvpn/ObaMacAddrFecRequestSm.h"
-
-#include "CountingAllocator.h"
 
 namespace {
 
@@ -147,18 +151,14 @@ struct MachineSide {
   Kiv::Ptr<Oba::FecIdToHwFecIdRequest> request = new Oba::FecIdToHwFecIdRequest("request");
   Kiv::Ptr<Oba::ObjTupleToHwId> result = new Oba::ObjTupleToHwId("result");
   Kiv::Ptr<Oba::ObaMacAddrFecRequestSm> sm;
-  double longestRun = 0;
 
+  MachineSide() { scheduler->timeSliceIs(Bench::kTimeSlice); }  // what an agent's has
   void start(const Rib& rib) {
     sm = Oba::obaMacAddrFecRequestSmFactory(rib.labels, rib.lbs, rib.dests, rib.hosts, response,
                                             request, result, wheel, scheduler);
   }
   void drain() {
-    while (!sm->backLogQsDrained()) {
-      auto t = Stopwatch::now();
-      scheduler->advanceBy(sm->reviewInterval());
-      longestRun = std::max(longestRun, since(t));
-    }
+    while (!sm->backLogQsDrained()) scheduler->advanceBy(sm->reviewInterval());
   }
 };
 
@@ -183,36 +183,47 @@ bool sameRequests(benchmark::State& state, const MachineSide& m, const Floor& f)
   return same;
 }
 
-// After the equivalence check: the iteration's time and, unless only checking, the rates. Answers
-// whether the phase goes on to report its own figures.
-bool checkedRates(benchmark::State& state, const MachineSide& m, const Floor& f, double machine,
-                  double floor) {
-  if (!sameRequests(state, m, f)) return false;
-  state.SetIterationTime(machine);
-  if (gCheckOnly) return false;
-  state.counters["hosts/s"] = gShape.hosts / machine;
-  state.counters["floor_hosts/s"] = gShape.hosts / floor;
-  state.counters["x_floor"] = machine / floor;
-  return true;
+// Every host to `shift` labels on from its first; on the floor each change is handled at once.
+void storm(Rib& rib, std::uint32_t shift, Bench::Durations* watch) {
+  for (std::uint32_t h = 0; h < gShape.hosts; ++h) {
+    Bench::handling(watch, [&] { rib.hostIs(h, (h + shift) % gShape.labels); });
+  }
+}
+void storm(Rib& rib, Floor& f, std::uint32_t shift) {
+  for (std::uint32_t h = 0; h < gShape.hosts; ++h) {
+    rib.hostIs(h, (h + shift) % gShape.labels);
+    f.host(hostKey(h));
+  }
 }
 
 void BM_ColdStart(benchmark::State& state) {
   for (auto _ : state) {
     Rib rib(gShape);
     MachineSide m;
-    std::size_t before = gLiveBytes;
+    Bench::Figures fig("host");
+    fig.entries = gShape.hosts;
+    Bench::HeapMark heap;
     auto t = Stopwatch::now();
-    m.start(rib);
-    m.drain();
-    double machine = since(t);
-    double bytes = double(gLiveBytes - before);
+    {
+      Bench::TaskRunWatch runs(*m.scheduler, fig.handlings);
+      fig.construction([&] { m.start(rib); });
+      m.drain();
+    }
+    const double machine = since(t);
+    fig.machines.bytes = heap.bytesSince();
+    fig.machines.allocations = heap.allocationsSince();
     Floor f(rib);
+    Bench::HeapMark floorHeap;
     t = Stopwatch::now();
     for (auto&& e : rib.hosts->hostWalk()) f.host(e.key);
-    double floor = since(t);
-    if (!checkedRates(state, m, f, machine, floor)) continue;
-    state.counters["B/host"] = bytes / gShape.hosts;
-    state.counters["max_task_us"] = m.longestRun * 1e6;
+    const double floor = since(t);
+    fig.floor.bytes = floorHeap.bytesSince();
+    fig.floor.allocations = floorHeap.allocationsSince();
+    if (!sameRequests(state, m, f)) continue;
+    state.SetIterationTime(machine);
+    if (gCheckOnly) continue;
+    fig.timed(machine, floor, gShape.hosts);
+    fig.publish(state);
   }
 }
 
@@ -220,20 +231,37 @@ void BM_HostMove(benchmark::State& state) {
   for (auto _ : state) {
     Rib rib(gShape), floorRib(gShape);
     MachineSide m;
+    Bench::Figures fig("host");
+    fig.entries = gShape.hosts;
+    Bench::HeapMark heap;
     m.start(rib);
     m.drain();
+    fig.machines.bytes = heap.bytesSince();
     Floor f(floorRib);
+    Bench::HeapMark floorHeap;
     for (auto&& e : floorRib.hosts->hostWalk()) f.host(e.key);
-    auto t = Stopwatch::now();
-    for (std::uint32_t h = 0; h < gShape.hosts; ++h) rib.hostIs(h, (h + 1) % gShape.labels);
-    double machine = since(t);
-    t = Stopwatch::now();
-    for (std::uint32_t h = 0; h < gShape.hosts; ++h) {
-      floorRib.hostIs(h, (h + 1) % gShape.labels);
-      f.host(hostKey(h));
+    fig.floor.bytes = floorHeap.bytesSince();
+    Bench::HeapMark moved;  // no task runs: the machine handles each change as it comes
+    storm(rib, 1, &fig.handlings);
+    fig.machines.allocations = moved.allocationsSince();
+    Bench::HeapMark floorMoved;
+    storm(floorRib, f, 1);
+    fig.floor.allocations = floorMoved.allocationsSince();
+    if (!sameRequests(state, m, f)) continue;
+    if (gCheckOnly) {
+      state.SetIterationTime(0);
+      continue;
     }
-    double floor = since(t);
-    if (!checkedRates(state, m, f, machine, floor)) continue;
+    auto t = Stopwatch::now();
+    storm(rib, 2, nullptr);
+    const double machine = since(t);
+    t = Stopwatch::now();
+    storm(floorRib, f, 2);
+    const double floor = since(t);
+    if (!sameRequests(state, m, f)) continue;
+    state.SetIterationTime(machine);
+    fig.timed(machine, floor, gShape.hosts);
+    fig.publish(state);
   }
 }
 

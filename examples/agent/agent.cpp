@@ -250,7 +250,7 @@ class Agent {
   void reconcileEsiData() {
     std::set<ChipFlooding::PortVlan> held;
     for (auto [key, status] : floodingEsiSm->esiStatusWalk()) {
-      for (auto [port, programmed] : status->programmedWalk()) held.emplace(port, key.vlanId());
+      for (auto [port, programmed] : status.programmedWalk()) held.emplace(port, key.vlanId());
     }
     std::vector<ChipFlooding::PortVlan> left;
     for (const auto& [key, hw] : chipFlooding->esiData) {

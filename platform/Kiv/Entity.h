@@ -47,6 +47,8 @@
 #include "Kiv/Assert.h"
 #include "Kiv/Collection.h"
 #include "Kiv/Ptr.h"
+#include "Kiv/Rows.h"
+#include "Kiv/SmallMap.h"
 
 namespace Kiv {
 
@@ -177,25 +179,35 @@ class Entity : public PtrInterface, public Notifier<Self> {};
                                               \
  public:
 
-// Read side and removal, shared by every collection kind.
-#define KIV_COLLECTION_COMMON_(attr, K, ...)                                                     \
- public:                                                                                         \
-  auto attr(const K& k) const { return ::Kiv::lookup(attr##_, k); }                              \
-  bool attr##Has(const K& k) const { return attr##_.contains(k); }                               \
-  std::size_t attr##s() const { return attr##_.size(); }                                         \
-  typename __VA_ARGS__::Walk attr##Walk() const { return attr##_.walk(::Kiv::keepAlive(this)); } \
-  void attr##Del(const K& k) {                                                                   \
-    if (attr##_.erase(k)) attr##Changed_(k);                                                     \
-  }                                                                                              \
-  void attr##DelAll() {                                                                          \
-    for (auto&& kivE : attr##_.walk(::Kiv::keepAlive(this))) attr##Del(kivE.key);                \
-  }                                                                                              \
-  void attr##Notify(const K& k) { attr##Changed_(k); }                                           \
-                                                                                                 \
- private:                                                                                        \
-  __VA_ARGS__ attr##_;                                                                           \
-                                                                                                 \
+// Read side and removal, shared by every collection kind, over the storage expression S; `keep`
+// is what a walk holds to keep the owner alive (nothing for an owner that is not counted).
+#define KIV_COLLECTION_ACCESSORS_(attr, K, S, keep)                        \
+ public:                                                                   \
+  auto attr(const K& k) const { return ::Kiv::lookup(S, k); }              \
+  bool attr##Has(const K& k) const { return S.contains(k); }               \
+  std::size_t attr##s() const { return S.size(); }                         \
+  auto attr##Walk() const->decltype(S.walk(keep)) { return S.walk(keep); } \
+  void attr##Del(const K& k) {                                             \
+    if (S.erase(k)) attr##Changed_(k);                                     \
+  }                                                                        \
+  void attr##DelAll() {                                                    \
+    for (auto&& kivE : S.walk(keep)) attr##Del(kivE.key);                  \
+  }                                                                        \
+  void attr##Notify(const K& k) { attr##Changed_(k); }                     \
+                                                                           \
  public:
+
+#define KIV_VALUE_ACCESSORS_(attr, K, V, S, keep)              \
+  KIV_COLLECTION_ACCESSORS_(attr, K, S, keep)                  \
+  void attr##Is(const K& k, const V& v) {                      \
+    if (S.put(k, v) != ::Kiv::Change::none) attr##Changed_(k); \
+  }
+
+// A collection stored in a member of its own.
+#define KIV_COLLECTION_COMMON_(attr, K, ...) \
+ private:                                    \
+  __VA_ARGS__ attr##_;                       \
+  KIV_COLLECTION_ACCESSORS_(attr, K, attr##_, ::Kiv::keepAlive(this))
 
 #define KIV_VALUE_COLLECTION_(attr, K, V, ...)                       \
   KIV_COLLECTION_COMMON_(attr, K, __VA_ARGS__)                       \
@@ -236,6 +248,48 @@ class Entity : public PtrInterface, public Notifier<Self> {};
 #define KIV_CHILD_COLLECTION(attr, K, C) \
   KIV_UNWATCHED_(attr, K)                \
   KIV_CHILD_COLLECTION_(attr, K, C, ::Kiv::HashMap<K, ::Kiv::Ptr<C>>)
+
+// A plain collection of a few entries held inside its owner (Kiv/SmallMap.h): the per-key sets
+// that a machine keeps by the hundred thousand. The owner may be a value that is not counted.
+#define KIV_SMALL_COLLECTION(attr, K, V, N) \
+  KIV_UNWATCHED_(attr, K)                   \
+ private:                                   \
+  ::Kiv::SmallMap<K, V, N> attr##_;         \
+  KIV_VALUE_ACCESSORS_(attr, K, V, attr##_, nullptr)
+
+// Collections keyed alike, stored together (Kiv/Rows.h): KIV_ROWS declares the rows and their
+// field types once; each field then gets the accessor family of a plain collection under its own
+// name. A field whose type is a value child (a set kept per key, held in the row itself rather
+// than as a counted entity) has xIs(k), which makes the child when absent and answers a copy,
+// and xEdit(k, f), which makes it when absent and runs f on it in place (f must not change the
+// rows); lookups and walks hand out copies.
+#define KIV_ROWS(rows, K, ...)                           \
+ public:                                                 \
+  using rows##Rows_ = ::Kiv::Rows<K, __VA_ARGS__>;       \
+  std::size_t rows##s() const { return rows##_.size(); } \
+                                                         \
+ private:                                                \
+  rows##Rows_ rows##_;                                   \
+                                                         \
+ public:
+#define KIV_ROW_COLLECTION(attr, rows, I)                                                        \
+  KIV_UNWATCHED_(attr, typename rows##Rows_::Key)                                                \
+  KIV_VALUE_ACCESSORS_(attr, typename rows##Rows_::Key,                                          \
+                       typename rows##Rows_::template FieldType<I>, rows##_.template field<I>(), \
+                       ::Kiv::keepAlive(this))
+#define KIV_ROW_CHILD_COLLECTION(attr, rows, I)                                              \
+  KIV_UNWATCHED_(attr, typename rows##Rows_::Key)                                            \
+  KIV_COLLECTION_ACCESSORS_(attr, typename rows##Rows_::Key, rows##_.template field<I>(),    \
+                            ::Kiv::keepAlive(this))                                          \
+  template <class F>                                                                         \
+  decltype(auto) attr##Edit(const typename rows##Rows_::Key& k, F&& f) {                     \
+    using kivC = typename rows##Rows_::template FieldType<I>;                                \
+    return f(*rows##_.template field<I>().findOrMake(k, [&] { return kivC(k); }).first);     \
+  }                                                                                          \
+  typename rows##Rows_::template FieldType<I> attr##Is(const typename rows##Rows_::Key& k) { \
+    using kivC = typename rows##Rows_::template FieldType<I>;                                \
+    return *rows##_.template field<I>().findOrMake(k, [&] { return kivC(k); }).first;        \
+  }
 
 // Watched collections of an entity derived from Kiv::Entity<Self>.
 #define KIV_WATCHED_COLLECTION(attr, Attr, K, V) \

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <ctime>
 #include <thread>
 #include <utility>
 
@@ -16,11 +17,20 @@ namespace Mox {
 
 namespace {
 Kiv::TraceHandle th("MoxTaskScheduler");
+
+// The calling thread's CPU time: a system call, not a vDSO read, so read twice per run only.
+Kiv::Seconds threadCpuNow() {
+  timespec ts;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+  return Kiv::Seconds(ts.tv_sec) + Kiv::Seconds(ts.tv_nsec) * 1e-9;
+}
 }  // namespace
 
 TaskScheduler::TaskScheduler(Kiv::Ptr<Kiv::Clock> clock)
     : clock_(std::move(clock)), virtualClock_(dynamic_cast<Kiv::VirtualClock*>(clock_.ptr())) {
   KIV_ASSERT(clock_);
+  timeSliceIs(clockIsVirtual() ? 0 : defaultTimeSlice);
+  runCpuTimed_ = !clockIsVirtual();
 }
 
 Kiv::Ptr<TaskScheduler> TaskScheduler::TaskSchedulerIs(Kiv::Ptr<Kiv::Clock> clock) {
@@ -32,12 +42,33 @@ std::optional<Kiv::Seconds> TaskScheduler::nextDueTime() const {
   return queue_.begin()->due;
 }
 
+void TaskScheduler::timeSliceIs(Kiv::Seconds slice) {
+  KIV_ASSERT(slice >= 0 && slice <= 3600);
+  timeSlice_ = slice;
+  slice_ = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+      std::chrono::duration<double>(slice));
+}
+
+void TaskScheduler::runCpuTimedIs(bool timed) {
+  runCpuTimed_ = timed;
+  // Turned on inside a run: that run is timed from here.
+  if (timed) runStartCpu_ = threadCpuNow();
+}
+
 bool TaskScheduler::taskShouldYield() const {
-  return forceYield_ || (running_ && running_->workCount_ >= workBudget_);
+  return forceYield_ || (running_ && taskShouldYield(*running_));
 }
 
 bool TaskScheduler::taskShouldYield(const TimerTask& task) const {
-  return forceYield_ || task.workCount_ >= workBudget_;
+  if (forceYield_ || task.workCount_ >= workBudget_) return true;
+  return &task == running_ && sliceSpent();
+}
+
+bool TaskScheduler::sliceSpent() const {
+  if (sliceSpent_) return true;
+  if (slice_.count() == 0 || ++yieldCalls_ % sliceCheckEvery != 0) return false;
+  sliceSpent_ = std::chrono::steady_clock::now() - runStart_ >= slice_;
+  return sliceSpent_;
 }
 
 void TaskScheduler::schedule(TimerTask* task, Kiv::Seconds due) {
@@ -78,6 +109,8 @@ void TaskScheduler::runFirst() {
   ++task->runCount_;
   ++runCount_;
   KIV_TRACE(th, 8, "run " << task->name_ << " at " << now());
+  yieldCalls_ = 0;
+  sliceSpent_ = false;
   // The notifiee may destroy itself or the task: neither is touched after the call. A run that
   // throws still ends the run, so the scheduler can be used (or torn down) after it.
   struct Running {
@@ -85,6 +118,24 @@ void TaskScheduler::runFirst() {
     ~Running() { running = nullptr; }
   } guard{running_ = task};
   if (TimerTask::Notifiee* notifiee = task->notifiee_) notifiee->onTaskRun();
+  // The end of this run is the start of the next one in the pass.
+  const auto end = std::chrono::steady_clock::now();
+  const Kiv::Seconds steady = std::chrono::duration<double>(end - runStart_).count();
+  runStart_ = end;
+  Kiv::Seconds cpu = 0;
+  if (runCpuTimed_) {
+    const Kiv::Seconds cpuEnd = threadCpuNow();
+    cpu = cpuEnd - runStartCpu_;
+    runStartCpu_ = cpuEnd;
+  }
+  longestRun_ = std::max(longestRun_, steady);
+  longestRunCpu_ = std::max(longestRunCpu_, cpu);
+  if (runObserver_) runObserver_(steady, cpu);
+}
+
+void TaskScheduler::runStartIs() {
+  runStart_ = std::chrono::steady_clock::now();
+  if (runCpuTimed_) runStartCpu_ = threadCpuNow();
 }
 
 std::size_t TaskScheduler::runPass(Kiv::Seconds t) {
@@ -100,6 +151,7 @@ std::size_t TaskScheduler::runPass(Kiv::Seconds t) {
       KIV_QTRACE_VALUE(th, "pass stopped at run bound", runs);
       break;
     }
+    if (runs == 0) runStartIs();  // later runs start where the one before ended
     runFirst();
     ++runs;
   }

@@ -19,11 +19,23 @@
 //
 // Long work yields: a task counts its work with TimerTask::taskWorkCountInc() and, once
 // taskShouldYield() answers true, reschedules itself and returns, so that other tasks get a turn.
+// It answers true once the run has counted the work budget, or once the run has lasted the time
+// slice (on the steady clock, from the start of the run), whichever comes first. The slice starts
+// at 1 ms over a real clock and off over a virtual one: a test or a simulation must run the same
+// way on a loaded machine as on a quiet one, so there only the count decides unless the slice is
+// set (docs/decisions.md).
+//
+// Each task run is timed on the steady clock, and on the thread's CPU clock where asked, for the
+// longest run seen and for an observer that wants every run's length. Runs in one pass follow one
+// another, so one read of each clock per run does: a run starts where the one before it ended.
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "Kiv/Clock.h"
@@ -40,6 +52,13 @@ class TaskScheduler : public Kiv::PtrInterface {
   // task stays due for the next pass.
   static constexpr std::size_t maxRunsPerPass = 1'000'000;
   static constexpr std::uint64_t defaultWorkBudget = 1000;
+  // The time slice over a real clock. A review counts one unit per key at some 3 to 5 us a key, so
+  // the work budget alone lets a run last several milliseconds.
+  static constexpr Kiv::Seconds defaultTimeSlice = 0.001;
+  // taskShouldYield() reads the steady clock on every this many calls in a run, not on each: the
+  // read costs some tens of nanoseconds against units of microseconds, and a run overshoots its
+  // slice by at most this many units less one.
+  static constexpr std::uint32_t sliceCheckEvery = 4;
 
   explicit TaskScheduler(Kiv::Ptr<Kiv::Clock> clock);
   TaskScheduler(const TaskScheduler&) = delete;
@@ -84,11 +103,33 @@ class TaskScheduler : public Kiv::PtrInterface {
   // Yield budget: the work a task may count in one run before taskShouldYield() answers true.
   std::uint64_t workBudget() const { return workBudget_; }
   void workBudgetIs(std::uint64_t units) { workBudget_ = units; }
+  // Time slice: how long one run may last before taskShouldYield() answers true; 0 turns it off.
+  // Starts at defaultTimeSlice over a real clock, at 0 over a virtual one. At most an hour.
+  Kiv::Seconds timeSlice() const { return timeSlice_; }
+  void timeSliceIs(Kiv::Seconds slice);
   // Tests force every taskShouldYield() to answer true, to exercise the resume paths.
   bool forceYield() const { return forceYield_; }
   void forceYieldIs(bool force) { forceYield_ = force; }
   // Whether the running task should yield now (false between runs, unless forced).
   bool taskShouldYield() const;
+
+  // The longest single task run since the scheduler was made or the figures were reset, on the
+  // steady clock and on the thread's CPU clock (which leaves out the time the thread was not
+  // running, on a machine shared with other work). For benchmarks and diagnostics.
+  Kiv::Seconds longestRun() const { return longestRun_; }
+  Kiv::Seconds longestRunCpu() const { return longestRunCpu_; }
+  void longestRunReset() { longestRun_ = longestRunCpu_ = 0; }
+  // Whether runs are timed on the CPU clock as well. That clock is a system call (about 1 us on a
+  // virtual machine, against some 0.2 us for a whole trivial run), so it starts off over a virtual
+  // clock, where tests and simulations run millions of small runs, and on over a real clock; a
+  // benchmark turns it on. While off, longestRunCpu() stays 0 and the observer is told 0.
+  bool runCpuTimed() const { return runCpuTimed_; }
+  void runCpuTimedIs(bool timed);
+  // Told the length of every task run that returns, on both clocks (steady, CPU), after the run:
+  // for a distribution of run lengths. Null for none. It must not throw, and its own time counts
+  // to the next run of the pass.
+  using RunObserver = std::function<void(Kiv::Seconds steady, Kiv::Seconds cpu)>;
+  void runObserverIs(RunObserver observer) { runObserver_ = std::move(observer); }
 
  private:
   friend class TimerTask;
@@ -114,6 +155,8 @@ class TaskScheduler : public Kiv::PtrInterface {
 
   std::size_t runPass(Kiv::Seconds t);
   void runFirst();
+  void runStartIs();
+  bool sliceSpent() const;
 
   Kiv::Ptr<Kiv::Clock> clock_;
   Kiv::VirtualClock* virtualClock_;
@@ -123,6 +166,18 @@ class TaskScheduler : public Kiv::PtrInterface {
   std::uint64_t runCount_ = 0;
   std::uint64_t workBudget_ = defaultWorkBudget;
   bool forceYield_ = false;
+  Kiv::Seconds timeSlice_;
+  std::chrono::steady_clock::duration slice_{};  // timeSlice_ in the clock's ticks
+  // The running task's run: when it started (on both clocks), calls of taskShouldYield() in it,
+  // and whether it has been seen to outlast the slice (so later calls answer without reading).
+  std::chrono::steady_clock::time_point runStart_{};
+  Kiv::Seconds runStartCpu_ = 0;
+  bool runCpuTimed_;
+  mutable std::uint32_t yieldCalls_ = 0;
+  mutable bool sliceSpent_ = false;
+  Kiv::Seconds longestRun_ = 0;
+  Kiv::Seconds longestRunCpu_ = 0;
+  RunObserver runObserver_;
   bool stopped_ = false;
   // The last pass stopped at maxRunsPerPass with tasks still due.
   bool passCut_ = false;

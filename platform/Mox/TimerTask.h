@@ -74,7 +74,8 @@ class TimerTask : public Kiv::PtrInterface {
   // Work accounting for the current run; the count starts at 0 with each run.
   void taskWorkCountInc(std::uint64_t n = 1) { workCount_ += n; }
   std::uint64_t taskWorkCount() const { return workCount_; }
-  // True once this run has counted the scheduler's work budget, or when the scheduler forces it.
+  // True once this run has counted the scheduler's work budget or lasted its time slice, or when
+  // the scheduler forces it.
   bool taskShouldYield() const { return scheduler_->taskShouldYield(*this); }
 
   // Runs since the task was made, for diagnostics.

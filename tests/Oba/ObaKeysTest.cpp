@@ -52,11 +52,11 @@ TEST(ObaKeys, PrintParseOrderAndHash) {
 }
 
 TEST(ObaSets, MembershipIsPresenceAndNotifiesNobody) {
-  Kiv::Ptr<Oba::IntfVlanStatus> s = new Oba::IntfVlanStatus(Oba::IntfVlanKey());
-  s->unprogrammedIs(IntfId::ethernet(3), false);  // present with false is still a member
-  EXPECT_EQ(s->unprogrammeds(), 1u);
-  s->unprogrammedDel(IntfId::ethernet(3));
-  EXPECT_EQ(s->unprogrammeds(), 0u);
+  Oba::IntfVlanStatus s{Oba::IntfVlanKey()};
+  s.unprogrammedIs(IntfId::ethernet(3), false);  // present with false is still a member
+  EXPECT_EQ(s.unprogrammeds(), 1u);
+  s.unprogrammedDel(IntfId::ethernet(3));
+  EXPECT_EQ(s.unprogrammeds(), 0u);
 }
 
 TEST(ObaMapping, RowsPrintAndParseAndReadersHearEachWrite) {

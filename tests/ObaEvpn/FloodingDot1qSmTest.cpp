@@ -98,8 +98,8 @@ class FloodingDot1qSmTest : public ::testing::Test, public EvpnWorld {
     }
     std::map<std::string, VlanIdOrNone> programmed;
     for (auto [key, ds] : sm->dot1qStatusWalk()) {
-      EXPECT_EQ(ds->unprogrammeds() != 0, sm->unprogrammedDot1qHas(key)) << key;
-      for (auto [port, m] : ds->programmedWalk()) {
+      EXPECT_EQ(ds.unprogrammeds() != 0, sm->unprogrammedDot1qHas(key)) << key;
+      for (auto [port, m] : ds.programmedWalk()) {
         programmed[text(port, " vlan ", key.vlanId())] = *sm->intfVlanDot1q(key);
       }
     }

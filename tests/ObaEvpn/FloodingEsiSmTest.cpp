@@ -154,8 +154,8 @@ class FloodingEsiSmTest : public ::testing::Test, public EvpnWorld {
     for (auto [key, m] : sm->unprogrammedEsiWalk()) EXPECT_TRUE(sm->esiStatus(key)) << key;
     std::set<std::string> programmed;
     for (auto [key, es] : sm->esiStatusWalk()) {
-      EXPECT_EQ(es->unprogrammeds() != 0, sm->unprogrammedEsiHas(key)) << key;
-      for (auto [port, m] : es->programmedWalk())
+      EXPECT_EQ(es.unprogrammeds() != 0, sm->unprogrammedEsiHas(key)) << key;
+      for (auto [port, m] : es.programmedWalk())
         programmed.insert(text(port, " vlan ", key.vlanId()));
     }
     EXPECT_EQ(programmed, stub->held);

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -96,6 +99,105 @@ TEST(MoxTaskScheduler, ReviewTaskYieldsOnBudgetAndResumes) {
   sliced.reactor->task()->scheduleTask();
   EXPECT_EQ(f.scheduler->runDue(), 3u);
   EXPECT_FALSE(f.scheduler->taskShouldYield());  // nothing running
+}
+
+// Spins for at least `d` on the steady clock: one slow unit of a review.
+void spinFor(double d) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(d);
+  while (std::chrono::steady_clock::now() < end) {
+  }
+}
+
+double threadCpuSeconds() {
+  timespec ts;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+  return double(ts.tv_sec) + double(ts.tv_nsec) * 1e-9;
+}
+
+// A review whose keys cost 0.1 ms each yields after 1 ms with the slice on, which is at most a
+// dozen keys whatever the machine's load (a preempted key only makes the run longer), and after
+// its count budget with the slice off. Nothing asserts an upper bound on a time.
+TEST(MoxTaskScheduler, SlowReviewYieldsByTimeWithTheSliceAndByCountWithout) {
+  // Over a virtual clock the slice starts off, so tests and simulations yield by count alone; over
+  // a real clock an agent gets 1 ms. So with timing runs on the CPU clock, a system call per run.
+  Fixture f;
+  EXPECT_EQ(f.scheduler->timeSlice(), 0.0);
+  EXPECT_FALSE(f.scheduler->runCpuTimed());
+  auto real = TaskScheduler::TaskSchedulerIs(new Kiv::MonotonicClock);
+  EXPECT_EQ(real->timeSlice(), 0.001);
+  EXPECT_TRUE(real->runCpuTimed());
+
+  struct SlowReview : TimerTask::Notifiee {
+    void onTaskRun() override {
+      while (backlog > 0) {
+        spinFor(1e-4);
+        --backlog;
+        notifier()->taskWorkCountInc();
+        if (notifier()->taskShouldYield()) break;
+      }
+      runs.push_back(notifier()->taskWorkCount());
+      if (backlog > 0) notifier()->scheduleTask();
+    }
+    int backlog = 0;
+    std::vector<std::uint64_t> runs;
+  } review;
+  review.notifierIs(f.task("slowReview"));
+  f.scheduler->workBudgetIs(50);  // 5 ms of these keys
+
+  f.scheduler->timeSliceIs(0.001);
+  review.backlog = 100;
+  review.notifier()->scheduleTask();
+  f.scheduler->runDue();
+  EXPECT_EQ(review.backlog, 0);
+  ASSERT_GE(review.runs.size(), 9u);
+  EXPECT_LE(*std::max_element(review.runs.begin(), review.runs.end()), 12u);
+  EXPECT_EQ(f.scheduler->now(), 0.0);  // virtual time does not move with the slice
+
+  f.scheduler->timeSliceIs(0);
+  review.runs.clear();
+  review.backlog = 100;
+  review.notifier()->scheduleTask();
+  f.scheduler->runDue();
+  EXPECT_EQ(review.runs, (std::vector<std::uint64_t>{50, 50}));
+
+  EXPECT_DEATH(f.scheduler->timeSliceIs(-0.001), "slice >= 0 && slice <= 3600");
+}
+
+// The longest run is kept on both clocks until reset; an observer hears every run.
+TEST(MoxTaskScheduler, LongestRunShowsADeliberatelyLongRun) {
+  Fixture f;
+  f.scheduler->runCpuTimedIs(true);
+  std::vector<std::pair<double, double>> heard;
+  f.scheduler->runObserverIs([&](double steady, double cpu) { heard.emplace_back(steady, cpu); });
+  std::vector<std::string> log;
+  Recorder busy(f.task("busy"), &log), quick(f.task("quick"), &log);
+  busy.then = [] {  // 20 ms of this thread's own work, however long the machine makes it wait
+    const double end = threadCpuSeconds() + 0.02;
+    while (threadCpuSeconds() < end) {
+    }
+  };
+  quick.notifier()->scheduleTask();
+  busy.notifier()->scheduleTask();
+  EXPECT_EQ(f.scheduler->runDue(), 2u);
+  EXPECT_GE(f.scheduler->longestRunCpu(), 0.02);
+  EXPECT_GE(f.scheduler->longestRun(), f.scheduler->longestRunCpu() - 1e-3);
+  ASSERT_EQ(heard.size(), 2u);
+  EXPECT_EQ(heard[1].first, f.scheduler->longestRun());
+  EXPECT_EQ(heard[1].second, f.scheduler->longestRunCpu());
+
+  f.scheduler->longestRunReset();
+  quick.notifier()->scheduleTask();
+  f.scheduler->runDue();
+  EXPECT_LT(f.scheduler->longestRunCpu(), 0.02);
+  EXPECT_EQ(heard.size(), 3u);
+
+  // Untimed on the CPU clock, a long run shows on the steady clock only.
+  f.scheduler->runCpuTimedIs(false);
+  f.scheduler->longestRunReset();
+  busy.notifier()->scheduleTask();
+  f.scheduler->runDue();
+  EXPECT_GE(f.scheduler->longestRun(), 0.02);
+  EXPECT_EQ(f.scheduler->longestRunCpu(), 0.0);
 }
 
 TEST(MoxTaskScheduler, SchedulingMovesTheTaskAndTimeStepsToEachDueTime) {

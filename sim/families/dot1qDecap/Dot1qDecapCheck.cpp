@@ -33,10 +33,10 @@ struct Holder {
 std::map<PortVlan, Holder> holders(const Oba::EvpnFloodingDot1qSm& sm) {
   std::map<PortVlan, Holder> out;
   for (auto [key, st] : sm.dot1qStatusWalk()) {
-    for (auto [port, m] : st->programmedWalk()) {
+    for (auto [port, m] : st.programmedWalk()) {
       out[PortVlan{port, key.vlanId()}] = Holder{key.intfId(), true};
     }
-    for (auto [port, m] : st->unprogrammedWalk()) {
+    for (auto [port, m] : st.unprogrammedWalk()) {
       out.try_emplace(PortVlan{port, key.vlanId()}, Holder{key.intfId(), false});
     }
   }
@@ -249,12 +249,12 @@ std::vector<std::string> checkFloodingDot1qSm(const Dot1qDecapAgent& agent) {
     auto tag = sm->intfVlanDot1q(key);
     if (!tag)
       out.push_back(line("dot1qStatus ", key.intfId(), " vlan ", key.vlanId(), " without a tag"));
-    if (st->unprogrammeds() && !sm->unprogrammedDot1qHas(key)) {
+    if (st.unprogrammeds() && !sm->unprogrammedDot1qHas(key)) {
       out.push_back(line("dot1qStatus ", key.intfId(), " vlan ", key.vlanId(),
                          " has parked ports but is not in unprogrammedDot1q"));
     }
-    for (auto [port, m] : st->programmedWalk()) {
-      if (st->unprogrammedHas(port)) {
+    for (auto [port, m] : st.programmedWalk()) {
+      if (st.unprogrammedHas(port)) {
         out.push_back(
             line(key.intfId(), " vlan ", key.vlanId(), ": ", port, " programmed and parked"));
       }

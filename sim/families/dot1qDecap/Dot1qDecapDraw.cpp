@@ -42,21 +42,21 @@ void drawDot1q(const Dot1qDecapAgent& f, DotGraph& g) {
   std::set<PortVlan> drawn;
   const auto& chip = f.chip->dot1q();
   if (const auto& sm = f.floodingDot1qSm) {
-    std::map<PortVlan, Kiv::Ptr<Oba::IntfVlanStatus>> statuses;
+    std::map<PortVlan, Oba::IntfVlanStatus> statuses;
     for (auto [key, status] : sm->dot1qStatusWalk()) {
       statuses.emplace(PortVlan(key.intfId(), key.vlanId()), status);
     }
     for (const auto& [key, status] : statuses) {
       const Bridging::VlanId vlan = key.second;
       const auto tag = sm->intfVlanDot1q(Oba::IntfVlanKey(key.first, vlan));
-      for (auto [port, on] : status->unprogrammedWalk()) {
+      for (auto [port, on] : status.unprogrammedWalk()) {
         drawn.emplace(port, vlan);
         mapping(g, b, port, vlan,
                 dotText("dot1q ", tag ? dotText(*tag) : "?",
                         "\nrefused by the chip\nretried by the review"),
                 Look::refused);
       }
-      for (auto [port, on] : status->programmedWalk()) {
+      for (auto [port, on] : status.programmedWalk()) {
         drawn.emplace(port, vlan);
         auto e = chip.find({port, vlan});
         if (e == chip.end()) {

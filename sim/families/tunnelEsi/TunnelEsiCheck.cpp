@@ -62,10 +62,10 @@ struct Holder {
 std::map<PortVlan, Holder> holders(const Oba::EvpnFloodingEsiSm& sm) {
   std::map<PortVlan, Holder> out;
   for (auto [key, es] : sm.esiStatusWalk()) {
-    for (auto [port, m] : es->programmedWalk()) {
+    for (auto [port, m] : es.programmedWalk()) {
       out[PortVlan{port, key.vlanId()}] = Holder{key.intfId(), true};
     }
-    for (auto [port, m] : es->unprogrammedWalk()) {
+    for (auto [port, m] : es.unprogrammedWalk()) {
       out.try_emplace(PortVlan{port, key.vlanId()}, Holder{key.intfId(), false});
     }
   }
@@ -343,12 +343,12 @@ std::vector<std::string> checkFloodingEsiSm(const TunnelEsiAgent& agent, const D
     if (!t || !sm->intfVlanTunnelLabelHas(Oba::IntfVlanTunnelKey(intf, vlan, *t))) {
       out.push_back(line("esiStatus ", pairText(intf, vlan), " without a tunnel and label"));
     }
-    if (es->unprogrammeds() && !sm->unprogrammedEsiHas(key)) {
+    if (es.unprogrammeds() && !sm->unprogrammedEsiHas(key)) {
       out.push_back(line("esiStatus ", pairText(intf, vlan),
                          " has parked ports but is not in unprogrammedEsi"));
     }
-    for (auto [port, m] : es->programmedWalk()) {
-      if (es->unprogrammedHas(port)) {
+    for (auto [port, m] : es.programmedWalk()) {
+      if (es.unprogrammedHas(port)) {
         out.push_back(line(pairText(intf, vlan), ": ", port, " is programmed and parked"));
       }
       if (!agent.chip->esiData().contains(PortVlan{port, vlan})) {

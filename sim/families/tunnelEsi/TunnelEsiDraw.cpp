@@ -86,7 +86,8 @@ void drawVlan(const TunnelEsiAgent& f, Quil::IntfId seg, Bridging::VlanId vlan, 
   const TunnelId tunnel(Quil::DynamicTunnelIntfId::tunnelId(tep));
   drawTunnel(f, tunnel, g);
 
-  auto status = f.floodingEsiSm ? f.floodingEsiSm->esiStatus(Oba::IntfVlanKey(seg, vlan)) : nullptr;
+  auto status = f.floodingEsiSm ? f.floodingEsiSm->esiStatus(Oba::IntfVlanKey(seg, vlan))
+                                : std::optional<Oba::IntfVlanStatus>();
   const bool any = status && (status->programmeds() || status->unprogrammeds());
   g.node(vlanNode(seg, vlan),
          any ? text("VLAN ", vlan) : text("VLAN ", vlan, "\nnothing programmed"),

@@ -75,7 +75,7 @@ void TunnelEsiAgent::stop() {
 void TunnelEsiAgent::reconcileEsiData() {
   std::set<TunnelEsiChip::PortVlan> held;
   for (auto [key, status] : floodingEsiSm->esiStatusWalk()) {
-    for (auto [port, member] : status->programmedWalk()) held.emplace(port, key.vlanId());
+    for (auto [port, member] : status.programmedWalk()) held.emplace(port, key.vlanId());
   }
   std::vector<TunnelEsiChip::PortVlan> left;
   for (const auto& [key, entry] : chip->esiData()) {
