@@ -171,6 +171,11 @@ void FloodListChip::run() {
   if (!queue_.empty()) task_->scheduleTaskDelay(queue_.front().due - scheduler_->now());
 }
 
+bool FloodListChip::inList(const Bridging::MacVlanPair& list, const Oba::MplsDestConfig& m) const {
+  auto l = lists_.find(list);
+  return l != lists_.end() && l->second.contains(m);
+}
+
 bool FloodListChip::configured(const Bridging::MacVlanPair& list,
                                const Oba::MplsDestConfig& m) const {
   auto s = seen_.find(list);
@@ -180,8 +185,17 @@ bool FloodListChip::configured(const Bridging::MacVlanPair& list,
 void FloodListChip::apply(const Change& c) {
   // The chip reads the configuration when it acts: a member that left it before the chip came to
   // it is not programmed (its identifiers may be gone by now), and its removal is then nothing.
+  //
+  // Likewise a member configured again before the chip came to its removal stays in the list:
+  // the configuration never lost it for good, and taking it out would drop the destination from
+  // the hardware for the moment until its addition comes round. The addition then finds it there.
   if (c.add && !configured(c.list, c.member)) return;
+  if (c.add && inList(c.list, c.member)) {
+    auto s = status_->status(c.list);
+    if (s && s->mplsDestStatus(c.member) == Oba::HwProgrammingStatus::programmed) return;
+  }
   if (!c.add) {
+    if (configured(c.list, c.member)) return;
     auto s = status_->status(c.list);
     if (!s || !s->mplsDestStatusHas(c.member)) return;
   }
@@ -238,6 +252,11 @@ void FloodListChip::program(const Change& c) {
 void FloodListChip::unprogram(const Change& c) {
   chip_->countCall();
   const Oba::MplsDestConfig& m = c.member;
+  // A member the configuration holds stays in the hardware list, whatever happened meanwhile.
+  if (configured(c.list, m) && inList(c.list, m)) {
+    chip_->violation(chipText("unprogramFloodListMember ", memberLine(c.list, m),
+                              ": taken out of the list while configured"));
+  }
   // Make before break: a member of the same tunnel and label that the configuration holds now
   // must be in the list already (or refused by the chip).
   if (auto s = seen_.find(c.list); s != seen_.end()) {

@@ -17,7 +17,8 @@
 // configured with a hardware tunnel id or a hardware FEC id that nobody holds; a FEC id given
 // back while a hardware list still uses it; a member taken out of a list while the member that
 // replaces it in the configuration (the same tunnel and label) is not in the list yet: the list
-// lacks the destination for a moment although the configuration never did.
+// lacks the destination for a moment although the configuration never did; a member taken out
+// of a list while the configuration holds it.
 
 #include <cstdint>
 #include <deque>
@@ -102,6 +103,7 @@ class FloodListChip : public SoftwareChip::Part {
   void queue(const Bridging::MacVlanPair& list, const Oba::MplsDestConfig& member, bool add);
   void run();
   bool configured(const Bridging::MacVlanPair& list, const Oba::MplsDestConfig& m) const;
+  bool inList(const Bridging::MacVlanPair& list, const Oba::MplsDestConfig& m) const;
   void apply(const Change& c);
   void program(const Change& c);
   void unprogram(const Change& c);
