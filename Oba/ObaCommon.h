@@ -8,6 +8,9 @@
 // numeric value where the event has one) and the stream expression of the full trace line, which
 // is built only when the level is enabled.
 
+#include <limits>
+#include <optional>
+#include <type_traits>
 #include <ostream>
 #include <vector>
 
@@ -64,19 +67,53 @@ void scheduleUnprogrammedReview(Mox::TimerTask& task, bool immediate, Kiv::Secon
 // work each. When keys remain and the scheduler asks the task to yield, the review reschedules
 // itself after `interval` (0: at once) and stops, so a large backlog never holds the event loop.
 // The retry may change the collection (a success removes its own key). Returns whether the walk
-// went to the end.
+// went round every key.
+//
+// A review starts from the first key each run. When the scheduler's walks resume, a run that
+// yields records the key it stopped before, and the next run goes from there to the end and then
+// from the first key round to it, so that keys past one run's budget are retried too while those
+// before them keep failing. If that key went meanwhile, the run starts from the first key.
 template <class Walk, class Retry>
 bool reviewEach(const Walk& walk, Mox::TimerTask& task, Kiv::Seconds interval, Retry retry) {
-  for (auto it = walk.begin(); it != walk.end();) {
-    retry((*it).key);
-    task.taskWorkCountInc(1);
-    if (++it == walk.end()) return true;
-    if (task.taskShouldYield()) {
-      task.scheduleTaskDelay(interval);
-      return false;
+  using Key = std::remove_cvref_t<decltype((*walk.begin()).key)>;
+  const bool resumes = task.scheduler()->walksResume();
+  std::optional<Key> from;
+  if (resumes) {
+    if (const Key* at = task.resumeAt<Key>()) {
+      from = *at;
+      task.resumeAtDel();
     }
   }
-  return true;
+  // Retries from `it` to the end of the walk, or until `until` is met or `limit` keys are
+  // retried. Answers false when the run yielded (its place recorded when resuming).
+  auto retryFrom = [&](auto it, const std::optional<Key>& until, std::size_t limit) {
+    for (std::size_t n = 0; it != walk.end() && n < limit; ++n) {
+      if (until && (*it).key == *until) return true;
+      retry((*it).key);
+      task.taskWorkCountInc(1);
+      if (++it == walk.end()) return true;
+      if (task.taskShouldYield()) {
+        if (resumes) task.resumeAtIs((*it).key);
+        task.scheduleTaskDelay(interval);
+        return false;
+      }
+    }
+    return true;
+  };
+  constexpr std::size_t all = std::numeric_limits<std::size_t>::max();
+  if (!from) return retryFrom(walk.begin(), std::nullopt, all);
+  // Skip to where the last run stopped, counting the keys before it.
+  std::size_t before = 0;
+  auto it = walk.begin();
+  for (; it != walk.end() && !((*it).key == *from); ++it) ++before;
+  if (it == walk.end()) return retryFrom(walk.begin(), std::nullopt, all);
+  if (!retryFrom(it, std::nullopt, all)) return false;
+  if (!before) return true;
+  if (task.taskShouldYield()) {  // round the end: the next run starts from the first key
+    task.scheduleTaskDelay(interval);
+    return false;
+  }
+  return retryFrom(walk.begin(), from, before);
 }
 
 }  // namespace Oba

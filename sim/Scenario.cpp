@@ -71,6 +71,12 @@ std::uint32_t Reader::count(const YAML::Node& n, const std::string& what) const 
   return static_cast<std::uint32_t>(v);
 }
 
+bool Reader::flag(const YAML::Node& n) const {
+  const std::string s = scalar(n, "true or false");
+  if (s != "true" && s != "false") failExpected(n, "true or false");
+  return s == "true";
+}
+
 Quil::IntfId Reader::segment(const YAML::Node& n) const {
   const char* what = "a segment interface (EthernetN or Port-ChannelN)";
   auto intf = parsed(n, what, Quil::IntfId::parse);
@@ -180,6 +186,30 @@ class Restart : public ActionBody {
   std::string machine_;
 };
 
+// The agent's scheduler: how much work a review does in one run, and whether a review that
+// yields takes up where it stopped.
+class WorkBudget : public ActionBody {
+ public:
+  explicit WorkBudget(std::uint32_t units) : units_(units) {}
+  void apply(HostAgent& agent) const override { agent.scheduler->workBudgetIs(units_); }
+  void write(std::ostream& os) const override { os << "workBudget: " << units_; }
+
+ private:
+  std::uint32_t units_;
+};
+
+class ReviewsResume : public ActionBody {
+ public:
+  explicit ReviewsResume(bool on) : on_(on) {}
+  void apply(HostAgent& agent) const override { agent.scheduler->walksResumeIs(on_); }
+  void write(std::ostream& os) const override {
+    os << "reviewsResume: " << (on_ ? "true" : "false");
+  }
+
+ private:
+  bool on_;
+};
+
 std::vector<ChipOperation> chipOperations(const Families& families) {
   std::vector<ChipOperation> out;
   for (const Family* f : families) {
@@ -220,6 +250,14 @@ class Actions {
     });
     kinds_.emplace("chipRefuse",
                    [this](const Reader& r, const YAML::Node& v) { return chipRefuse(r, v); });
+    kinds_.emplace("workBudget", [](const Reader& r, const YAML::Node& v) {
+      const std::uint32_t units = r.count(v, "a work budget (1 or more units)");
+      if (!units) r.failExpected(v, "a work budget (1 or more units)");
+      return std::make_shared<WorkBudget>(units);
+    });
+    kinds_.emplace("reviewsResume", [](const Reader& r, const YAML::Node& v) {
+      return std::make_shared<ReviewsResume>(r.flag(v));
+    });
   }
 
   Action read(const Reader& r, const YAML::Node& n) const {

@@ -83,6 +83,7 @@ class Reader {
   // A time in seconds: a number up to maxScenarioTime.
   double time(const YAML::Node& n) const;
   std::uint32_t count(const YAML::Node& n, const std::string& what) const;
+  bool flag(const YAML::Node& n) const;  // true or false
 
   // The value types every family meets.
   Quil::IntfId segment(const YAML::Node& n) const;  // EthernetN or Port-ChannelN

@@ -107,6 +107,13 @@ class TaskScheduler : public Kiv::PtrInterface {
   // Starts at defaultTimeSlice over a real clock, at 0 over a virtual one. At most an hour.
   Kiv::Seconds timeSlice() const { return timeSlice_; }
   void timeSliceIs(Kiv::Seconds slice);
+  // Whether a walk that yields takes up, in its task's next run, at the key it stopped before
+  // (TimerTask::resumeAt), rather than at the first key again. Off by default: a review then
+  // starts from its first key each run, so keys past the budget wait while those before them keep
+  // failing. An agent whose reviews can hold more failing keys than one run gets through turns
+  // it on.
+  bool walksResume() const { return walksResume_; }
+  void walksResumeIs(bool on) { walksResume_ = on; }
   // Tests force every taskShouldYield() to answer true, to exercise the resume paths.
   bool forceYield() const { return forceYield_; }
   void forceYieldIs(bool force) { forceYield_ = force; }
@@ -165,6 +172,7 @@ class TaskScheduler : public Kiv::PtrInterface {
   TimerTask* running_ = nullptr;
   std::uint64_t runCount_ = 0;
   std::uint64_t workBudget_ = defaultWorkBudget;
+  bool walksResume_ = false;
   bool forceYield_ = false;
   Kiv::Seconds timeSlice_;
   std::chrono::steady_clock::duration slice_{};  // timeSlice_ in the clock's ticks

@@ -19,6 +19,7 @@
 // itself off the schedule, so a destroyed task never runs. Destroying the notifiee, or the task,
 // from inside onTaskRun() is safe: nothing touches either after the call returns.
 
+#include <any>
 #include <cstdint>
 #include <optional>
 
@@ -78,6 +79,18 @@ class TimerTask : public Kiv::PtrInterface {
   // the scheduler forces it.
   bool taskShouldYield() const { return scheduler_->taskShouldYield(*this); }
 
+  // Where a walk over many keys stopped when the task last yielded, for the next run to take up
+  // there when the scheduler's walks resume (any key type; nothing while the last walk ended).
+  template <class K>
+  const K* resumeAt() const {
+    return std::any_cast<K>(&resumeAt_);
+  }
+  template <class K>
+  void resumeAtIs(const K& key) {
+    resumeAt_ = key;
+  }
+  void resumeAtDel() { resumeAt_.reset(); }
+
   // Runs since the task was made, for diagnostics.
   std::uint64_t runCount() const { return runCount_; }
 
@@ -94,6 +107,7 @@ class TimerTask : public Kiv::PtrInterface {
   // The queue node, kept while the task is not scheduled so that rescheduling allocates nothing.
   TaskScheduler::Queue::node_type node_;
   std::uint64_t workCount_ = 0;
+  std::any resumeAt_;
   std::uint64_t runCount_ = 0;
 };
 

@@ -410,9 +410,7 @@ const ActionDef actionDefs[] = {
      [](const Reader& r, const YAML::Node& v, Dot1qDecapAction& a) { a.vlan = r.vlan(v); }},
     {"dot1qEnabled", Kind::dot1qEnabled,
      [](const Reader& r, const YAML::Node& v, Dot1qDecapAction& a) {
-       const std::string s = r.scalar(v, "true or false");
-       if (s != "true" && s != "false") r.fail(v, "expected true or false, got '" + s + "'");
-       a.flag = s == "true";
+       a.flag = r.flag(v);
      }},
     {"route", Kind::route,
      [](const Reader& r, const YAML::Node& v, Dot1qDecapAction& a) {
