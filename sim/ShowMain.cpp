@@ -126,8 +126,9 @@ bool isStuck(const Shoal::CorruptionException& e) {
 // What a read that failed says: a stuck writer, or a corrupt table (the slot is in the text).
 std::string unreadable(const std::string& what, bool stuck, const std::string& agent,
                        const std::string& table) {
-  if (stuck)
+  if (stuck) {
     return "the writer of the table '" + table + "' of agent '" + agent + "' is stuck: " + what;
+  }
   return "the table '" + table + "' of agent '" + agent + "' is corrupt: " + what;
 }
 std::string unreadable(const Shoal::CorruptionException& e, const std::string& agent,

@@ -299,8 +299,8 @@ TEST(ShowUntrusted, ReportsEveryDamagedCopyOfARealSegmentOrPrintsItUnchanged) {
       }
     }
   }
-  std::cout << "damaged copies " << copies << ", reported " << reported << ", printed unchanged "
-            << copies - reported << "; reports naming:";
+  std::cout << "segments " << originals.size() << ", damaged copies " << copies << ", reported "
+            << reported << ", printed unchanged " << copies - reported << "; reports naming:";
   for (const auto& [place, count] : where) std::cout << " '" << place << "' " << count;
   std::cout << "; unreported damage at:";
   for (const auto& [place, count] : harmless) std::cout << " " << place << " (" << count << ")";
