@@ -196,8 +196,7 @@ class Segment {
                 const std::string& what) const;
   [[noreturn]] void corrupt(const std::string& where, const std::string& why) const;
   std::string whyKey(const std::uint64_t* key, const std::uint64_t* row) const;
-  void seal(std::uint64_t* words, std::size_t n, std::uint64_t index) const;
-  std::uint64_t sealOf(const std::uint64_t* words, std::size_t n, std::uint64_t index) const;
+  // Checks a change-log entry's words as copied (check, flag, key) at log position pos.
   void logRead(std::uint64_t pos, const std::uint64_t* words) const;
   std::uint64_t beginWrite(std::uint32_t i);
   void endWrite(std::uint32_t i, std::uint64_t v);
