@@ -1,6 +1,8 @@
 #include "sim/Published.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstring>
 #include <sstream>
 
 #include "Mpls/ReturnCode.h"
@@ -25,6 +27,110 @@ Cells keyThen(const void* row, Cells rowCells, Key&&... key) {
 }
 
 }  // namespace
+
+// ---- what a key or row read from a segment may hold --------------------------------------------
+
+namespace {
+
+// Why the bytes of a value are no value of its type: "" when they are, else what they hold. Every
+// field type of a published table has its own: a type missing here does not compile.
+std::string hex(std::uint64_t v) {
+  char buf[24];
+  std::snprintf(buf, sizeof buf, "0x%llx", static_cast<unsigned long long>(v));
+  return buf;
+}
+std::string whyNot(const std::uint64_t&) { return ""; }
+std::string whyNot(const Oba::HwTunnelId&) { return ""; }
+std::string whyNot(const Shoal::Fib::FecId&) { return ""; }
+std::string whyNot(const Quil::EthAddr&) { return ""; }
+// A bool is one byte holding 0 or 1; any other byte is no truth value, and reading it as a bool
+// would already be wrong, so its byte is looked at.
+std::string whyNot(const bool& b) {
+  unsigned char byte;
+  std::memcpy(&byte, &b, 1);
+  return byte > 1 ? "no truth value (byte " + hex(byte) + ")" : "";
+}
+std::string whyNot(const Tunnel::TunnelTable::TunnelId& v) {
+  return v.value() > Tunnel::TunnelTable::TunnelId::maxValue
+             ? "no tunnel id (" + hex(v.value()) + ", beyond 48 bits)"
+             : "";
+}
+std::string whyNot(const Quil::MplsLabel& v) {
+  return v.value() > Quil::MplsLabel::noLabel ? "no MPLS label (" + std::to_string(v.value()) + ")"
+                                              : "";
+}
+std::string whyNot(const Bridging::VlanId& v) {
+  return v.value() > Bridging::VlanId::maxValue ? "no VLAN (" + std::to_string(v.value()) + ")"
+                                                : "";
+}
+std::string whyNot(const Quil::IntfId& v) {
+  // Every interface id prints as the text that reads back as it; other words print as another.
+  auto back = Quil::IntfId::tryParse(v.toString());
+  return back && *back == v ? "" : "no interface id (" + hex(v.value()) + ")";
+}
+std::string whyNot(const L2Rib::ObjTuple& v) {
+  return v.tableType() > L2Rib::tableTypeDest_
+             ? "no RIB object (table type " + std::to_string(int(v.tableType())) + ")"
+             : "";
+}
+std::string whyNot(const Mpls::LfibHwProgrammingReturnCode& v) {
+  return v > Mpls::LfibHwProgrammingReturnCode::lfibHwProgrammingFailed
+             ? "no return code (" + std::to_string(static_cast<std::uint32_t>(v)) + ")"
+             : "";
+}
+std::string whyNot(const Mpls::RouteKey& v) { return whyNot(v.topLabel()); }
+std::string whyNot(const Bridging::MacVlanPair& v) {
+  std::string w = whyNot(v.vlanId);
+  return w.empty() ? whyNot(v.macAddr) : w;
+}
+template <class D, class Fields, class... F>
+std::string whyNot(const Oba::Value<D, Fields, F...>& v) {
+  return [&]<std::size_t... I>(std::index_sequence<I...>) {
+    std::string w;
+    ((w.empty() ? void(w = whyNot(v.template field<I>())) : void()), ...);
+    return w;
+  }
+  (std::index_sequence_for<F...>{});
+}
+
+}  // namespace
+
+template <class T>
+std::string RowCheck<T>::why(const typename T::Key& key, const typename T::Row* row) {
+  if (std::string w = whyNot(key); !w.empty()) return "the key holds " + w;
+  if (row) {
+    if (std::string w = whyNot(*row); !w.empty()) return "the row holds " + w;
+  }
+  return "";
+}
+template struct RowCheck<MappingTable>;
+template struct RowCheck<FecRequestsTable>;
+template struct RowCheck<FloodSetFecRequestsTable>;
+template struct RowCheck<FecOwnersTable>;
+template struct RowCheck<ResultsTable>;
+template struct RowCheck<HwInfoTable>;
+template struct RowCheck<FloodListsTable>;
+template struct RowCheck<UnprogrammedRoutesTable>;
+
+std::size_t maxAgentNameLength() {
+  std::size_t longest = 0;
+  for (const auto& t : publishedTables()) longest = std::max(longest, std::strlen(t.name));
+  return Shoal::maxAgentNameLength(longest);
+}
+
+void checkAgentName(const std::string& agent) {
+  Shoal::segmentName(agent, "x");  // the characters a name may hold
+  if (agent.size() > maxAgentNameLength()) {
+    throw Shoal::SegmentException(
+        "an agent's name is at most " + std::to_string(maxAgentNameLength()) + " characters, not " +
+        std::to_string(agent.size()) +
+        ": each of its tables is the shared-memory object /shoal.<agent>.<table>, whose name "
+        "holds at most " +
+        std::to_string(Shoal::segmentNameMax) + " bytes with the longest table's name");
+  }
+}
+
+// ---- how rows print ---------------------------------------------------------------------------
 
 Cells MappingTable::cells(const Key& k, const Row* r) {
   return keyThen(r, r ? Cells{text(r->hwTunnelId())} : Cells{}, k);
@@ -100,6 +206,8 @@ class View : public TableView {
   bool writerAlive() const override { return backing_.segment().writerAlive(); }
   std::string error() const override { return backing_.segment().error(); }
   std::string segmentName() const override { return backing_.segment().name(); }
+  void writerWaitIs(std::chrono::nanoseconds d) override { backing_.segment().writerWaitIs(d); }
+  void verify() const override { backing_.segment().verify(); }
 
   std::vector<Cells> rows() const override {
     std::vector<std::pair<K, R>> rows;
@@ -127,7 +235,13 @@ class View : public TableView {
         out.push_back(Change{Change::Kind::mount, {}, s});
       }
     } collect(*this);
-    backing_.poll(collect);
+    try {
+      backing_.poll(collect);
+    } catch (const Shoal::WriterStuckException& e) {
+      collect.out.push_back(Change{Change::Kind::stuck, {e.what()}});
+    } catch (const Shoal::CorruptionException& e) {
+      collect.out.push_back(Change{Change::Kind::corrupt, {e.what()}});
+    }
     return std::move(collect.out);
   }
 

@@ -10,6 +10,7 @@
 // into tables of their own after each step, each changed row once.
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -126,10 +127,25 @@ struct UnprogrammedRoutesTable {
   static Cells cells(const Key& k, const Row* row);
 };
 
+// Why the bytes of a key (and of its row; `row` null: a key alone) read from a table's segment are
+// no values of the table's types, "" when they are: a reader checks every key and row before it
+// sorts or prints them, and says which slot holds one that is not.
+template <class T>
+struct RowCheck {
+  static std::string why(const typename T::Key& key, const typename T::Row* row);
+};
+
+// An agent's name: the rule, once for the simulator and the reader. Its tables are named
+// "/shoal.<agent>.<table>" in shared memory (Shoal::segmentName), so the longest name an agent can
+// have is what the longest table name leaves. Raises Shoal::SegmentException saying which rule
+// the name breaks and why.
+std::size_t maxAgentNameLength();
+void checkAgentName(const std::string& agent);
+
 // ---- the writer's side ------------------------------------------------------------------------
 
 template <class T>
-using PublishedBacking = Shoal::SharedMemoryBacking<typename T::Key, typename T::Row>;
+using PublishedBacking = Shoal::SharedMemoryBacking<typename T::Key, typename T::Row, RowCheck<T>>;
 
 // The tables of one agent, published under its name. Made before the agent's first step, gone
 // with the agent: a writer that leaves normally removes its segments.
@@ -214,12 +230,21 @@ class TableView {
   // Why the table is failed (another layout), for the error.
   virtual std::string error() const = 0;
   virtual std::string segmentName() const = 0;
-  // Every row now, sorted by key.
+  // How long reads wait for a writer in the middle of a change before calling it stuck.
+  virtual void writerWaitIs(std::chrono::nanoseconds d) = 0;
+  // Checks the whole segment (Shoal::Segment::verify); raises Shoal::CorruptionException naming
+  // the first fault, Shoal::WriterStuckException for a writer stuck inside a change.
+  virtual void verify() const = 0;
+  // Every row now, sorted by key. Reads (rows, poll) raise Shoal::CorruptionException for a slot
+  // or log entry found corrupt, Shoal::WriterStuckException for a stuck writer.
   virtual std::vector<Cells> rows() const = 0;
   // What changed since the last poll: a changed key's row (`gone` when deleted), every row again
   // after the writer restarted or the log lapped the reader, or a new mount state.
   struct Change {
-    enum class Kind : std::uint8_t { row, gone, all, mount } kind;
+    // stuck, corrupt: a read failed (Shoal::WriterStuckException, Shoal::CorruptionException);
+    // cells holds its text. The changes before it are in order; a stuck change is read again at
+    // the next poll, a corrupt one is passed.
+    enum class Kind : std::uint8_t { row, gone, all, mount, stuck, corrupt } kind;
     Cells cells;
     Shoal::MountState mount = Shoal::MountState::unmounted;
   };

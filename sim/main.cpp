@@ -16,6 +16,7 @@
 #include "Shoal/Segment.h"
 #include "sim/Dot.h"
 #include "sim/Fuzz.h"
+#include "sim/Published.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
 #include "sim/SimLog.h"
@@ -42,7 +43,9 @@ options:
   --dot-each DIR one graph after the agent's start and after each step: DIR/<index>-t<time>.dot
                  (one scenario only; scripts/draw.sh renders them to SVG)
   --publish NAME publish the agent's output tables in shared memory under NAME, for
-                 oba-evpn-show NAME TABLE in another terminal; they go when the simulator exits
+                 oba-evpn-show NAME TABLE in another terminal; they go when the simulator exits.
+                 NAME has no '/' or '.' and at most 220 characters, so that every table's
+                 shared-memory name fits
   --hold         with --publish: after the last scenario, keep the agent and its tables until
                  SIGINT or SIGTERM
   --realtime [SPEED]
@@ -108,7 +111,7 @@ int main(int argc, char** argv) {
       }
       options.publish = argv[++i];
       try {
-        Shoal::segmentName(options.publish, "mapping");
+        Sim::checkAgentName(options.publish);
       } catch (const Shoal::SegmentException& e) {
         std::cerr << "oba-evpn-sim: --publish: '" << options.publish
                   << "' cannot name an agent: " << e.what() << "\n";

@@ -18,11 +18,17 @@
 //
 // Capacity is fixed when the segment is made: a writer's insert beyond it raises
 // Shoal::CapacityException.
+//
+// A reader trusts no byte of the segment (Shoal/Segment.h). Beyond what the segment checks on its
+// own, `Check` says which keys and rows are values of their types at all:
+//   static std::string why(const K& key, const Row* row);  // "" when well formed; row null: a key
+// It is given copies made byte for byte, before anything else uses them; a field whose type has
+// values that not every bit pattern is (a bool, a range-checked number) is checked there, on its
+// bytes where reading it as its type would already be wrong.
 
-#include <array>
-#include <bit>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <type_traits>
 
@@ -31,7 +37,13 @@
 
 namespace Shoal {
 
+// Any bytes of the right size are a key and a row.
 template <class K, class Row>
+struct AnyBytes {
+  static std::string why(const K&, const Row*) { return ""; }
+};
+
+template <class K, class Row, class Check = AnyBytes<K, Row>>
 class SharedMemoryBacking : public Backing<K, Row> {
   static_assert(std::is_trivially_copyable_v<K> && std::is_trivially_copyable_v<Row>,
                 "a shared-memory table's keys and rows are trivially copyable");
@@ -41,7 +53,9 @@ class SharedMemoryBacking : public Backing<K, Row> {
   // two.
   SharedMemoryBacking(const std::string& agent, const std::string& table, std::uint32_t capacity,
                       std::uint32_t logCapacity = 0)
-      : segment_(agent, table, shapeOf(capacity, logCapacity)) {}
+      : segment_(agent, table, shapeOf(capacity, logCapacity)) {
+    segment_.rowCheckIs(Segment::RowCheck{&why, &hashOfBytes});
+  }
 
   Segment& segment() { return segment_; }
   const Segment& segment() const { return segment_; }
@@ -90,12 +104,25 @@ class SharedMemoryBacking : public Backing<K, Row> {
   }
 
  private:
+  // A copy made byte for byte: no value of T is read from the bytes, so bytes that are no T are
+  // copied without harm and left for Check to judge.
+  template <class T>
+  struct Copy {
+    explicit Copy(const void* p) { std::memcpy(&bytes, p, sizeof(T)); }
+    const T& value() const { return *std::launder(reinterpret_cast<const T*>(&bytes)); }
+    alignas(T) unsigned char bytes[sizeof(T)];
+  };
   template <class T>
   static T fromBytes(const void* p) {
-    std::array<unsigned char, sizeof(T)> b;
-    std::memcpy(b.data(), p, sizeof(T));
-    return std::bit_cast<T>(b);
+    return Copy<T>(p).value();
   }
+  static std::string why(const void* key, const void* row) {
+    Copy<K> k(key);
+    if (!row) return Check::why(k.value(), nullptr);
+    Copy<Row> r(row);
+    return Check::why(k.value(), &r.value());
+  }
+  static std::uint32_t hashOfBytes(const void* key) { return hashOf(Copy<K>(key).value()); }
   static bool keyEq(const void* stored, const void* wanted) {
     return fromBytes<K>(stored) == *static_cast<const K*>(wanted);
   }

@@ -77,7 +77,7 @@ TEST(Publish, AReaderSeesEveryStepOfEveryTableAndNothingAfterTheAgent) {
     other.attach(Shoal::Role::writer);
     auto view = Sim::publishedTable("mapping")->view(agent);
     EXPECT_EQ(view->attach(), Shoal::MountState::failed);
-    EXPECT_NE(view->error().find("holds another layout (format 2, key 8 bytes, row 24 bytes"),
+    EXPECT_NE(view->error().find("holds another layout (format 3, key 8 bytes, row 24 bytes"),
               std::string::npos)
         << view->error();
   }
