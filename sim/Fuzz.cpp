@@ -789,9 +789,13 @@ int fuzzMain(int argc, char** argv) {
   }
   for (int i = 2; i < argc; ++i) {
     const std::string a = argv[i];
+    // What the option was given, as every refusal quotes it: its value, or nothing.
+    auto got = [&](int at) {
+      return at < argc ? ", got '" + std::string(argv[at]) + "'" : std::string(", got nothing");
+    };
     auto value = [&](auto& out) {
       if (i + 1 >= argc || !parseNumber(argv[i + 1], out)) {
-        std::cerr << "oba-evpn-sim fuzz: " << a << " needs a number\n";
+        std::cerr << "oba-evpn-sim fuzz: " << a << " needs a number" << got(i + 1) << "\n";
         return false;
       }
       ++i;
@@ -803,7 +807,7 @@ int fuzzMain(int argc, char** argv) {
     } else if (a == "--seeds") {
       if (!value(o.seeds)) return 2;
       if (o.seeds == 0) {
-        std::cerr << "oba-evpn-sim fuzz: --seeds must be at least 1\n";
+        std::cerr << "oba-evpn-sim fuzz: --seeds must be at least 1" << got(i) << "\n";
         return 2;
       }
     } else if (a == "--seed") {
@@ -817,20 +821,21 @@ int fuzzMain(int argc, char** argv) {
         std::cerr << "oba-evpn-sim fuzz: --steps is at most " << maxFuzzSteps
                   << ": a seed keeps its whole run to write it as a scenario should it fail, and "
                      "a scenario's time ends at "
-                  << static_cast<long>(maxScenarioTime) << " s; run more seeds instead\n";
+                  << static_cast<long>(maxScenarioTime) << " s; run more seeds instead" << got(i)
+                  << "\n";
         return 2;
       }
     } else if (a == "--fault-rate") {
       if (!value(o.faultRate)) return 2;
       if (!(o.faultRate >= 0 && o.faultRate <= 1)) {  // NaN too
-        std::cerr << "oba-evpn-sim fuzz: --fault-rate must be within 0..1\n";
+        std::cerr << "oba-evpn-sim fuzz: --fault-rate must be within 0..1" << got(i) << "\n";
         return 2;
       }
     } else if (a == "--pool") {
       if (!value(o.pool)) return 2;
       // The worlds draw ids from the pool: a chip without one is no world to converge in.
       if (o.pool == 0) {
-        std::cerr << "oba-evpn-sim fuzz: --pool must be at least 1\n";
+        std::cerr << "oba-evpn-sim fuzz: --pool must be at least 1" << got(i) << "\n";
         return 2;
       }
     } else if (a == "--batch") {
@@ -851,7 +856,7 @@ int fuzzMain(int argc, char** argv) {
                                         [&](const FuzzFlag& f) { return f.name == a; });
                flag != flags.end()) {
       if (i + 1 >= argc || !flag->set(argv[i + 1])) {
-        std::cerr << "oba-evpn-sim fuzz: " << a << " needs " << flag->arg << "\n";
+        std::cerr << "oba-evpn-sim fuzz: " << a << " needs " << flag->arg << got(i + 1) << "\n";
         return 2;
       }
       ++i;
