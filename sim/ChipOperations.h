@@ -18,7 +18,11 @@ inline ChipOperation hwProgrammingOperation(std::string name, bool hasPort, bool
   return {std::move(name),
           codes,
           [codes](const Reader& r, const YAML::Node& n) {
-            return static_cast<std::uint32_t>(r.parsed(n, codes, Oba::parseHwProgrammingStatus));
+            const auto rc = r.parsed(n, codes, Oba::parseHwProgrammingStatus);
+            // A refusal that answers `programmed` would leave the machine believing in an entry
+            // the chip never made.
+            if (rc == Oba::HwProgrammingStatus::programmed) r.failExpected(n, codes);
+            return static_cast<std::uint32_t>(rc);
           },
           static_cast<std::uint32_t>(Oba::HwProgrammingStatus::notProgrammed),
           hasPort,

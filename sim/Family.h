@@ -183,11 +183,6 @@ class Family {
   // the checks allow taken as the chip has it, so that only the real differences fail it.
   virtual std::vector<std::pair<std::string, std::vector<std::string>>> finalExpectations(
       const HostAgent& agent) const = 0;
-  // Checks whose failures a scenario's expectations can show (others look inside a machine).
-  virtual bool visibleToScenario(std::string_view check) const {
-    (void)check;
-    return false;
-  }
   virtual std::vector<FuzzFlag> fuzzFlags() const { return {}; }
   // Its parts of the run's summary: tallies ("N ESI entries compared, "), allowed differences.
   virtual void printCounts(const Counters&, std::ostream&) const {}

@@ -12,6 +12,7 @@
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <new>
 #include <random>
 #include <set>
 #include <sstream>
@@ -21,6 +22,7 @@
 #include "sim/Rng.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
+#include "sim/ScenarioText.h"
 #include "sim/SimLog.h"
 
 namespace Sim {
@@ -488,14 +490,6 @@ std::string replayCommand(const FuzzOptions& o, std::uint64_t seed, std::uint32_
   return os.str();
 }
 
-bool visibleToScenario(const std::string& check, const Families& families) {
-  if (check == "ledger") return true;
-  for (const Family* f : families) {
-    if (f->visibleToScenario(check)) return true;
-  }
-  return false;
-}
-
 std::string scenarioText(const Scenario& s, const FuzzFailure& f, const FuzzOptions& o,
                          const Replay& end, const Families& families) {
   std::ostringstream os;
@@ -510,10 +504,8 @@ std::string scenarioText(const Scenario& s, const FuzzFailure& f, const FuzzOpti
   }
   os << "# The chip's injected faults are the chipRefuse rules, each for the next create(s) of "
         "one\n"
-        "# port and VLAN. The last step expects what the inputs call for (docs/convergence.md).\n";
-  if (!visibleToScenario(f.failure.check, families)) {
-    os << "# The failed check looks inside a machine, which --check cannot see: run it again.\n";
-  }
+        "# port and VLAN. The last step expects what the inputs call for (docs/convergence.md),\n"
+        "# and that every check holds (checks: none), the failed one among them.\n";
   if (!f.replayable) {
     os << "# Some injected faults could not be stated as rules: this file may not replay them.\n";
   }
@@ -543,6 +535,7 @@ std::string scenarioText(const Scenario& s, const FuzzFailure& f, const FuzzOpti
       os << "    expect:\n";
       for (const auto& [table, lines] : end.expected) writeLines(os, table.c_str(), lines);
       writeLines(os, "violations", {});
+      writeLines(os, "checks", {});
     }
   }
   return os.str();
@@ -615,7 +608,7 @@ options:
   --fault-rate P     probability that the chip refuses a create (default 0.1)
   --pool N           hardware tunnel ids at the start of a seed (default 4)
   --restarts         steps may restart a machine or the whole agent
-  --out DIR          where a failing run's scenario goes (default .)
+  --out DIR          where a failing run's scenario goes (default .; checked before the run)
   --no-shrink        write a failing run whole
   --batch N          seeds per summary line (default 100)
   --progress         a progress line on standard error (default: when it is a terminal)
@@ -671,15 +664,38 @@ bool parseNumber(const char* s, T& out) {
 
 }  // namespace
 
-std::optional<CheckFailure> checkAgent(const HostAgent& agent, Counters* counters) {
+namespace {
+
+// The chip's violations and each family's balance.
+std::vector<std::string> ledgerLines(const HostAgent& agent) {
   std::vector<std::string> ledger;
   for (const auto& v : agent.chip->violations()) ledger.push_back("violation: " + v.text);
   for (const Family* f : agent.families()) f->ledger(agent, ledger);
-  if (!ledger.empty()) return CheckFailure{"ledger", std::move(ledger)};
+  return ledger;
+}
+
+}  // namespace
+
+std::optional<CheckFailure> checkAgent(const HostAgent& agent, Counters* counters) {
+  if (auto ledger = ledgerLines(agent); !ledger.empty()) {
+    return CheckFailure{"ledger", std::move(ledger)};
+  }
   for (const Family* f : agent.families()) {
     if (auto failure = f->check(agent, counters)) return failure;
   }
   return std::nullopt;
+}
+
+std::vector<std::string> checkLines(const HostAgent& agent) {
+  std::vector<std::string> out;
+  auto add = [&](const CheckFailure& f) {
+    for (const auto& l : f.lines) out.push_back(f.check + ": " + l);
+  };
+  if (auto ledger = ledgerLines(agent); !ledger.empty()) add({"ledger", std::move(ledger)});
+  for (const Family* f : agent.families()) {
+    if (auto failure = f->check(agent, nullptr)) add(*failure);
+  }
+  return out;
 }
 
 FuzzResult fuzz(const FuzzOptions& o, std::ostream* summary, std::ostream* progress,
@@ -773,9 +789,13 @@ int fuzzMain(int argc, char** argv) {
   }
   for (int i = 2; i < argc; ++i) {
     const std::string a = argv[i];
+    // What the option was given, as every refusal quotes it: its value, or nothing.
+    auto got = [&](int at) {
+      return at < argc ? ", got '" + std::string(argv[at]) + "'" : std::string(", got nothing");
+    };
     auto value = [&](auto& out) {
       if (i + 1 >= argc || !parseNumber(argv[i + 1], out)) {
-        std::cerr << "oba-evpn-sim fuzz: " << a << " needs a number\n";
+        std::cerr << "oba-evpn-sim fuzz: " << a << " needs a number" << got(i + 1) << "\n";
         return false;
       }
       ++i;
@@ -787,7 +807,7 @@ int fuzzMain(int argc, char** argv) {
     } else if (a == "--seeds") {
       if (!value(o.seeds)) return 2;
       if (o.seeds == 0) {
-        std::cerr << "oba-evpn-sim fuzz: --seeds must be at least 1\n";
+        std::cerr << "oba-evpn-sim fuzz: --seeds must be at least 1" << got(i) << "\n";
         return 2;
       }
     } else if (a == "--seed") {
@@ -797,17 +817,25 @@ int fuzzMain(int argc, char** argv) {
       if (!value(o.firstSeed)) return 2;
     } else if (a == "--steps") {
       if (!value(o.steps)) return 2;
+      if (o.steps > maxFuzzSteps) {
+        std::cerr << "oba-evpn-sim fuzz: --steps is at most " << maxFuzzSteps
+                  << ": a seed keeps its whole run to write it as a scenario should it fail, and "
+                     "a scenario's time ends at "
+                  << static_cast<long>(maxScenarioTime) << " s; run more seeds instead" << got(i)
+                  << "\n";
+        return 2;
+      }
     } else if (a == "--fault-rate") {
       if (!value(o.faultRate)) return 2;
       if (!(o.faultRate >= 0 && o.faultRate <= 1)) {  // NaN too
-        std::cerr << "oba-evpn-sim fuzz: --fault-rate must be within 0..1\n";
+        std::cerr << "oba-evpn-sim fuzz: --fault-rate must be within 0..1" << got(i) << "\n";
         return 2;
       }
     } else if (a == "--pool") {
       if (!value(o.pool)) return 2;
       // The worlds draw ids from the pool: a chip without one is no world to converge in.
       if (o.pool == 0) {
-        std::cerr << "oba-evpn-sim fuzz: --pool must be at least 1\n";
+        std::cerr << "oba-evpn-sim fuzz: --pool must be at least 1" << got(i) << "\n";
         return 2;
       }
     } else if (a == "--batch") {
@@ -828,7 +856,7 @@ int fuzzMain(int argc, char** argv) {
                                         [&](const FuzzFlag& f) { return f.name == a; });
                flag != flags.end()) {
       if (i + 1 >= argc || !flag->set(argv[i + 1])) {
-        std::cerr << "oba-evpn-sim fuzz: " << a << " needs " << flag->arg << "\n";
+        std::cerr << "oba-evpn-sim fuzz: " << a << " needs " << flag->arg << got(i + 1) << "\n";
         return 2;
       }
       ++i;
@@ -839,8 +867,22 @@ int fuzzMain(int argc, char** argv) {
     }
   }
   if (seedGiven) o.seeds = 1;
+  // Where a failing run goes is checked before the first seed, not when the run has failed.
+  if (const std::string why = cannotWriteInFolder(o.outDir); !why.empty()) {
+    std::cerr << "oba-evpn-sim fuzz: --out '" << o.outDir << "': " << why << "\n";
+    return 2;
+  }
   std::signal(SIGABRT, onAbort);
-  FuzzResult r = fuzz(o, &std::cout, progress ? &std::cerr : nullptr);
+  FuzzResult r;
+  try {
+    r = fuzz(o, &std::cout, progress ? &std::cerr : nullptr);
+  } catch (const std::bad_alloc&) {
+    std::signal(SIGABRT, SIG_DFL);
+    std::cout.flush();
+    std::cerr << "oba-evpn-sim fuzz: out of memory in seed " << abortSeed << " at step "
+              << abortStep << "\n";
+    return 2;
+  }
   std::signal(SIGABRT, SIG_DFL);
   return r.failure ? 1 : 0;
 }

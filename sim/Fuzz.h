@@ -71,6 +71,14 @@ FuzzResult fuzz(const FuzzOptions& options, std::ostream* summary, std::ostream*
 // balance), then each family's own; the first that fails. `counters` may be null.
 std::optional<CheckFailure> checkAgent(const HostAgent& agent, Counters* counters);
 
+// What every check finds on the agent as it is, one line each, "<check>: <finding>" (the ledger,
+// then each family's first failing check); none when all hold. A scenario's `checks` expectation
+// compares with these, so that every failure the fuzzer finds can be stated in a scenario.
+std::vector<std::string> checkLines(const HostAgent& agent);
+
+// The largest --steps: a seed keeps its whole run, to write it as a scenario should it fail.
+constexpr std::uint32_t maxFuzzSteps = 100000;
+
 // The subcommand: `oba-evpn-sim fuzz [options]`, argv[1] being "fuzz". Exit status 0 when every
 // seed converged, 1 when one failed, 2 on bad arguments.
 int fuzzMain(int argc, char** argv);

@@ -5,6 +5,7 @@
 #include <limits>
 #include <map>
 #include <memory>
+#include <sstream>
 
 #include "Kiv/Trace.h"
 #include "Kiv/Types.h"
@@ -16,25 +17,22 @@ namespace Sim {
 
 // ---- the reader's value types -------------------------------------------------------------------
 
-void Reader::failExpected(const YAML::Node& n, const std::string& what) const {
-  std::string got;
-  if (n.IsMap()) {
-    got = "a map";
-  } else if (n.IsSequence()) {
-    got = "a list";
-  } else if (!n.IsScalar() || n.Scalar().empty()) {
-    got = "nothing";
-  } else {
-    // Enough of it to recognise, on one line.
-    constexpr std::size_t shown = 60;
-    const std::string& v = n.Scalar();
-    std::string text = v.substr(0, shown);
-    for (char& c : text) {
-      if (c == '\n' || c == '\t' || c == '\r') c = ' ';
-    }
-    got = "'" + text + (v.size() > shown ? "...'" : "'");
+std::string Reader::given(const YAML::Node& n) {
+  if (n.IsMap()) return "a map";
+  if (n.IsSequence()) return "a list";
+  if (!n.IsScalar() || n.Scalar().empty()) return "nothing";
+  // Enough of it to recognise, on one line.
+  constexpr std::size_t shown = 60;
+  const std::string& v = n.Scalar();
+  std::string text = v.substr(0, shown);
+  for (char& c : text) {
+    if (c == '\n' || c == '\t' || c == '\r') c = ' ';
   }
-  fail(n, "expected " + what + ", got " + got);
+  return "'" + text + (v.size() > shown ? "...'" : "'");
+}
+
+void Reader::failExpected(const YAML::Node& n, const std::string& what) const {
+  fail(n, "expected " + what + ", got " + given(n));
 }
 
 double Reader::number(const YAML::Node& n, const std::string& what) const {
@@ -54,11 +52,11 @@ double Reader::number(const YAML::Node& n, const std::string& what) const {
   });
 }
 
-double Reader::time(const YAML::Node& n) const {
-  static const std::string what =
-      "a time in seconds (0-" + std::to_string(static_cast<long>(maxScenarioTime)) + ")";
-  const double t = number(n, what);
-  if (t > maxScenarioTime) failExpected(n, what);
+double Reader::time(const YAML::Node& n, const std::string& what) const {
+  const std::string bounded =
+      what + " (0-" + std::to_string(static_cast<long>(maxScenarioTime)) + ")";
+  const double t = number(n, bounded);
+  if (t > maxScenarioTime) failExpected(n, bounded);
   return t;
 }
 
@@ -127,6 +125,15 @@ Evpn::EncapTypeLabel Reader::label(const YAML::Node& n) const {
   return l;
 }
 
+Evpn::EncapTypeLabel Reader::localLabel(const YAML::Node& n) const {
+  const char* what =
+      "a local ESI label (mpls:N, vxlan:N or none:N with N at most 1048575: the machine programs "
+      "it as an MPLS label whatever its encapsulation)";
+  auto l = parsed(n, what, Evpn::EncapTypeLabel::parse);
+  if (l.label() >= Quil::MplsLabel::noLabel) failExpected(n, what);
+  return l;
+}
+
 Quil::MplsLabel Reader::mplsLabel(const YAML::Node& n) const {
   const std::uint32_t v = count(n, "an MPLS label (0-1048575)");
   if (v >= Quil::MplsLabel::noLabel) failExpected(n, "an MPLS label (0-1048575)");
@@ -135,7 +142,7 @@ Quil::MplsLabel Reader::mplsLabel(const YAML::Node& n) const {
 
 void Reader::onlyKeys(const YAML::Node& m, const std::vector<std::string>& keys,
                       const std::string& what) const {
-  if (!m.IsMap()) fail(m, "expected a map for " + what);
+  if (!m.IsMap()) failExpected(m, "a map for " + what);
   for (const auto& kv : m) {
     std::string k = kv.first.Scalar();
     bool known = false;
@@ -241,7 +248,7 @@ class Actions {
     kinds_.emplace("restart", [machines, machineWhat](const Reader& r, const YAML::Node& v) {
       std::string m = r.scalar(v, machineWhat);
       if (std::find(machines.begin(), machines.end(), m) == machines.end()) {
-        r.fail(v, "expected " + machineWhat);
+        r.failExpected(v, machineWhat);
       }
       return std::make_shared<Restart>(m);
     });
@@ -262,7 +269,7 @@ class Actions {
 
   Action read(const Reader& r, const YAML::Node& n) const {
     if (!n.IsMap() || n.size() != 1) {
-      r.fail(n, "expected an action: a map with one key such as 'designatedForwarder'");
+      r.failExpected(n, "an action: a map with one key such as 'designatedForwarder'");
     }
     const std::string name = n.begin()->first.Scalar();
     auto kind = kinds_.find(name);
@@ -290,10 +297,12 @@ class Actions {
     SoftwareChip::Refusal rule;
     rule.op = r.scalar(r.field(v, "op"), "a chip operation");
     const ChipOperation* o = op(rule.op);
-    if (!o) r.fail(v["op"], "expected " + what);
+    if (!o) r.failExpected(v["op"], what);
     // A rule that names what the operation's calls do not carry could never match.
     for (auto [key, has] : {std::pair{"port", o->hasPort}, std::pair{"vlan", o->hasVlan}}) {
-      if (v[key] && !has) r.fail(v[key], rule.op + " calls name no " + key);
+      if (v[key] && !has) {
+        r.fail(v[key], rule.op + " calls name no " + key + ", got " + Reader::given(v[key]));
+      }
     }
     if (v["port"]) rule.port = o->portRead ? o->portRead(r, v["port"]) : r.port(v["port"]);
     if (v["vlan"]) rule.vlan = r.vlan(v["vlan"]);
@@ -318,6 +327,7 @@ class Expectations {
       }
     }
     names_.push_back("violations");
+    names_.push_back("checks");
     names_.push_back("abort");
   }
   const std::vector<std::string>& names() const { return names_; }
@@ -330,17 +340,20 @@ class Expectations {
     e.line = n.Mark().line + 1;
     auto table = tables_.find(key);
     const TableKind* t = table == tables_.end() ? nullptr : &table->second;
-    const std::string item = t ? t->item : key == "violations" ? "violations" : "calls";
+    const std::string item = t                     ? t->item
+                             : key == "violations" ? "violations"
+                             : key == "checks"     ? "findings"
+                                                   : "calls";
     YAML::Node list = n;
     if (n.IsMap()) {
       // {anyOrder: [...]} or {inOrder: [...]}: the comparison, said where it differs.
       r.onlyKeys(n, {"anyOrder", "inOrder"}, "'" + key + "'");
-      if (n.size() != 1) r.fail(n, "expected one of anyOrder or inOrder");
+      if (n.size() != 1) r.failExpected(n, "one of anyOrder or inOrder");
       e.ordered = n.begin()->first.Scalar() == "inOrder";
       list = n.begin()->second;
     }
     if (list.IsScalar() && (list.Scalar() == "none" || list.Scalar() == "0")) return e;
-    if (!list.IsSequence()) r.fail(list, "expected a list of " + item + " (or none)");
+    if (!list.IsSequence()) r.failExpected(list, "a list of " + item + " (or none)");
     for (const auto& entry : list) {
       if (entry.IsMap() && t && t->entry) {
         e.lines.push_back(t->entry(r, entry));
@@ -367,7 +380,10 @@ Scenario parseScenario(const std::string& text, const std::string& file, const F
     throw ScenarioError(file, e.mark.line + 1, e.mark.column + 1, "not valid YAML: " + e.msg);
   }
   Reader r(file);
-  if (!root.IsMap()) throw ScenarioError(file, 1, 1, "expected a scenario: a map with 'steps'");
+  if (!root.IsMap()) {
+    throw ScenarioError(file, 1, 1,
+                        "expected a scenario: a map with 'steps', got " + Reader::given(root));
+  }
   r.onlyKeys(root, {"name", "description", "initial", "steps"}, "the scenario");
   const Actions actions(families);
   const Expectations expectations(families);
@@ -378,17 +394,18 @@ Scenario parseScenario(const std::string& text, const std::string& file, const F
   s.name = root["name"] ? r.scalar(root["name"], "a name") : file;
   if (root["description"]) s.description = r.scalar(root["description"], "a description");
   if (YAML::Node init = root["initial"]) {
-    if (!init.IsSequence()) r.fail(init, "expected a list of actions under 'initial'");
+    if (!init.IsSequence()) r.failExpected(init, "a list of actions under 'initial'");
     for (const auto& a : init) {
       Action act = actions.read(r, a);
       if (act.body->needsStartedAgent()) {
-        r.fail(a, "a restart cannot come before the agent starts");
+        r.fail(a, "a restart cannot come before the agent starts, got restart: " +
+                      Reader::given(a.begin()->second));
       }
       s.initial.push_back(std::move(act));
     }
   }
   YAML::Node steps = r.field(root, "steps");
-  if (!steps.IsSequence()) r.fail(steps, "expected a list of steps under 'steps'");
+  if (!steps.IsSequence()) r.failExpected(steps, "a list of steps under 'steps'");
   double last = 0;
   const YAML::Node* aborted = nullptr;
   for (const auto& n : steps) {
@@ -397,7 +414,11 @@ Scenario parseScenario(const std::string& text, const std::string& file, const F
     Step step;
     step.line = n.Mark().line + 1;
     step.at = r.time(r.field(n, "at"));
-    if (step.at < last) r.fail(n["at"], "expected a time no earlier than the step before");
+    if (step.at < last) {
+      std::ostringstream before;
+      before << "a time no earlier than the step before (" << last << ")";
+      r.failExpected(n["at"], before.str());
+    }
     last = step.at;
     if (n["note"]) step.note = r.scalar(n["note"], "a note");
     if (n["trace"]) {
@@ -410,7 +431,7 @@ Scenario parseScenario(const std::string& text, const std::string& file, const F
       });
     }
     if (YAML::Node d = n["do"]) {
-      if (!d.IsSequence()) r.fail(d, "expected a list of actions under 'do'");
+      if (!d.IsSequence()) r.failExpected(d, "a list of actions under 'do'");
       for (const auto& a : d) step.actions.push_back(actions.read(r, a));
     }
     if (YAML::Node e = n["expect"]) {

@@ -22,7 +22,8 @@ namespace Sim {
 struct Expectation {
   int line = 0;
   // "calls" or "callsAnyOrder" (the chip calls since the last step that expected calls),
-  // "violations" (the chip's so far), or a table a family offers.
+  // "violations" (the chip's so far), "checks" (what the fuzzer's checks find now), or a table a
+  // family offers.
   std::string name;
   bool calls = false;    // one of the calls expectations
   bool ordered = false;  // compared in order, or as a multiset

@@ -61,6 +61,8 @@ class Reader {
   // "expected <what>, got '<the value>'" (or "got a map", "got a list"): every refused value
   // says what it was.
   [[noreturn]] void failExpected(const YAML::Node& n, const std::string& what) const;
+  // What a node holds, as a refusal quotes it: "'<the value>'", "a map", "a list" or "nothing".
+  static std::string given(const YAML::Node& n);
 
   std::string scalar(const YAML::Node& n, const std::string& what) const {
     if (!n.IsScalar()) failExpected(n, what);
@@ -80,8 +82,8 @@ class Reader {
 
   // A finite number, at least 0.
   double number(const YAML::Node& n, const std::string& what) const;
-  // A time in seconds: a number up to maxScenarioTime.
-  double time(const YAML::Node& n) const;
+  // A time in seconds (or a latency, as `what` says): a number up to maxScenarioTime.
+  double time(const YAML::Node& n, const std::string& what = "a time in seconds") const;
   std::uint32_t count(const YAML::Node& n, const std::string& what) const;
   bool flag(const YAML::Node& n) const;  // true or false
 
@@ -92,7 +94,10 @@ class Reader {
   Quil::IntfId tep(const YAML::Node& n) const;   // a dynamic tunnel interface
   Bridging::VlanId vlan(const YAML::Node& n) const;
   Evpn::EncapTypeLabel label(const YAML::Node& n) const;  // an MPLS one carries a real label
-  Quil::MplsLabel mplsLabel(const YAML::Node& n) const;   // 0-1048575
+  // A segment's local ESI label, which the machine programs as an MPLS label whatever its
+  // encapsulation: every value a real label.
+  Evpn::EncapTypeLabel localLabel(const YAML::Node& n) const;
+  Quil::MplsLabel mplsLabel(const YAML::Node& n) const;  // 0-1048575
 
   // The value of `key` in map `m`; a missing required key is an error at the map.
   YAML::Node field(const YAML::Node& m, const char* key) const {

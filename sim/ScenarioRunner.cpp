@@ -12,6 +12,7 @@
 #include "Kiv/Assert.h"
 #include "Kiv/Trace.h"
 #include "Kiv/Types.h"
+#include "sim/Fuzz.h"
 
 namespace Sim {
 
@@ -28,6 +29,7 @@ std::vector<std::string> actual(const Expectation& e, const HostAgent& agent,
                                 const std::vector<std::string>& calls) {
   if (e.calls) return calls;
   if (e.name == "violations") return agent.violationLines();
+  if (e.name == "checks") return checkLines(agent);
   return agent.tableLines(e.name);
 }
 
@@ -111,8 +113,11 @@ class Pace {
 
  private:
   void wait(double t) {
+    // Bounded (a century) so that no pace turns the wait into a count the clock overflows.
+    constexpr double longest = 100.0 * 365 * 24 * 3600;
+    const double seconds = std::min((t - origin_) / options_.realtime, longest);
     const auto due = start_ + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                                  std::chrono::duration<double>((t - origin_) / options_.realtime));
+                                  std::chrono::duration<double>(seconds));
     // In slices, so that a request to stop is heard within a tenth of a second.
     for (auto now = std::chrono::steady_clock::now(); now < due;
          now = std::chrono::steady_clock::now()) {
@@ -176,11 +181,22 @@ void waitUntil(HostAgent& agent, SimLog& log, double t, std::vector<std::string>
 
 }  // namespace
 
-// The initial inputs, the start, and each step; `current` follows the step being run.
+// Where a run is, for a report when it ends early: the step being run, or the line of the
+// initial action being applied (0: none, or the agent's start).
+struct Where {
+  const Step* step = nullptr;
+  int initialLine = 0;
+};
+
+// The initial inputs, the start, and each step; `at` follows what is being run.
 static void runSteps(const Scenario& s, HostAgent& agent, SimLog& log, const RunOptions& options,
-                     RunResult& result, const Step*& current) {
+                     RunResult& result, Where& at) {
   log.add(0, "scenario", s.name);
-  for (const Action& a : s.initial) agent.apply(a);
+  for (const Action& a : s.initial) {
+    at.initialLine = a.line;
+    agent.apply(a);
+  }
+  at.initialLine = 0;
   log.add(0, "agent", "start");
   agent.start();
   agent.scheduler->runDue();
@@ -197,7 +213,7 @@ static void runSteps(const Scenario& s, HostAgent& agent, SimLog& log, const Run
     // Reviews due before the step run at their own times (a part of the step: an abort there is
     // the step's); then the step begins, and what falls due exactly at its time runs before its
     // actions.
-    current = &step;
+    at.step = &step;
     waitUntil(agent, log, step.at, calls, pace);
     {
       StepTrace trace(step.trace);
@@ -265,9 +281,16 @@ RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
       if (options.hold) options.hold(agent);
     }
   } hold{options, agent};
-  const Step* current = nullptr;
+  Where at;
+  const Step*& current = at.step;
+  // Before the steps: the initial action being applied, or the agent's start.
+  auto beforeSteps = [&](const char* what) {
+    return at.initialLine > 0
+               ? s.file + ":" + std::to_string(at.initialLine) + ": the initial action " + what
+               : s.file + ": the agent's start " + what;
+  };
   try {
-    runSteps(s, agent, log, options, result, current);
+    runSteps(s, agent, log, options, result, at);
   } catch (const Kiv::AssertionFailure& f) {
     // The machine is the one whose chip call came last: an invariant the machines assert is
     // about what the chip just answered, and shared code cannot name its caller.
@@ -282,7 +305,7 @@ RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
         os << s.file << ":" << current->line << ": the step at time " << current->at
            << " aborted at time " << agent.now() << ":";
       } else {
-        os << s.file << ": the agent's start aborted:";
+        os << beforeSteps("aborted") << ":";
       }
       os << " " << what << "\n";
       result.failures.push_back(os.str());
@@ -302,7 +325,7 @@ RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
       os << s.file << ":" << current->line << ": the step at time " << current->at
          << " failed at time " << agent.now() << ": " << what << "\n";
     } else {
-      os << s.file << ": the agent's start failed: " << what << "\n";
+      os << beforeSteps("failed") << ": " << what << "\n";
     }
     log.add(agent.now(), "abort", what);
     log.flush();

@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -187,6 +188,34 @@ void checkScenarioText(const std::string& text, const std::string& file) {
   } catch (const YAML::Exception& e) {
     throw ScenarioError(file, e.mark.line + 1, e.mark.column + 1, "not valid YAML: " + e.msg);
   }
+}
+
+std::string cannotWriteFile(const std::string& path) {
+  if (path.empty()) return "an empty path";
+  struct stat st {};
+  if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return "it is a folder";
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+  if (fd < 0) return std::strerror(errno);
+  ::close(fd);
+  return {};
+}
+
+std::string cannotWriteInFolder(const std::string& path) {
+  if (path.empty()) return "an empty path";
+  std::error_code ec;
+  std::filesystem::create_directories(path, ec);
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) {
+    return "it cannot be made: " + (ec ? ec.message() : std::string(std::strerror(errno)));
+  }
+  if (!S_ISDIR(st.st_mode)) return "it is not a folder";
+  // Whoever may write anywhere (root) passes every permission test: only a file made tells.
+  const std::string probe = path + "/.oba-evpn-sim-" + std::to_string(::getpid());
+  const int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) return std::string("no file can be made in it: ") + std::strerror(errno);
+  ::close(fd);
+  ::unlink(probe.c_str());
+  return {};
 }
 
 std::string readScenarioText(const std::string& path) {

@@ -14,6 +14,12 @@ namespace Sim {
 // file is refused with the reason.
 std::string readScenarioText(const std::string& path);
 
+// Where the simulator writes (a picture, a folder of pictures, a failing run): what stops it, told
+// before anything runs, or empty when nothing does. A file is opened for writing (made if missing,
+// not emptied); a folder is made if missing, and a file made in it and removed again.
+std::string cannotWriteFile(const std::string& path);
+std::string cannotWriteInFolder(const std::string& path);
+
 // The length of the UTF-8 sequence that starts at `at`, or 0 where none does (overlong forms,
 // surrogates and code points past U+10FFFF are none).
 std::size_t utf8Length(std::string_view s, std::size_t at);

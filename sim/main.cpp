@@ -8,6 +8,7 @@
 #include <cstring>
 #include <iostream>
 #include <new>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,6 +20,7 @@
 #include "sim/Published.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
+#include "sim/ScenarioText.h"
 #include "sim/SimLog.h"
 
 namespace {
@@ -49,25 +51,38 @@ options:
   --hold         with --publish: after the last scenario, keep the agent and its tables until
                  SIGINT or SIGTERM
   --realtime [SPEED]
-                 pace virtual time to the wall clock, SPEED virtual seconds a second (default 1);
-                 SIGINT or SIGTERM runs the rest at once
+                 pace virtual time to the wall clock, SPEED virtual seconds a second (0.001 to
+                 1e6, default 1); SIGINT or SIGTERM runs the rest at once
   --help         this text
 
 exit status: 0 all well, 1 an expectation was not met, 2 bad input (file, line and what was
-expected are printed; nothing of the scenario is run), 3 a machine broke an invariant that the
-scenario does not expect (the step, its line, the machine and the assertion are printed)
+expected are printed; nothing of the scenario is run) or an output that cannot be written (checked
+before anything runs), 3 a machine broke an invariant that the scenario does not expect (the step,
+its line, the machine and the assertion are printed); with --check, each scenario ends with its
+PASS or FAIL line
 )";
 
-// Set by SIGINT and SIGTERM while the agent publishes its tables: the agent then leaves normally,
-// removing them, instead of dying with them in place.
+// Set by SIGINT and SIGTERM while the agent publishes its tables or virtual time is paced: the
+// rest runs at once and the agent leaves normally, its log complete and its tables removed,
+// instead of dying with them in place.
 volatile std::sig_atomic_t stopAsked = 0;
 void askStop(int) { stopAsked = 1; }
 
-// A number of virtual seconds per second: finite, above 0 and at most a million.
+// A number of virtual seconds per second, from a thousandth to a million: at a slower pace a
+// scenario's last time would lie further off than the wall clock can wait for.
+constexpr double minSpeed = 1e-3, maxSpeed = 1e6;
 bool readSpeed(const char* text, double& speed) {
   char* end = nullptr;
   speed = std::strtod(text, &end);
-  return end != text && *end == '\0' && std::isfinite(speed) && speed > 0 && speed <= 1e6;
+  return end != text && *end == '\0' && std::isfinite(speed) && speed >= minSpeed &&
+         speed <= maxSpeed;
+}
+
+// An output option's path that cannot be written: the message, or empty.
+std::string outputProblem(const char* option, const std::string& path, bool folder) {
+  const std::string why = folder ? Sim::cannotWriteInFolder(path) : Sim::cannotWriteFile(path);
+  if (why.empty()) return why;
+  return std::string("oba-evpn-sim: ") + option + " '" + path + "': " + why;
 }
 
 }  // namespace
@@ -76,7 +91,9 @@ int main(int argc, char** argv) {
   if (argc > 1 && std::strcmp(argv[1], "fuzz") == 0) return Sim::fuzzMain(argc, argv);
   Sim::RunOptions options;
   bool json = false, quiet = false, hold = false;
-  std::string trace, dotFile, dotDir;
+  std::string trace;
+  std::optional<std::string> dotFile, dotDir;  // given, even empty: an empty path is refused
+  bool dotGiven = false;
   std::vector<std::string> files;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
@@ -104,6 +121,7 @@ int main(int argc, char** argv) {
         return 2;
       }
       (a == "--dot" ? dotFile : dotDir) = argv[++i];
+      dotGiven = true;
     } else if (a == "--publish") {
       if (i + 1 >= argc) {
         std::cerr << "oba-evpn-sim: --publish needs a NAME\n";
@@ -125,7 +143,8 @@ int main(int argc, char** argv) {
       if (i + 1 < argc &&
           (std::isdigit(static_cast<unsigned char>(argv[i + 1][0])) || argv[i + 1][0] == '.')) {
         if (!readSpeed(argv[++i], options.realtime)) {
-          std::cerr << "oba-evpn-sim: --realtime: SPEED is a number above 0 and at most 1e6, got '"
+          std::cerr << "oba-evpn-sim: --realtime: SPEED is a number from 0.001 to 1e6 (a slower "
+                       "pace would wait past what the clock can count), got '"
                     << argv[i] << "'\n";
           return 2;
         }
@@ -162,21 +181,38 @@ int main(int argc, char** argv) {
     std::cerr << "oba-evpn-sim: --hold keeps published tables: it needs --publish NAME\n";
     return 2;
   }
-  if (!options.publish.empty()) {
-    std::signal(SIGINT, askStop);
-    std::signal(SIGTERM, askStop);
-    options.stopPacing = [] { return stopAsked != 0; };
-  }
-
-  Sim::DotPictures dot(dotFile, dotDir);
-  if (dot.enabled()) {
+  if (dotGiven) {
     if (scenarios.size() > 1) {
       std::cerr << "oba-evpn-sim: --dot and --dot-each draw one scenario, not " << scenarios.size()
                 << "\n";
       return 2;
     }
+    // Checked before anything runs: a run is not thrown away for want of a place to draw it. The
+    // folder first, as it is made, so that the last picture may go into it.
+    std::string problem = dotDir ? outputProblem("--dot-each", *dotDir, true) : "";
+    if (problem.empty() && dotFile) problem = outputProblem("--dot", *dotFile, false);
+    if (!problem.empty()) {
+      std::cerr << problem << "\n";
+      return 2;
+    }
+  }
+  if (!options.publish.empty() || options.realtime > 0) {
+    std::signal(SIGINT, askStop);
+    std::signal(SIGTERM, askStop);
+    options.stopPacing = [] { return stopAsked != 0; };
+  }
+
+  Sim::DotPictures dot(dotFile.value_or(""), dotDir.value_or(""));
+  // A picture that cannot be written after all (a full disk) ends the drawing, not the run.
+  std::string dotError;
+  if (dot.enabled()) {
     options.stepDone = [&](const Sim::HostAgent& a, const Sim::Step* step) {
-      dot.record(scenarios.front(), a, step);
+      if (!dotError.empty()) return;
+      try {
+        dot.record(scenarios.front(), a, step);
+      } catch (const std::exception& e) {
+        dotError = e.what();
+      }
     };
   }
 
@@ -199,20 +235,25 @@ int main(int argc, char** argv) {
         while (!stopAsked) std::this_thread::sleep_for(std::chrono::milliseconds(50));
       };
     }
+    auto verdict = [&](bool pass) {
+      if (options.check) std::cerr << (pass ? "PASS " : "FAIL ") << s.file << "\n";
+    };
     try {
       r = Sim::runScenario(s, log, options, &std::cout);
-      dot.finish();
+      if (dotError.empty()) dot.finish();
     } catch (const std::exception& e) {
-      std::cerr << "oba-evpn-sim: " << s.file << ": " << e.what() << "\n";
-      return 2;
+      dotError = e.what();
     }
     std::cout.flush();
     for (const auto& f : r.failures) std::cerr << (r.aborted ? "oba-evpn-sim: " : "") << f;
+    if (!dotError.empty()) {
+      std::cerr << "oba-evpn-sim: " << s.file << ": " << dotError << "\n";
+      verdict(false);
+      return r.aborted ? 3 : 2;
+    }
+    verdict(r.ok());
     if (r.aborted) return 3;
     if (!r.ok()) status = 1;
-    if (options.check) {
-      std::cerr << (r.ok() ? "PASS " : "FAIL ") << s.file << "\n";
-    }
   }
   return status;
 }

@@ -88,7 +88,7 @@ std::string errorOf(const std::string& action) {
 
 TEST(Dot1qDecapScenario, BadValuesAreRefusedWithWhereAndWhatWasExpected) {
   EXPECT_EQ(errorOf("viaSet: {set: 1, type: 0, index: 1}"),
-            "s.yaml:4:32: expected a via type (1-6; 6: Ethernet-segment filter)");
+            "s.yaml:4:32: expected a via type (1-6; 6: Ethernet-segment filter), got '0'");
   EXPECT_EQ(errorOf("dot1q: {vlan: 10, tag: 4095}"),
             "s.yaml:4:32: expected a dot1q tag (1-4094 or none), got '4095'");
   EXPECT_EQ(errorOf("route: {label: 1048576, viaSet: 1}"),

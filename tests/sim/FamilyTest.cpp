@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 
 #include "sim/ChipLink.h"
 #include "sim/Fuzz.h"
@@ -118,7 +120,6 @@ class RegisterFamily : public Sim::Family {
       const Sim::HostAgent& agent) const override {
     return {{"register", {std::to_string(agent.family<RegisterAgent>().input)}}};
   }
-  bool visibleToScenario(std::string_view check) const override { return check == "register"; }
 };
 
 TEST(Family, ANewFamilyJoinsScenariosAndTheFuzzerThroughItsOwnPlaceAlone) {
@@ -170,6 +171,47 @@ steps:
   EXPECT_TRUE(bad.failure->checkFails);
   EXPECT_LE(bad.failure->shrunkActions, 3u);
   RegisterChip::lost = 99;
+}
+
+// Whatever a check finds, a scenario can state: `checks` lists every check's findings, so a run
+// the fuzzer writes fails its replay even where no table shows the difference.
+TEST(Family, EveryCheckTheFuzzerRunsIsAnExpectation) {
+  RegisterFamily reg;
+  Sim::Families families = Sim::registeredFamilies();
+  families.push_back(&reg);
+  RegisterChip::lost = 2;
+  auto run = [&](const std::string& expect) {
+    Sim::SimLog quiet;
+    return Sim::runScenario(Sim::parseScenario("steps:\n  - at: 1\n    do:\n      - register: 2\n"
+                                               "    expect:\n      checks: " +
+                                                   expect + "\n",
+                                               "c.yaml", families),
+                            quiet, Sim::RunOptions{.check = true});
+  };
+  auto broken = run("none");
+  ASSERT_EQ(broken.failures.size(), 1u);
+  EXPECT_NE(broken.failures[0].find("c.yaml:6: expected checks"), std::string::npos);
+  EXPECT_NE(broken.failures[0].find("register: expected 2, actual 0"), std::string::npos)
+      << broken.failures[0];
+  EXPECT_TRUE(run("['register: expected 2, actual 0']").ok());
+  RegisterChip::lost = 99;
+  EXPECT_TRUE(run("none").ok());
+
+  // The fuzzer's written runs end with it.
+  Sim::FuzzOptions o;
+  o.seeds = 5;
+  o.steps = 100;
+  o.outDir = ::testing::TempDir() + "family-checks";
+  std::filesystem::remove_all(o.outDir);
+  RegisterChip::lost = 3;
+  Sim::FuzzResult bad = Sim::fuzz(o, nullptr, nullptr, families);
+  RegisterChip::lost = 99;
+  ASSERT_TRUE(bad.failure);
+  std::ifstream written(bad.failure->scenarioPath);
+  const std::string text((std::istreambuf_iterator<char>(written)),
+                         std::istreambuf_iterator<char>());
+  EXPECT_NE(text.find("      checks: none\n"), std::string::npos) << text;
+  EXPECT_TRUE(bad.failure->checkFails);
 }
 
 }  // namespace

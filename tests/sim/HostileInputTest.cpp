@@ -72,10 +72,10 @@ TEST(HostileInput, EveryRefusalNamesTheLineAndTheValueGiven) {
        "h.yaml:4:19: expected a number of hardware tunnel ids, got '4294967296'"},
       {doing("chipPool: 1.5"), "h.yaml:4:19: expected a number of hardware tunnel ids, got '1.5'"},
       // Labels, endpoints, VLANs: what the machines would refuse.
-      {doing("localEsiLabel: {segment: Ethernet1, label: mpls:2000000}"),
-       "h.yaml:4:52: " + labelWhat + ", got 'mpls:2000000'"},
-      {doing("localEsiLabel: {segment: Ethernet1, label: mpls:1048576}"),
-       "h.yaml:4:52: " + labelWhat + ", got 'mpls:1048576'"},
+      {doing("remoteEsiLabel: {segment: Ethernet1, tep: DynTunnel1.1, label: mpls:2000000}"),
+       "h.yaml:4:72: " + labelWhat + ", got 'mpls:2000000'"},
+      {doing("remoteEsiLabel: {segment: Ethernet1, tep: DynTunnel1.1, label: mpls:1048576}"),
+       "h.yaml:4:72: " + labelWhat + ", got 'mpls:1048576'"},
       {doing("segment: DynTunnel0.0"),
        "h.yaml:4:18: expected a segment interface (EthernetN or Port-ChannelN), got "
        "'DynTunnel0.0'"},
@@ -92,7 +92,7 @@ TEST(HostileInput, EveryRefusalNamesTheLineAndTheValueGiven) {
       {doing("chipRefuse: {op: createEsiData, port: Port-Channel1}"),
        "h.yaml:4:47: expected a physical port (EthernetN), got 'Port-Channel1'"},
       {doing("chipRefuse: {op: getHwTunnelId, vlan: 10}"),
-       "h.yaml:4:47: getHwTunnelId calls name no vlan"},
+       "h.yaml:4:47: getHwTunnelId calls name no vlan, got '10'"},
       // Ports with two owners.
       {"initial:\n  - localEsiLabel: {segment: Ethernet1, label: mpls:1}\n"
        "  - lag: {lag: Port-Channel1, members: [Ethernet2, Ethernet1]}\nsteps: []\n",
@@ -143,6 +143,86 @@ TEST(HostileInput, EveryRefusalNamesTheLineAndTheValueGiven) {
             "no error");
 }
 
+// Every kind of refusal, each quoting what the file gave (a value, or "a map", "a list").
+TEST(HostileInput, EveryKindOfRefusalQuotesTheValueGiven) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"hello\n", "got 'hello'"},
+      {"initial: x\nsteps: []\n", "got 'x'"},
+      {"steps: x\n", "got 'x'"},
+      {"initial:\n  - restart: agent\nsteps: []\n", "got restart: 'agent'"},
+      {"steps:\n  - at: 5\n  - at: 3\n",
+       "expected a time no earlier than the step before (5), got '3'"},
+      {step + "    do: x\n", "got 'x'"},
+      {doing("x"), "got 'x'"},
+      {doing("restart: nosuchMachine"), "got 'nosuchMachine'"},
+      {doing("chipRefuse: {op: frobnicate}"), "got 'frobnicate'"},
+      {doing("chipRefuse: {op: createEsiData, rc: programmed}"), "got 'programmed'"},
+      {doing("chipRefuse: {op: hwFecId, rc: accepted}"), "got 'accepted'"},
+      {doing("chipRefuse: {op: createEsiPortMap, rc: 0}"), "got '0'"},
+      {doing("chipRefuse: {op: createEsiPortMap, rc: lfibHwProgrammingSuccess}"),
+       "got 'lfibHwProgrammingSuccess'"},
+      {doing("designatedForwarder: Ethernet1"), "got 'Ethernet1'"},
+      {doing("lag: {lag: Port-Channel1, members: Ethernet1}"), "got 'Ethernet1'"},
+      {doing("maxChainLength: 0"), "got '0'"},
+      {doing("maxChainLength: 1"), "got '1'"},
+      {doing("maxChainLength: 4"), "got '4'"},
+      {doing("viaSet: {set: 1, type: 0, index: 1}"), "got '0'"},
+      {doing("viaSet: {set: 1, type: 7, index: 1}"), "got '7'"},
+      {doing("dot1qEnabled: yes"), "got 'yes'"},
+      {doing("loadBalance: {id: 1, next: dest/1}"), "got 'dest/1'"},
+      {doing("fecChipLatency: 1e7"), "got '1e7'"},
+      {doing("floodListLatency: -1"), "got '-1'"},
+      {step + "    expect:\n      esiData: {anyOrder: [], inOrder: []}\n", "got a map"},
+      {step + "    expect:\n      esiData: x\n", "got 'x'"},
+      {step + "    expect:\n      checks: x\n", "got 'x'"},
+  };
+  for (const auto& [text, got] : cases) {
+    const std::string error = firstLineOfError(text);
+    EXPECT_NE(error.find(got), std::string::npos) << error << "\n" << text;
+    EXPECT_EQ(error.rfind("h.yaml:", 0), 0u) << error;
+  }
+}
+
+// What a run would refuse mid-step, or change silently, is refused by the reader, in a step or
+// among the initial actions alike, with the file, line, column and value.
+TEST(HostileInput, WhatTheRunWouldRefuseOrChangeIsRefusedByTheReader) {
+  std::string nexts;
+  for (int i = 0; i < 257; ++i) nexts += (i ? ", " : "") + std::string("dest/1");
+  const std::string local =
+      "expected a local ESI label (mpls:N, vxlan:N or none:N with N at most 1048575: the machine "
+      "programs it as an MPLS label whatever its encapsulation), got ";
+  const std::string dest =
+      "expected a destination (mpls(TunnelT.I, LABEL) with LABEL 0-1048575, tunnel(TunnelT.I) or "
+      "intf(NAME); not on Tunnel0.0), got ";
+  const std::vector<std::pair<std::string, std::string>> actions = {
+      {"localEsiLabel: {segment: Ethernet1, label: vxlan:1048576}", local + "'vxlan:1048576'"},
+      {"localEsiLabel: {segment: Ethernet1, label: none:16777215}", local + "'none:16777215'"},
+      {"loadBalance: {id: 1, next: [" + nexts + "]}",
+       "expected at most 256 objects (the paths of one ECMP group), got 257"},
+      {"floodSetDest: {vlan: 10, dest: 'mpls(Tunnel1.1, 1048576)'}",
+       dest + "'mpls(Tunnel1.1, 1048576)'"},
+      {"floodSetDest: {vlan: 10, dest: 'mpls(Tunnel1.1, none)'}", dest + "'mpls(Tunnel1.1, none)'"},
+      {"mplsFloodSetDest: {vlan: 10, dest: 'mpls(Tunnel0.0, 1001)'}",
+       dest + "'mpls(Tunnel0.0, 1001)'"},
+      {"floodSetDest: {vlan: 10, dest: 'tunnel(Tunnel0.0)'}", dest + "'tunnel(Tunnel0.0)'"},
+  };
+  for (const auto& [action, error] : actions) {
+    const std::string inStep = firstLineOfError(doing(action));
+    EXPECT_EQ(inStep.substr(0, 9), "h.yaml:4:") << inStep;
+    EXPECT_NE(inStep.find(error), std::string::npos) << inStep;
+    const std::string inInitial = firstLineOfError("initial:\n  - " + action + "\nsteps: []\n");
+    EXPECT_EQ(inInitial.substr(0, 9), "h.yaml:2:") << inInitial;
+    EXPECT_NE(inInitial.find(error), std::string::npos) << inInitial;
+  }
+  // At the limits: read.
+  EXPECT_EQ(firstLineOfError(doing("localEsiLabel: {segment: Ethernet1, label: vxlan:1048575}")),
+            "no error");
+  nexts.resize(nexts.rfind(", "));
+  EXPECT_EQ(firstLineOfError(doing("loadBalance: {id: 1, next: [" + nexts + "]}")), "no error");
+  EXPECT_EQ(firstLineOfError(doing("floodSetDest: {vlan: 10, dest: 'mpls(Tunnel1.1, 1048575)'}")),
+            "no error");
+}
+
 TEST(HostileInput, AFileThatCannotBeReadSaysWhy) {
   auto errorOfFile = [](const std::string& path) {
     try {
@@ -176,6 +256,9 @@ int fuzzExit(std::vector<std::string> args) {
 }
 
 TEST(HostileInput, TheFuzzerRefusesArgumentsThatMeanNoRun) {
+  // A run keeps its whole history: a count it could not keep is refused before it starts.
+  EXPECT_EQ(fuzzExit({"--steps", "4294967295"}), 2);
+  EXPECT_EQ(fuzzExit({"--steps", std::to_string(Sim::maxFuzzSteps + 1)}), 2);
   EXPECT_EQ(fuzzExit({"--pool", "0", "--steps", "0"}), 2);
   EXPECT_EQ(fuzzExit({"--seeds", "0"}), 2);
   EXPECT_EQ(fuzzExit({"--fault-rate", "nan"}), 2);
@@ -239,6 +322,12 @@ TEST(HostileInput, AnExceptionInAStepIsToldAsTheStep) {
   EXPECT_EQ(r.failures.back(),
             "t.yaml:3: the step at time 2 failed at time 2: a value out of range\n");
   EXPECT_EQ(out.str().find("MplsLabel"), std::string::npos);
+
+  // Among the initial actions: the action's line.
+  s.steps[1].actions.clear();
+  s.initial.push_back(Sim::Action{7, std::make_shared<Throwing>()});
+  r = Sim::runScenario(s, log, {});
+  EXPECT_EQ(r.failures.back(), "t.yaml:7: the initial action failed: a value out of range\n");
 }
 
 }  // namespace

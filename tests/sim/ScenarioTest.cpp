@@ -38,7 +38,7 @@ TEST(Scenario, MistakesNameTheLineColumnAndWhatWasExpected) {
             "s.yaml:4:66: expected a tunnel endpoint (DynTunnelT.I, with T at most 65535, not "
             "DynTunnel0.0), got 'DynTunnel65536.1'");
   EXPECT_EQ(errorOf("steps:\n  - at: 2\n  - at: 1\n"),
-            "s.yaml:3:9: expected a time no earlier than the step before");
+            "s.yaml:3:9: expected a time no earlier than the step before (2), got '1'");
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - designatedForwarder: "
                     "{segment: Ethernet1, vlan: 10}\n"),
             "s.yaml:4:30: missing 'tep'");
@@ -49,18 +49,18 @@ TEST(Scenario, MistakesNameTheLineColumnAndWhatWasExpected) {
                              0),
             0u)
       << unknownKey;
-  EXPECT_TRUE(unknownKey.ends_with(", violations, abort)")) << unknownKey;
+  EXPECT_TRUE(unknownKey.ends_with(", violations, checks, abort)")) << unknownKey;
   EXPECT_NE(errorOf("steps:\n  - at: 1\n    do:\n      - dfSet: {}\n")
                 .find("s.yaml:4:9: unknown action 'dfSet'"),
             std::string::npos);
   EXPECT_NE(errorOf("steps: [\n").find("s.yaml:"), std::string::npos);
   EXPECT_EQ(errorOf("initial:\n  - restart: agent\nsteps: []\n"),
-            "s.yaml:2:5: a restart cannot come before the agent starts");
+            "s.yaml:2:5: a restart cannot come before the agent starts, got restart: 'agent'");
   const std::string restart = errorOf("steps:\n  - at: 1\n    do:\n      - restart: flooding\n");
   EXPECT_EQ(
       restart.rfind("s.yaml:4:18: expected a machine to restart (hwTunnelId, floodingEsi, ", 0), 0u)
       << restart;
-  EXPECT_TRUE(restart.ends_with(" or agent)")) << restart;
+  EXPECT_TRUE(restart.ends_with(" or agent), got 'flooding'")) << restart;
   // The forms every family's expectations share: entries as maps, a stated order, a trace.
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    expect:\n      esiData:\n        - {port: "
                     "Ethernet1, vlan: 10, tunnel: DynTunnel1.1, hw: 1, label: 1001}\n"),
@@ -78,7 +78,7 @@ TEST(Scenario, MacFecMistakesNameTheLineColumnAndWhatWasExpected) {
             "s.yaml:4:39: expected an object of the RIB (label/N, loadBalance/N or dest/N), got "
             "'lable/2'");
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - maxChainLength: 4\n"),
-            "s.yaml:4:25: expected a chain length (2 or 3)");
+            "s.yaml:4:25: expected a chain length (2 or 3), got '4'");
   EXPECT_EQ(errorOf("steps:\n  - at: 1\n    do:\n      - hostDel: {vlan: 10, mac: 2:0}\n"),
             "s.yaml:4:34: expected a MAC address (aa:bb:cc:dd:ee:ff), got '2:0'");
 }

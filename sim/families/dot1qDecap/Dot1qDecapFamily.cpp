@@ -376,7 +376,7 @@ Bridging::VlanIdOrNone tagOf(const Reader& r, const YAML::Node& n) {
 Mpls::LfibViaKey viaOf(const Reader& r, const YAML::Node& m) {
   const YAML::Node t = r.field(m, "type");
   const std::uint32_t type = r.count(t, "a via type (1-6; 6: Ethernet-segment filter)");
-  if (type < 1 || type > 6) r.fail(t, "expected a via type (1-6; 6: Ethernet-segment filter)");
+  if (type < 1 || type > 6) r.failExpected(t, "a via type (1-6; 6: Ethernet-segment filter)");
   return Mpls::LfibViaKey(static_cast<Mpls::LfibViaType>(type),
                           r.count(r.field(m, "index"), "a via index"));
 }
@@ -636,12 +636,12 @@ class Dot1qDecapFamily : public Family {
       std::uint32_t v = 0;
       auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
       if (ec == std::errc() && end == s.data() + s.size()) {
-        if (v == 0) r.fail(n, std::string("expected ") + lfibWhat + ", got '" + s + "'");
+        if (v == 0) r.failExpected(n, lfibWhat);
         return v;
       }
       const auto rc = r.parsed(n, lfibWhat, Mpls::parseLfibHwProgrammingReturnCode);
       if (rc == Mpls::LfibHwProgrammingReturnCode::lfibHwProgrammingSuccess) {
-        r.fail(n, std::string("expected ") + lfibWhat + ", got '" + s + "'");
+        r.failExpected(n, lfibWhat);
       }
       return static_cast<std::uint32_t>(rc);
     };
@@ -727,10 +727,6 @@ class Dot1qDecapFamily : public Family {
       portMaps.push_back(portMapLine(label, intf));
     }
     return {{"dot1q", dot1q}, {"esiPortMaps", portMaps}};
-  }
-
-  bool visibleToScenario(std::string_view check) const override {
-    return check == "dot1q" || check == "esiPortMaps";
   }
 
   std::vector<FuzzFlag> fuzzFlags() const override {

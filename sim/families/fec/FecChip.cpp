@@ -72,7 +72,7 @@ ChipOperation FecChip::refuseOperation() {
   return {"hwFecId",
           "refused",
           [](const Reader& r, const YAML::Node& n) {
-            if (r.scalar(n, "refused") != "refused") r.fail(n, "expected refused");
+            if (r.scalar(n, "refused") != "refused") r.failExpected(n, "refused");
             return refusedRc;
           },
           refusedRc,

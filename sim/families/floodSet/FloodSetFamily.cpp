@@ -411,9 +411,18 @@ Quil::EthAddr macOf(const Reader& r, const YAML::Node& m) {
 }
 
 L2Rib::Dest destOf(const Reader& r, const YAML::Node& m) {
-  return r.parsed(r.field(m, "dest"),
-                  "a destination (mpls(TunnelT.I, LABEL), tunnel(TunnelT.I) or intf(NAME))",
-                  L2Rib::Dest::parse);
+  // The flood-set machines program an MPLS destination's label as it is (a missing one as "no
+  // label") and drop a destination on the invalid tunnel: neither is what the file said.
+  const char* what =
+      "a destination (mpls(TunnelT.I, LABEL) with LABEL 0-1048575, tunnel(TunnelT.I) or "
+      "intf(NAME); not on Tunnel0.0)";
+  const YAML::Node n = r.field(m, "dest");
+  const L2Rib::Dest d = r.parsed(n, what, L2Rib::Dest::parse);
+  const bool overTunnel =
+      d.destType() == L2Rib::destTypeMpls_ || d.destType() == L2Rib::destTypeTunnel_;
+  if (overTunnel && !d.tunnel().isValid()) r.failExpected(n, what);
+  if (d.destType() == L2Rib::destTypeMpls_ && d.label().isNoLabel()) r.failExpected(n, what);
+  return d;
 }
 
 // {vlan, mac?, dest}: one destination of one flood set.
@@ -471,7 +480,7 @@ const ActionDef actionDefs[] = {
      }},
     {"floodListLatency", Kind::floodListLatency,
      [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
-       a.seconds = r.number(v, "a latency in seconds");
+       a.seconds = r.time(v, "a latency in seconds");
      }},
 };
 
@@ -622,10 +631,6 @@ class FloodSetFamily : public Family {
       const HostAgent& agent) const override {
     const auto& f = agent.family<FloodSetAgent>();
     return {{"mplsFloodSet", expectedMplsFloodSetLines(f)}, {"floodLists", f.listLines()}};
-  }
-
-  bool visibleToScenario(std::string_view check) const override {
-    return check == "mplsFloodSet" || check == "floodLists";
   }
 
   std::vector<FuzzFlag> fuzzFlags() const override {

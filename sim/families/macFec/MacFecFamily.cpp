@@ -507,7 +507,14 @@ const ActionDef actionDefs[] = {
      [](const Reader& r, const YAML::Node& v, MacAction& a) {
        r.onlyKeys(v, {"id", "next"}, "loadBalance");
        a.row = ObjTuple::loadBalance(L2Rib::LoadBalanceId(ribId(r, r.field(v, "id"))));
-       if (!r.field(v, "next").IsSequence()) r.fail(v["next"], "expected a list of objects");
+       if (!r.field(v, "next").IsSequence()) r.failExpected(v["next"], "a list of objects");
+       // One via per path, at an ECMP index: a longer list is none the FEC could hold.
+       constexpr std::size_t paths = Shoal::Fib::EcmpIndex::max + 1;
+       if (v["next"].size() > paths) {
+         r.fail(v["next"], "expected at most " + std::to_string(paths) +
+                               " objects (the paths of one ECMP group), got " +
+                               std::to_string(v["next"].size()));
+       }
        for (const auto& n : v["next"]) a.next.push_back(tuple(r, n));
      }},
     {"loadBalanceDel", Kind::loadBalanceDel,
@@ -531,7 +538,7 @@ const ActionDef actionDefs[] = {
     {"maxChainLength", Kind::maxChainLength,
      [](const Reader& r, const YAML::Node& v, MacAction& a) {
        a.count = r.count(v, "a chain length (2 or 3)");
-       if (a.count != 2 && a.count != 3) r.fail(v, "expected a chain length (2 or 3)");
+       if (a.count != 2 && a.count != 3) r.failExpected(v, "a chain length (2 or 3)");
      }},
     {"fecChipCapacity", Kind::fecChipCapacity,
      [](const Reader& r, const YAML::Node& v, MacAction& a) {
@@ -539,8 +546,7 @@ const ActionDef actionDefs[] = {
      }},
     {"fecChipLatency", Kind::fecChipLatency,
      [](const Reader& r, const YAML::Node& v, MacAction& a) {
-       a.seconds = r.number(v, "a latency in seconds");
-       if (a.seconds < 0) r.fail(v, "expected a latency in seconds");
+       a.seconds = r.time(v, "a latency in seconds");
      }},
     {"fecChipWithdraw", Kind::fecChipWithdraw,
      [](const Reader& r, const YAML::Node& v, MacAction& a) {
@@ -730,10 +736,6 @@ class MacFecFamily : public Family {
   std::vector<std::pair<std::string, std::vector<std::string>>> finalExpectations(
       const HostAgent& agent) const override {
     return macFecExpectations(agent.family<MacFecAgent>());
-  }
-
-  bool visibleToScenario(std::string_view check) const override {
-    return check == "fecs" || check == "macFec result" || check == "fecChip";
   }
 
   std::vector<FuzzFlag> fuzzFlags() const override {

@@ -310,7 +310,7 @@ const ActionDef actionDefs[] = {
      [](const Reader& r, const YAML::Node& v, EsiAction& a) {
        r.onlyKeys(v, {"segment", "label"}, "localEsiLabel");
        a.segment = r.segment(r.field(v, "segment"));
-       a.label = r.label(r.field(v, "label"));
+       a.label = r.localLabel(r.field(v, "label"));
      }},
     {"localEsiLabelDel", Kind::localEsiLabelDel,
      [](const Reader& r, const YAML::Node& v, EsiAction& a) { a.segment = r.segment(v); }},
@@ -322,7 +322,7 @@ const ActionDef actionDefs[] = {
      [](const Reader& r, const YAML::Node& v, EsiAction& a) {
        r.onlyKeys(v, {"lag", "members"}, "lag");
        a.segment = r.lag(r.field(v, "lag"));
-       if (!r.field(v, "members").IsSequence()) r.fail(v["members"], "expected a list of ports");
+       if (!r.field(v, "members").IsSequence()) r.failExpected(v["members"], "a list of ports");
        for (const auto& m : v["members"]) a.members.push_back(r.port(m));
      }},
     {"lagDel", Kind::lagDel,
@@ -661,10 +661,6 @@ class TunnelEsiFamily : public Family {
     std::sort(ids.begin(), ids.end());
     for (auto id : ids) hwIds.push_back(std::to_string(id));
     return {{"esiData", esiLines}, {"mapping", mappingLines}, {"hwTunnelIds", hwIds}};
-  }
-
-  bool visibleToScenario(std::string_view check) const override {
-    return check == "esiData" || check == "mapping";
   }
 
   std::vector<FuzzFlag> fuzzFlags() const override {
