@@ -1,6 +1,7 @@
 #include "ObaEvpn/ObaMacAddrFecRequestSm.h"
 
 #include <algorithm>
+#include <sstream>
 
 namespace Oba {
 
@@ -240,23 +241,34 @@ void ObaMacAddrFecRequestSm::updateMapsForHostTableChange(const L2Rib::HostAndSo
 // The steps shared by labels and load balances: refresh the maps, build or delete the FEC, and
 // rebuild what depends on the object where its change can matter to them.
 template <class Row, class UpdateMaps, class Build>
-static void settleChainHead(ObaMacAddrFecRequestSm& sm, const ObjTuple& objTuple, const Row& row,
-                            UpdateMaps updateMaps, Build build) {
+void ObaMacAddrFecRequestSm::settleChainHead(const ObjTuple& objTuple, const Row& row,
+                                             UpdateMaps updateMaps, Build build) {
+  settling_.push_back(objTuple);
+  struct Settled {
+    std::vector<ObjTuple>& settling;
+    ~Settled() { settling.pop_back(); }
+  } settled{settling_};
   const bool gone = row == Row();
-  const bool known = sm.nextHopForwardMapHas(objTuple);
+  const bool known = nextHopForwardMapHas(objTuple);
   updateMaps();
-  const bool deservesFec =
-      sm.isFirstLevelNextHop(objTuple).value_or(0) != 0 || sm.maxChainLength() == 3;
+  const bool deservesFec = isFirstLevelNextHop(objTuple).value_or(0) != 0 || maxChainLength() == 3;
   if (!deservesFec || (gone && known)) {
-    sm.deleteFec(objTuple);
+    deleteFec(objTuple);
   } else {
     // Also an object gone before it was ever known: built from the default value, a FEC
     // without vias.
-    sm.addFec(build(), objTuple);
+    try {
+      addFec(build(), objTuple);
+    } catch (...) {
+      // Nothing was published: the number taken for it goes back.
+      if (unpublishedNumber_) numAllocator()->release(*unpublishedNumber_);
+      unpublishedNumber_.reset();
+      throw;
+    }
   }
   // A known object that merely changed is left to itself in three-level chains: what points at
   // it names its FEC, which keeps its id.
-  if (sm.maxChainLength() == 2 || gone || !known) sm.handleDependants(objTuple);
+  if (maxChainLength() == 2 || gone || !known) handleDependants(objTuple);
 }
 
 void ObaMacAddrFecRequestSm::handleLabel(const L2Rib::LabelId& labelId) {
@@ -266,7 +278,7 @@ void ObaMacAddrFecRequestSm::handleLabel(const L2Rib::LabelId& labelId) {
     const ObjTuple objTuple = ObjTuple::label(labelId);
     const L2Rib::Label label = labelTable()->label(labelId).row;
     settleChainHead(
-        *this, objTuple, label, [&] { updateMapsForLabelTableChange(label, labelId, objTuple); },
+        objTuple, label, [&] { updateMapsForLabelTableChange(label, labelId, objTuple); },
         [&] { return buildFecForLabel(label, labelId, objTuple); });
   });
 }
@@ -278,7 +290,7 @@ void ObaMacAddrFecRequestSm::handleLb(const L2Rib::LoadBalanceId& lbId) {
     const ObjTuple objTuple = ObjTuple::loadBalance(lbId);
     const L2Rib::LoadBalance lb = lbTable()->loadBalance(lbId).row;
     settleChainHead(
-        *this, objTuple, lb, [&] { updateMapsForLbTableChange(lb, lbId, objTuple); },
+        objTuple, lb, [&] { updateMapsForLbTableChange(lb, lbId, objTuple); },
         [&] { return buildFecForLb(lb, lbId, objTuple); });
   });
 }
@@ -356,8 +368,30 @@ void ObaMacAddrFecRequestSm::handleDependants(const ObjTuple& objTuple) {
     auto forwardMapIter = nextHopForwardMap(dependant);
     KIV_ASSERT_TEXT(forwardMapIter && forwardMapIter->objTupleHas(objTuple),
                     "forwardMapIter.isMemberOf( iter.key() )");
+    if (closesCycle(dependant)) continue;
     handleChainHead(dependant);
   }
+}
+
+// A RIB written wrongly may point an object back at itself, directly or through others. Every
+// such cycle holds a shape no chain may have (a label under a label, a load balance under a load
+// balance, a label under a load balance that does not end at a destination): building a FEC for
+// one of its objects stops on that shape's assertion. Objects that deserve no FEC are only walked,
+// and the walk up to the dependants would climb the cycle for ever: it stops where the cycle
+// closes, and the cycle's objects stay without a FEC, as a chain that does not resolve.
+bool ObaMacAddrFecRequestSm::closesCycle(const ObjTuple& dependant) const {
+  const auto at = std::find(settling_.begin(), settling_.end(), dependant);
+  if (at == settling_.end()) return false;
+  // The path is held from the object that changed up to its dependants; the cycle reads the
+  // other way, each object to the one it points at.
+  auto cycle = [&] {
+    std::ostringstream os;
+    os << dependant;
+    for (auto it = settling_.end(); it != at;) os << " -> " << *--it;
+    return os.str();
+  };
+  OBA_TRACE5(th, "cycle in the layer-2 RIB, chain left unresolved: ", cycle());
+  return true;
 }
 
 // ---- FECs -------------------------------------------------------------------------------------
@@ -368,6 +402,7 @@ ObaMacAddrFecRequestSm::FecId ObaMacAddrFecRequestSm::getFecId(const ObjTuple& o
   // Exhausted: the invalid number stands as the FEC id, unencoded; the request still goes out.
   if (id == Mox::NumAllocator::invalid) return FecId::invalid();
   KIV_ASSERT_TEXT(id >= 0, "id >= 0");
+  unpublishedNumber_ = id;
   return FecId::encode(Shoal::Fib::FecIdAdjType::tunnel, static_cast<std::uint64_t>(id));
 }
 
@@ -436,6 +471,7 @@ ObaMacAddrFecRequestSm::Fec ObaMacAddrFecRequestSm::buildFecForLb(const L2Rib::L
 void ObaMacAddrFecRequestSm::addFec(const Fec& fec, const ObjTuple& objTuple) {
   OBA_TRACE8(th, "addFec", " ObjTuple:" << objTuple << " Fec" << fec);
   fecRequest()->objTupleToFecIdIs(ObjTupleAndFecId(objTuple, fec.fecId()));
+  unpublishedNumber_.reset();
   fecRequest()->fecIs(fec);
   objTupleCacheIs(objTuple, true);
   fecCacheIs(fec.fecId(), true);

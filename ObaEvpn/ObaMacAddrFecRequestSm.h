@@ -19,6 +19,8 @@
 // l2RibOutput, fecResponse, fecRequest, objTupleToHwIdMap, timerWheel, scheduler).
 
 #include <cstdint>
+#include <optional>
+#include <vector>
 
 #include "Bridging/MacVlanPair.h"
 #include "Kiv/Reactor.h"
@@ -169,6 +171,10 @@ class OBA_EXPORT ObaMacAddrFecRequestSm : public Kiv::PtrInterface, public FecNu
   void maybeUpdateFecRequest(const ObjTuple& objTuple, bool isDelete);
 
  private:
+  template <class Row, class UpdateMaps, class Build>
+  void settleChainHead(const ObjTuple& objTuple, const Row& row, UpdateMaps updateMaps,
+                       Build build);
+  bool closesCycle(const ObjTuple& dependant) const;
   void handleChainHead(const ObjTuple& objTuple);
   void replaceNextHops(const ObjTuple& objTuple, const ObjTuple* first, const ObjTuple* last,
                        bool gone);
@@ -180,6 +186,12 @@ class OBA_EXPORT ObaMacAddrFecRequestSm : public Kiv::PtrInterface, public FecNu
   Kiv::Ptr<Mox::TimerWheel> timerWheel_;
   Kiv::Ptr<Mox::TaskScheduler> scheduler_;
   std::uint32_t maxChainLength_ = maxChainLengthDefault;
+  // The chain heads being settled, outermost first: settling one settles what depends on it in
+  // turn, so a head met again on this path closes a cycle in the RIB.
+  std::vector<ObjTuple> settling_;
+  // A number taken from the allocator for a FEC not yet published: a build that fails after
+  // taking it (a torn row, a path out of the ECMP range) gives it back.
+  std::optional<std::int64_t> unpublishedNumber_;
 };
 
 OBA_EXPORT Kiv::Ptr<ObaMacAddrFecRequestSm> obaMacAddrFecRequestSmFactory(

@@ -136,6 +136,9 @@ class FamilyFuzz {
   };
   virtual void choices(bool initial, std::vector<Choice>& out) const = 0;
   virtual Action action(std::uint32_t kind, Rng& rng) const = 0;
+  // Actions that end a burst of drawn actions (every family's), appended to `out`: a row a
+  // family tore in the burst is written again, as its writer finishes the write.
+  virtual void burstEnd(const std::vector<Action>&, std::vector<Action>&) const {}
 };
 
 // A command-line option of `oba-evpn-sim fuzz` that a family adds (its canaries).

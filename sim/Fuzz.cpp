@@ -308,6 +308,9 @@ class SeedRun {
       for (std::uint64_t n = r().chance(0.8) ? 1 : 2 + r().below(2); n > 0; --n) {
         actions_.push_back(randomAction(worlds_, r(), o_, false, table_));
       }
+      ending_.clear();
+      for (const auto& f : worlds_.fuzz) f->burstEnd(actions_, ending_);
+      actions_.insert(actions_.end(), ending_.begin(), ending_.end());
       burst(at, actions_);
     }
   }
@@ -337,7 +340,7 @@ class SeedRun {
   HostAgent agent_;
   Record* rec_;
   std::uint32_t step_ = 0;
-  std::vector<Action> actions_;
+  std::vector<Action> actions_, ending_;
   std::vector<std::pair<std::size_t, FamilyFuzz::Choice>> table_;
 };
 

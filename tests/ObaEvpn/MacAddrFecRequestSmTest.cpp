@@ -231,7 +231,8 @@ TEST_F(MacAddrFecRequestSmTest, KnownHazardsAtTheEdges) {
   EXPECT_FALSE(request->fec(FecId::invalid()).found);
   EXPECT_FALSE(request->hwFecIdRequest(FecId::invalid()).found);
 
-  // An ECMP index out of range is found after the FEC number was allocated: the number is lost.
+  // A build that fails after its FEC number was taken gives the number back: an ECMP index out
+  // of range, and a torn row read on the way.
   std::vector<ObjTuple> wide(Shoal::Fib::EcmpIndex::max + 2, dest(1));
   lbs->loadBalanceIs(LoadBalanceId(1), L2Rib::LoadBalance(wide));
   sm->numAllocatorConfigIs({1, 100});
@@ -239,7 +240,57 @@ TEST_F(MacAddrFecRequestSmTest, KnownHazardsAtTheEdges) {
   sm->numAllocatorIs(sm->numAllocatorConfig(), sm->numAllocatorStatus(), clock);
   EXPECT_THROW(hostOn(6, lb(1)), Kiv::RangeException);
   EXPECT_FALSE(hasFec(lb(1)));
+  EXPECT_EQ(sm->numAllocatorStatus()->allocated(), 0u);
+  tunnelDest(2);
+  labelTo(6, 1006, dest(2));
+  dests->destCorruptIs(DestId(2));
+  hostOn(7, label(6));
+  EXPECT_TRUE(traces.has("corrupt row, change not handled: corrupt row DestId2"));
+  EXPECT_FALSE(hasFec(label(6)));
+  EXPECT_EQ(sm->numAllocatorStatus()->allocated(), 0u);
+  tunnelDest(2);  // the RIB's rewrite
+  EXPECT_EQ(vias(label(6)), "via(0, 1006, Tunnel1.2) ");
   EXPECT_EQ(sm->numAllocatorStatus()->allocated(), 1u);
+}
+
+// A RIB written wrongly can point an object back at itself. Walking up to the dependants stops
+// where the cycle closes, names it, and leaves the cycle's objects without a FEC; chains beside
+// it are unaffected.
+TEST_F(MacAddrFecRequestSmTest, CyclesInTheRibAreNamedAndLeftUnresolved) {
+  tunnelDest(1);
+  labelTo(5, 1005, dest(1));
+  hostOn(1, label(5));
+  start();
+  drain();
+  auto cycle = [this](const std::string& text) {
+    return traces.has("cycle in the layer-2 RIB, chain left unresolved: " + text);
+  };
+  labelTo(1, 1001, label(1));
+  EXPECT_TRUE(cycle("label/1 -> label/1"));
+  labelTo(2, 1002, label(3));
+  labelTo(3, 1003, label(2));
+  EXPECT_TRUE(cycle("label/3 -> label/2 -> label/3"));
+  lbs->loadBalanceIs(LoadBalanceId(1), L2Rib::LoadBalance({dest(1), lb(1)}));
+  EXPECT_TRUE(cycle("loadBalance/1 -> loadBalance/1"));
+  labelTo(4, 1004, lb(2));
+  lbs->loadBalanceIs(LoadBalanceId(2), L2Rib::LoadBalance({dest(1), label(4)}));
+  EXPECT_TRUE(cycle("loadBalance/2 -> label/4 -> loadBalance/2"));
+  for (auto t : {label(1), label(2), label(3), label(4), lb(1), lb(2)}) EXPECT_FALSE(hasFec(t));
+
+  // A change below the cycles climbs into them and stops; the chain beside them follows it.
+  traces.clear();
+  dests->destIs(DestId(1), L2Rib::Dest::tunnel(tunnel(9)));
+  EXPECT_TRUE(cycle("loadBalance/1 -> loadBalance/1"));
+  EXPECT_TRUE(cycle("loadBalance/2 -> label/4 -> loadBalance/2"));
+  EXPECT_EQ(vias(label(5)), "via(0, 1005, Tunnel1.9) ");
+
+  // A new incarnation meets them again from its backlog, and survives them too.
+  traces.clear();
+  start();
+  drain();
+  EXPECT_TRUE(cycle("label/1 -> label/1"));
+  EXPECT_EQ(vias(label(5)), "via(0, 1005, Tunnel1.9) ");
+  EXPECT_EQ(request->fecs(), 1u);
 }
 
 TEST_F(MacAddrFecRequestSmTest, ALabelDeletedBeforeTheReviewReachedItStaysAnEmptyFec) {
@@ -264,6 +315,10 @@ TEST_F(MacAddrFecRequestSmDeathTest, BrokenChainsAbort) {
                "assertion \"label.next\\(\\).tableType\\(\\) != L2Rib::tableTypeLabel_\" failed");
   EXPECT_DEATH(dests->destIs(DestId(3), L2Rib::Dest::intf(Quil::IntfId::ethernet(1))),
                "assertion \"dest.destType\\(\\) == L2Rib::destTypeTunnel_\" failed");
+  // A cycle that a host makes the machine build stops on the shape that closes it.
+  lbs->loadBalanceIs(LoadBalanceId(1), L2Rib::LoadBalance({dest(1), lb(1)}));
+  EXPECT_DEATH(hostOn(3, lb(1)),
+               "assertion \"iter->tableType\\(\\) != L2Rib::tableTypeLoadBalance_\" failed");
 }
 
 }  // namespace

@@ -112,6 +112,36 @@ TEST(FecChip, ALostWithdrawalLeavesAnIdHeldThatTheLedgerNames) {
                                                      "gone"});
 }
 
+// Every way an id comes back wakes the requests that wait for one: here, another table letting go
+// of the id it still named. And an answer on its way out is not moved.
+TEST(FecChip, AnIdAnotherTableLetsGoOfReachesTheWaitingRequest) {
+  Sim::SimLog quiet;
+  Sim::HostAgent agent(&quiet);
+  auto chip = Sim::FecChip::of(agent);
+  Requester r;
+  chip->requesterIs(r.request, r.response, "requester");
+  chip->capacityIs(2);
+  bool listNamesId1 = true;
+  chip->heldElsewhereIs([&](std::uint32_t hw) { return hw == 1 && listNamesId1; });
+  r.ask(1);
+  r.ask(2);
+  agent.scheduler->runDue();
+  EXPECT_EQ(r.hw(1), 2u);
+  EXPECT_TRUE(chip->waits("requester", fecId(2)));
+  listNamesId1 = false;
+  chip->releasedElsewhere(1);
+  agent.scheduler->advanceBy(Sim::FecChip::retryIntervalDefault);
+  EXPECT_EQ(r.hw(2), 1u);
+
+  chip->capacityIs(3);
+  r.drop(1);
+  chip->renumber(2);  // id 3 is free, but the withdrawal is due in the loop's next turn
+  EXPECT_EQ(r.hw(1), 2u);
+  agent.scheduler->runDue();
+  EXPECT_FALSE(r.response->hwFecId(fecId(1)).found);
+  EXPECT_TRUE(chip->ledger().empty());
+}
+
 }  // namespace
 
 namespace {

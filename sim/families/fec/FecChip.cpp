@@ -251,9 +251,18 @@ void FecChip::takeBack(const Key& key, bool requestGone) {
   ++idCounts_[hw].second;
   r.response->hwFecIdDel(fecId);
   if (r.response->l2IntfId(fecId).found) r.response->l2IntfIdDel(fecId);
-  // An id came back: the requests waiting for one try again.
+  idCameBack();
+}
+
+// Every way an id becomes free again (an answer withdrawn or moved, another table letting go of
+// one) comes here: a request that waits for an id is not tried again on its own.
+void FecChip::idCameBack() {
   const double at = scheduler_->clock()->now() + retryIntervalDefault;
   for (const Key& w : waiting_) dueAt(w, at);
+}
+
+void FecChip::releasedElsewhere(std::uint32_t hw) {
+  if (!answers_.contains(hw)) idCameBack();
 }
 
 void FecChip::withdraw(std::uint32_t hw) {
@@ -277,6 +286,7 @@ void FecChip::renumber(std::uint32_t hw) {
     const Requester& r = requesters_[i];
     if (r.writer != it->second.writer) continue;
     const FecId fecId = it->second.fecId;
+    if (!r.request->hwFecIdRequest(fecId).found) return;
     chip_->countCall();
     tell(r, "hwFecId",
          chipText("hwFecId ", fecText(fecId), " -> ", std::uint64_t{to}, " (was ",
@@ -291,6 +301,7 @@ void FecChip::renumber(std::uint32_t hw) {
     ++idCounts_[to].first;
     ++idCounts_[hw].second;
     r.response->hwFecIdIs(Oba::FecToHwFecId(fecId, to));
+    idCameBack();
     return;
   }
 }

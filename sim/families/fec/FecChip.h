@@ -69,14 +69,18 @@ class FecChip : public SoftwareChip::Part {
   void withdraw(std::uint32_t hw);
   // Moves the answer holding hardware id `hw` to the lowest free id and answers again in place (a
   // chip that reallocates a FEC): the requester sees the FEC's hardware id (and layer-2
-  // interface) change, and the old id goes back. Nothing when no answer holds `hw` or no id is
-  // free.
+  // interface) change, and the old id goes back. Nothing when no answer holds `hw`, when its
+  // request is gone (the answer is being withdrawn: a requester that hears the move then takes
+  // it for a stale answer and keeps the old id for a FEC it may ask for again at once), or when
+  // no id is free.
   void renumber(std::uint32_t hw);
   // Another of the chip's tables that may still use a hardware FEC id after its answer went (a
   // flood list whose member the chip has not removed yet): the table does not hand such an id out
   // again until that table lets go of it too, as a chip must not point a new FEC's traffic at
   // entries that still name the old one.
   void heldElsewhereIs(std::function<bool(std::uint32_t)> held) { heldElsewhere_.push_back(held); }
+  // Such a table let go of hardware id `hw`: the requests waiting for an id try again.
+  void releasedElsewhere(std::uint32_t hw);
 
   // Test-only canary: every table made while this is n > 0 loses its n-th withdrawal (counted
   // from its making): the answer stays, row and id, as a chip layer that dropped it would.
@@ -131,6 +135,7 @@ class FecChip : public SoftwareChip::Part {
   void settle(const Key& key);
   void answer(const Key& key);
   void takeBack(const Key& key, bool stillRequested);
+  void idCameBack();
   void tell(const Requester& r, const char* op, std::string text);
 
   SoftwareChip* chip_;

@@ -272,9 +272,10 @@ void FloodListChip::unprogram(const Change& c) {
       break;
     }
   }
-  if (auto l = lists_.find(c.list); l != lists_.end()) {
-    l->second.erase(m);
+  if (auto l = lists_.find(c.list); l != lists_.end() && l->second.erase(m)) {
     if (l->second.empty()) lists_.erase(l);
+    const std::uint64_t hw = m.hwIdForTunnelProgramming();
+    if (hwFecIdLetGo_ && !usesHwFecId(hw)) hwFecIdLetGo_(hw);
   }
   if (chip_->listening()) {
     chip_->tell("unprogramFloodListMember",

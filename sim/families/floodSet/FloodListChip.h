@@ -54,6 +54,9 @@ class FloodListChip : public SoftwareChip::Part {
   // What the ledger asks of the other chip tables: whether an id is handed out now.
   void hwTunnelIdHeldIs(std::function<bool(Oba::HwTunnelId)> f) { hwTunnelIdHeld_ = std::move(f); }
   void hwFecIdHeldIs(std::function<bool(std::uint64_t)> f) { hwFecIdHeld_ = std::move(f); }
+  // What the FEC table hears when the lists let go of a hardware FEC id (no member names it any
+  // more): it may hand the id out again, to a request waiting for one.
+  void hwFecIdLetGoIs(std::function<void(std::uint64_t)> f) { hwFecIdLetGo_ = std::move(f); }
   // Whether the inputs still call for a member exactly as configured: a member the configuration
   // loses while they do was removed for nothing (the configuration breaks before it makes),
   // except while an agent restarts a machine, which drops what the machine wrote.
@@ -125,6 +128,7 @@ class FloodListChip : public SoftwareChip::Part {
   std::map<Bridging::MacVlanPair, List> lists_;
   std::function<bool(Oba::HwTunnelId)> hwTunnelIdHeld_;
   std::function<bool(std::uint64_t)> hwFecIdHeld_;
+  std::function<void(std::uint64_t)> hwFecIdLetGo_;
   std::function<bool(const Bridging::MacVlanPair&, const Oba::MplsDestConfig&)> stillWanted_;
   bool restarting_ = false;
 

@@ -92,6 +92,9 @@ FloodSetAgent::FloodSetAgent(HostAgent& a)
   // members naming it; it is not handed to another FEC before.
   fecs->heldElsewhereIs([lists = lists](std::uint32_t hw) { return lists->usesHwFecId(hw); });
   FecChip* chip = fecs.ptr();
+  lists->hwFecIdLetGoIs([chip](std::uint64_t hw) {
+    if (hw <= 0xffffffffu) chip->releasedElsewhere(static_cast<std::uint32_t>(hw));
+  });
   lists->hwFecIdHeldIs([chip](std::uint64_t hw) {
     auto a = chip->answers().find(static_cast<std::uint32_t>(hw));
     return hw <= 0xffffffffu && a != chip->answers().end() &&

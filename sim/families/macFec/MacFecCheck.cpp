@@ -283,10 +283,16 @@ Comparison compare(const MacFecAgent& f, Counters* allowances, bool lines) {
   std::map<ObjTuple, std::uint64_t> result;
   for (auto&& e : f.result->hwIdWalk()) result.emplace(e.key, e.value);
   for (const auto& [t, hw] : result) {
-    if (answeredHwFecId(f, want, fecIdOf, t) == 0) {
-      // Its request went (or waits for a new answer) after the chip had answered it.
+    if (answeredHwFecId(f, want, fecIdOf, t) != 0) continue;
+    // Its request went (or waits for a new answer) after the chip had answered it: the row keeps
+    // that answer's id, and no other.
+    if (lines) out.result.push_back(line(t, " -> ", hw));
+    if (f.lastAnswer(t) == hw) {
       allow("staleResult");
-      if (lines) out.result.push_back(line(t, " -> ", hw));
+    } else {
+      out.resultDiffs.push_back(
+          line(t, ": result hw ", hw, " without an answer; the last answer was ",
+               f.lastAnswer(t) ? line(f.lastAnswer(t)) : std::string("none")));
     }
   }
   for (const ObjTuple& t : want.heads) {

@@ -117,6 +117,23 @@ class MacFecAgent::ResultLog : public Oba::ObjTupleToHwId::NotifieeConst {
   MacFecAgent* family_;
 };
 
+// The chip's answers to requests that stand, per requesting object: a result row whose answer
+// went must hold the last of them.
+class MacFecAgent::AnswerLog : public Oba::FecIdToHwFecIdResponse::NotifieeConst {
+ public:
+  explicit AnswerLog(MacFecAgent* family) : family_(family) { notifierIs(family->response); }
+  void onHwFecId(const FecId& fecId) override {
+    auto answer = notifier()->hwFecId(fecId);
+    if (!answer.found || !family_->request->hwFecIdRequest(fecId).found) return;
+    for (auto&& e : family_->request->objTupleToFecIdWalk()) {
+      if (e.value.fecId() == fecId) family_->lastAnswer_[e.key] = answer.row.hwFecId();
+    }
+  }
+
+ private:
+  MacFecAgent* family_;
+};
+
 MacFecAgent::MacFecAgent(HostAgent& a)
     : agent(a),
       timerWheel(Mox::TimerWheel::TimerWheelIs(a.clock)),
@@ -129,8 +146,14 @@ MacFecAgent::MacFecAgent(HostAgent& a)
       result(new Oba::ObjTupleToHwId("objTupleToHwId")),
       chip(FecChip::of(a)),
       requestLog_(std::make_unique<RequestLog>(this)),
-      resultLog_(std::make_unique<ResultLog>(this)) {
+      resultLog_(std::make_unique<ResultLog>(this)),
+      answerLog_(std::make_unique<AnswerLog>(this)) {
   chip->requesterIs(request, response, writer);
+}
+
+std::uint32_t MacFecAgent::lastAnswer(const ObjTuple& t) const {
+  auto it = lastAnswer_.find(t);
+  return it == lastAnswer_.end() ? 0 : it->second;
 }
 
 MacFecAgent::~MacFecAgent() = default;
@@ -140,6 +163,7 @@ void MacFecAgent::start() {
   // before the answer was withdrawn: what an earlier incarnation published would stay. The agent
   // republishes the result from scratch, as a fresh start has it.
   result->hwIdDelAll();
+  lastAnswer_.clear();
   sm = Oba::obaMacAddrFecRequestSmFactory(labels, lbs, dests, hosts, response, request, result,
                                           timerWheel, agent.scheduler);
   sm->maxChainLengthIs(maxChainLength_);
@@ -569,12 +593,26 @@ std::string resultEntry(const Reader& r, const YAML::Node& n) {
 // destination (so that three-level chains may list them under a load balance), labels 3-4 at a
 // destination or a load balance; two load balances over destinations (and, with chain length 3,
 // labels 1-2); five hosts in VLAN 10.
+//
+// Beside them, in worlds of chain length 2, a RIB written wrongly: labels 5-6 and load balance 3,
+// which no host and no other object uses, point at one another and close cycles (a label over
+// itself or the other, a load balance listing itself or label 6, label 6 over the load balance),
+// now and then over a destination as well. The machine must walk them, stop where they close and
+// leave them unresolved. With chain length 3 every object gets a FEC, and building one in a
+// cycle stops the agent on the chain rule the cycle breaks: those worlds draw none.
+//
+// Any row may be torn (a `corrupt` step) while the other actions of its burst run; the burst
+// ends with the RIB writing it again.
 struct World {
   std::uint32_t chainLength = 2;
   std::uint32_t capacity = 6;
 };
 
 constexpr std::uint32_t dests = 4, leafLabels = 2, labelCount = 4, lbCount = 2, hostCount = 5;
+constexpr std::uint32_t cycleLabel = 5, cycleLb = 3;  // labels 5-6, load balance 3
+
+// Draws that are no action kind of their own.
+constexpr std::uint32_t cycleDraw = 100, tornDraw = 101;
 
 Bridging::MacVlanPair fuzzHost(std::uint64_t i) {
   return {Bridging::VlanId(10), Quil::EthAddr(0x020000000000ull + i)};
@@ -613,6 +651,77 @@ class MacFuzz : public FamilyFuzz {
       out.push_back({static_cast<std::uint32_t>(Kind::fecChipRefuse),
                      1 + static_cast<std::uint64_t>(o_.faultRate * 10)});
     }
+    if (w_.chainLength == 2) out.push_back({cycleDraw, 4});
+    if (!initial) out.push_back({tornDraw, 4});
+  }
+
+  // The rows of labels 5-6 and load balance 3: each over the others (or itself), or gone.
+  Action cycleAction(Rng& r) const {
+    auto a = std::make_shared<MacAction>();
+    const ObjTuple lb = ObjTuple::loadBalance(L2Rib::LoadBalanceId(cycleLb));
+    auto loopLabel = [&] { return anyLabelFrom(r, cycleLabel, 2); };
+    switch (r.below(4)) {
+      case 0:
+      case 1:
+        a->kind = Kind::label;
+        a->row = loopLabel();
+        a->mpls = Quil::MplsLabel(1005 + static_cast<std::uint32_t>(r.below(2)));
+        a->next.push_back(r.chance(0.7) ? loopLabel() : lb);
+        break;
+      case 2:
+        a->kind = Kind::loadBalance;
+        a->row = lb;
+        for (std::uint64_t n = 1 + r.below(2); n > 0; --n) {
+          const std::uint64_t pick = r.below(3);
+          a->next.push_back(pick == 0 ? lb : pick == 1 ? loopLabel() : anyDest(r));
+        }
+        break;
+      default:
+        if (r.chance(0.5)) {
+          a->kind = Kind::labelDel;
+          a->row = loopLabel();
+        } else {
+          a->kind = Kind::loadBalanceDel;
+          a->row = lb;
+        }
+        break;
+    }
+    return Action{0, a};
+  }
+
+  // A torn row of the world's RIB: an object, or a host. With chain length 3 a load balance
+  // copies the label and tunnel of each label it lists, and the rewrite of such a label's (or its
+  // destination's) torn row does not reach it (docs/decisions.md): those worlds tear hosts and
+  // load balances only.
+  Action tornAction(Rng& r) const {
+    auto a = std::make_shared<MacAction>();
+    a->kind = Kind::corrupt;
+    switch (r.below(w_.chainLength == 3 ? 2 : 4)) {
+      case 0:
+        a->isHost = true;
+        a->host = fuzzHost(1 + r.below(hostCount));
+        break;
+      case 1:
+        a->row = anyLb(r);
+        break;
+      case 2:
+        a->row = anyLabel(r, labelCount);
+        break;
+      default:
+        a->row = anyDest(r);
+        break;
+    }
+    return Action{0, a};
+  }
+
+  void burstEnd(const std::vector<Action>& burst, std::vector<Action>& out) const override {
+    for (const Action& a : burst) {
+      auto torn = std::dynamic_pointer_cast<const MacAction>(a.body);
+      if (!torn || torn->kind != Kind::corrupt) continue;
+      auto again = std::make_shared<MacAction>(*torn);
+      again->kind = Kind::rewrite;
+      out.push_back(Action{0, again});
+    }
   }
 
   ObjTuple anyDest(Rng& r) const {
@@ -622,11 +731,14 @@ class MacFuzz : public FamilyFuzz {
     return ObjTuple::loadBalance(
         L2Rib::LoadBalanceId(1 + static_cast<std::uint32_t>(r.below(lbCount))));
   }
-  ObjTuple anyLabel(Rng& r, std::uint32_t n) const {
-    return ObjTuple::label(L2Rib::LabelId(1 + static_cast<std::uint32_t>(r.below(n))));
+  ObjTuple anyLabel(Rng& r, std::uint32_t n) const { return anyLabelFrom(r, 1, n); }
+  ObjTuple anyLabelFrom(Rng& r, std::uint32_t first, std::uint32_t n) const {
+    return ObjTuple::label(L2Rib::LabelId(first + static_cast<std::uint32_t>(r.below(n))));
   }
 
   Action action(std::uint32_t kind, Rng& r) const override {
+    if (kind == cycleDraw) return cycleAction(r);
+    if (kind == tornDraw) return tornAction(r);
     auto a = std::make_shared<MacAction>();
     a->kind = static_cast<Kind>(kind);
     switch (a->kind) {
@@ -750,7 +862,8 @@ class MacFecFamily : public Family {
   void printAllowances(const Counters& c, std::ostream& os) const override {
     os << "MAC FECs allowed: " << counter(c, "staleFlattenedLabel") << " stale flattened labels, "
        << counter(c, "emptyLeftover") << " empty leftover FECs, " << counter(c, "goneHead")
-       << " heads gone from the RIB, " << counter(c, "staleResult") << " stale result rows";
+       << " heads gone from the RIB, " << counter(c, "staleResult")
+       << " stale result rows (each the last answer's id)";
   }
 };
 

@@ -83,6 +83,9 @@ class MacFecAgent : public FamilyAgent {
   std::vector<std::string> fecLines() const;
   // "label/1 -> 3", sorted.
   std::vector<std::string> resultLines() const;
+  // The hardware id of the last answer the chip gave to a FEC id `t` had requested (since the
+  // machine started), or 0: what `t`'s result row keeps once that answer is withdrawn.
+  std::uint32_t lastAnswer(const L2Rib::ObjTuple& t) const;
 
   HostAgent& agent;
   const Kiv::Ptr<Mox::TimerWheel> timerWheel;
@@ -99,9 +102,12 @@ class MacFecAgent : public FamilyAgent {
  private:
   class RequestLog;
   class ResultLog;
+  class AnswerLog;
   std::uint32_t maxChainLength_ = Oba::ObaMacAddrFecRequestSm::maxChainLengthDefault;
   std::unique_ptr<RequestLog> requestLog_;
   std::unique_ptr<ResultLog> resultLog_;
+  std::unique_ptr<AnswerLog> answerLog_;
+  std::map<L2Rib::ObjTuple, std::uint32_t> lastAnswer_;
 };
 
 // A via as the family's tables print it: "via(0, 1001, Tunnel1.1)", "via(1, none, no tunnel)",
