@@ -10,8 +10,8 @@
 
 #include <limits>
 #include <optional>
-#include <type_traits>
 #include <ostream>
+#include <type_traits>
 #include <vector>
 
 #include "Kiv/Clock.h"

@@ -75,7 +75,7 @@ TEST(ReviewTest, AResumedWalkGoesRoundOnceAndStartsOverWhenItsPlaceWent) {
   EXPECT_FALSE(p.notifier()->taskScheduled());
 
   p.scheduler->workBudgetIs(3);
-  p.reviewFor(0);  // 1 2 3 again, stopped before 4
+  p.reviewFor(0);   // 1 2 3 again, stopped before 4
   p.keys.erase(4);  // the place it stopped at goes before the next run
   p.scheduler->advanceBy(5);
   EXPECT_EQ(p.runs.back(), (std::vector<int>{1, 2, 3}));

@@ -409,9 +409,7 @@ const ActionDef actionDefs[] = {
     {"dot1qDel", Kind::dot1qDel,
      [](const Reader& r, const YAML::Node& v, Dot1qDecapAction& a) { a.vlan = r.vlan(v); }},
     {"dot1qEnabled", Kind::dot1qEnabled,
-     [](const Reader& r, const YAML::Node& v, Dot1qDecapAction& a) {
-       a.flag = r.flag(v);
-     }},
+     [](const Reader& r, const YAML::Node& v, Dot1qDecapAction& a) { a.flag = r.flag(v); }},
     {"route", Kind::route,
      [](const Reader& r, const YAML::Node& v, Dot1qDecapAction& a) {
        r.onlyKeys(v, {"label", "viaSet"}, "route");
