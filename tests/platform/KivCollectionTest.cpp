@@ -106,6 +106,27 @@ std::vector<int> keysOf(const Map& m) {
   return out;
 }
 
+// What a walk's body does in the stories below, to the map and its model alike: erases the key
+// at hand one time in `eraseOdds`, sometimes erases another key, sometimes adds one.
+template <class Map, class Model, class Rng, class Key, class Put>
+void changeAsTheWalkGoes(Map& m, Model& ref, Rng& rng, Key key, int atHand, unsigned eraseOdds,
+                         int value, Put put) {
+  if (rng() % eraseOdds == 0) {
+    m.erase(atHand);
+    ref.erase(atHand);
+  }
+  if (rng() % 16 == 0) {
+    int other = key();
+    m.erase(other);
+    ref.erase(other);
+  }
+  if (rng() % 16 == 0) {
+    int added = key();
+    m.put(added, value);
+    put(added, value);
+  }
+}
+
 TEST(KivHashMap, WalkSurvivesEveryKindOfChange) {
   Kiv::HashMap<int, std::string> m;
   for (int i = 1; i <= 6; ++i) m.put(i, "v" + std::to_string(i));
@@ -317,20 +338,7 @@ void growAndShrinkAgainstSlotOrder(unsigned seed, MigrationEvents& seen) {
           ASSERT_EQ(wv, ref.slots[at].value);
           ++at;
           if (++visited > stop) break;
-          if (rng() % 4 == 0) {
-            m.erase(wk);
-            ref.erase(wk);
-          }
-          if (rng() % 16 == 0) {
-            int other = key();
-            m.erase(other);
-            ref.erase(other);
-          }
-          if (rng() % 16 == 0) {
-            int added = key();
-            m.put(added, step);
-            ref.put(added, step);
-          }
+          changeAsTheWalkGoes(m, ref, rng, key, wk, 4, step, [&](int k, int v) { ref.put(k, v); });
           if (clears && visited == 10) {
             if (Probe::migrating(m)) ++seen.clearsWhileMigrating;
             m.clear();
@@ -512,20 +520,8 @@ TEST(KivOrderedMap, AgreesWithAStdMapThroughSplitsMergesAndWalks) {
         ASSERT_EQ(wv, next->second);
         last = wk;
         if (++visited > stop) break;
-        if (rng() % (whole ? 8 : 2) == 0) {
-          m.erase(wk);
-          ref.erase(wk);
-        }
-        if (rng() % 16 == 0) {
-          int other = key();
-          m.erase(other);
-          ref.erase(other);
-        }
-        if (rng() % 16 == 0) {
-          int added = key();
-          m.put(added, step);
-          ref[added] = step;
-        }
+        changeAsTheWalkGoes(m, ref, rng, key, wk, whole ? 8 : 2, step,
+                            [&](int k, int v) { ref[k] = v; });
       }
       if (visited <= stop) {
         ASSERT_EQ(last ? ref.upper_bound(*last) : ref.begin(), ref.end());

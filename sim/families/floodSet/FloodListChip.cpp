@@ -209,15 +209,13 @@ void FloodListChip::apply(const Change& c) {
       // this one now (the same tunnel and label) may sit behind it in the queue, its direct
       // predecessor having left the configuration unprogrammed. It goes in first, unless it is in
       // the list already or the queue changes it before that.
-      auto l = lists_.find(c.list);
       for (auto it = queue_.begin(); it != queue_.end();) {
-        const bool replacement = it->add && it->list == c.list && it->member != c.member &&
-                                 samePair(it->member, c.member) &&
-                                 configured(it->list, it->member) &&
-                                 (l == lists_.end() || !l->second.contains(it->member)) &&
-                                 std::none_of(queue_.begin(), it, [&](const Change& e) {
-                                   return e.list == it->list && e.member == it->member;
-                                 });
+        const bool replacement =
+            it->add && it->list == c.list && it->member != c.member &&
+            samePair(it->member, c.member) && configured(it->list, it->member) &&
+            !inList(it->list, it->member) && std::none_of(queue_.begin(), it, [&](const Change& e) {
+              return e.list == it->list && e.member == it->member;
+            });
         if (!replacement) {
           ++it;
           continue;
@@ -225,7 +223,6 @@ void FloodListChip::apply(const Change& c) {
         const Change r = *it;
         it = queue_.erase(it);
         program(r);
-        l = lists_.find(c.list);
       }
     }
     unprogram(c);
@@ -260,11 +257,10 @@ void FloodListChip::unprogram(const Change& c) {
   // Make before break: a member of the same tunnel and label that the configuration holds now
   // must be in the list already (or refused by the chip).
   if (auto s = seen_.find(c.list); s != seen_.end()) {
-    auto l = lists_.find(c.list);
     auto reported = status_->status(c.list);
     for (const auto& other : s->second) {
       if (other == m || !samePair(other, m)) continue;
-      if (l != lists_.end() && l->second.contains(other)) continue;
+      if (inList(c.list, other)) continue;
       if (reported && reported->mplsDestStatusHas(other)) continue;
       chip_->violation(chipText("unprogramFloodListMember ", memberLine(c.list, m),
                                 ": removed before its replacement hwTunnelId ", other.hwTunnelId(),
