@@ -153,7 +153,7 @@ std::string DotGraph::text() const {
 
 DotGraph drawAgent(const HostAgent& agent, std::string title) {
   DotGraph graph(std::move(title));
-  for (const Family* f : agent.families()) f->draw(agent, graph);
+  for (const auto& part : agent.parts()) part->draw(graph);
   return graph;
 }
 

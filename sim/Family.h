@@ -33,6 +33,7 @@ class HostAgent;
 class Publisher;
 class Reader;
 class Rng;
+class TableView;
 struct FuzzOptions;
 
 // ---- scenario actions ---------------------------------------------------------------------------
@@ -89,9 +90,24 @@ struct ChipOperation {
   std::function<Quil::IntfId(const Reader&, const YAML::Node&)> portRead = nullptr;
 };
 
+// ---- the fuzzer's side, shared by the agent part and the family -------------------------------
+
+// What a check found wrong: its name ("esiData", "mapping", ...) and one line per finding.
+struct CheckFailure {
+  std::string check;
+  std::vector<std::string> lines;
+};
+
+// Named tallies a family keeps over a whole fuzz run (entries compared, allowed differences).
+using Counters = std::map<std::string, std::uint64_t>;
+
+// Table expectations: a table's name and its lines.
+using ExpectedTables = std::vector<std::pair<std::string, std::vector<std::string>>>;
+
 // ---- the host agent -----------------------------------------------------------------------------
 
-// One family's part of a host agent: its inputs, outputs and machines.
+// One family's part of a host agent: its inputs, outputs and machines, and everything the core
+// asks of them. It holds what it needs, so no hook looks the part up again.
 class FamilyAgent {
  public:
   virtual ~FamilyAgent() = default;
@@ -109,18 +125,26 @@ class FamilyAgent {
   // Puts the family's output tables in shared memory under the publisher's agent name: its
   // library tables as they are, its in-process outputs as mirrors.
   virtual void publish(Publisher&) {}
+  // Its part of the picture of the forwarding state (--dot, sim/Dot.h): the inputs its machines
+  // follow, what they hold and its chip tables, in a box of its own, with what is unprogrammed,
+  // refused or stale drawn in those looks. A family that does not draw is left out.
+  virtual void draw(DotGraph&) const {}
+
+  // Whether a review is pending that could still change something: the fuzzer drains the
+  // reviews until no family is busy.
+  virtual bool busy() const = 0;
+  // After each drained step: tallies, then the ledger lines of its chip part (what did not
+  // balance), then its own checks in order, the first failure ending the run. Each check compares
+  // the drained state with an independent function of the inputs. `counters` may be null.
+  virtual void count(Counters&) const {}
+  virtual void ledger(std::vector<std::string>&) const {}
+  virtual std::optional<CheckFailure> check(Counters* counters) const = 0;
+  // The expectations a written failing run ends with: what a replay must find, each difference
+  // the checks allow taken as the chip has it, so that only the real differences fail it.
+  virtual ExpectedTables finalExpectations() const = 0;
 };
 
 // ---- the fuzzer ---------------------------------------------------------------------------------
-
-// What a check found wrong: its name ("esiData", "mapping", ...) and one line per finding.
-struct CheckFailure {
-  std::string check;
-  std::vector<std::string> lines;
-};
-
-// Named tallies a family keeps over a whole fuzz run (entries compared, allowed differences).
-using Counters = std::map<std::string, std::uint64_t>;
 
 // One family in one seeded run: the world it drew and its random actions.
 class FamilyFuzz {
@@ -141,51 +165,50 @@ class FamilyFuzz {
   virtual void burstEnd(const std::vector<Action>&, std::vector<Action>&) const {}
 };
 
-// A command-line option of `oba-evpn-sim fuzz` that a family adds (its canaries).
+// A command-line option of `oba-evpn-sim fuzz` that a family adds: a setting of its worlds
+// (kept in FuzzOptions::settings under the name without its dashes), or a chip's canary.
 struct FuzzFlag {
   std::string name;  // "--canary-drop-delete"
   std::string arg;   // "N"
   std::string help;
-  std::function<bool(const char* value)> set;  // false: not a valid value
-  std::function<std::string()> replay;         // the flag as the replay command repeats it, or ""
+  // Takes the value: "" when it does, else why not ("needs N", "must be at least 1").
+  std::function<std::string(const char* value, FuzzOptions&)> set;
+  // The flag as the replay command repeats it, or "".
+  std::function<std::string(const FuzzOptions&)> replay;
+  // The setting as the summary and a written run's description name it ("pool 4"), or "".
+  std::function<std::string(const FuzzOptions&)> summary = nullptr;
 };
 
 // ---- the family ---------------------------------------------------------------------------------
+
+// A table an agent publishes in shared memory, as oba-evpn-show finds it: its name, what it
+// holds, and a reader's view of it under an agent's name (sim/Published.h).
+struct PublishedTableKind {
+  const char* name;
+  const char* what;
+  std::function<std::unique_ptr<TableView>(const std::string& agent)> view;
+};
 
 class Family {
  public:
   virtual ~Family() = default;
   virtual std::string_view name() const = 0;
+  // The families whose agent parts this one's reads (their inputs, outputs, chip): they are
+  // registered before it, which the host agent checks.
+  virtual std::vector<const Family*> buildsOn() const { return {}; }
   // Its machines, by the names a scenario restarts them with, in the order they start.
   virtual std::vector<std::string> machines() const = 0;
   virtual std::vector<ChipOperation> chipOperations() const { return {}; }
   virtual std::vector<ActionKind> actions() const = 0;
   virtual std::vector<TableKind> tables() const { return {}; }
-  // Its part of a new host agent (the agent's clock, scheduler, chip and log exist).
+  // The tables its agent part publishes (FamilyAgent::publish), for oba-evpn-show.
+  virtual std::vector<PublishedTableKind> publishedTables() const { return {}; }
+  // Its part of a new host agent (the agent's clock, scheduler, chip and log exist, and the parts
+  // of the families registered before it).
   virtual std::unique_ptr<FamilyAgent> agentIs(HostAgent& agent) const = 0;
-  // Its part of the picture of the forwarding state (--dot, sim/Dot.h): the inputs its machines
-  // follow, what they hold and its chip tables, in a box of its own, with what is unprogrammed,
-  // refused or stale drawn in those looks. A family that does not draw is left out.
-  virtual void draw(const HostAgent& agent, DotGraph& graph) const {
-    (void)agent;
-    (void)graph;
-  }
 
   // Its part of one seeded run: draws its world from `rng`.
   virtual std::unique_ptr<FamilyFuzz> fuzzIs(Rng& rng, const FuzzOptions& options) const = 0;
-  // Whether a review is pending that could still change something: the fuzzer drains the
-  // reviews until no family is busy.
-  virtual bool busy(const HostAgent& agent) const = 0;
-  // After each drained step: tallies, then the ledger lines of its chip part (what did not
-  // balance), then its own checks in order, the first failure ending the run. Each check compares
-  // the drained state with an independent function of the inputs.
-  virtual void count(const HostAgent&, Counters&) const {}
-  virtual void ledger(const HostAgent&, std::vector<std::string>&) const {}
-  virtual std::optional<CheckFailure> check(const HostAgent& agent, Counters* counters) const = 0;
-  // The expectations a written failing run ends with: what a replay must find, each difference
-  // the checks allow taken as the chip has it, so that only the real differences fail it.
-  virtual std::vector<std::pair<std::string, std::vector<std::string>>> finalExpectations(
-      const HostAgent& agent) const = 0;
   virtual std::vector<FuzzFlag> fuzzFlags() const { return {}; }
   // Its parts of the run's summary: tallies ("N ESI entries compared, "), allowed differences.
   virtual void printCounts(const Counters&, std::ostream&) const {}
@@ -196,5 +219,8 @@ using Families = std::vector<const Family*>;
 
 // Every family of the simulator, in the order the agent starts them (sim/Families.cpp).
 const Families& registeredFamilies();
+
+// Every table the families publish, in their order: what oba-evpn-show lists.
+std::vector<PublishedTableKind> publishedTables(const Families& families = registeredFamilies());
 
 }  // namespace Sim

@@ -1,15 +1,17 @@
 #pragma once
 // What every family's Family writes alike: its action kinds, read from a table of definitions into
-// one ActionBody type; its tallies; its canary flag.
+// one ActionBody type; its tallies; its fuzz flags (a setting of its worlds, a chip's canary).
 
 #include <charconv>
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "sim/Family.h"
+#include "sim/Fuzz.h"
 
 namespace Sim {
 
@@ -35,22 +37,52 @@ inline std::uint64_t counter(const Counters& c, const char* name) {
   return it == c.end() ? 0 : it->second;
 }
 
+// A whole number given to a flag, or nothing.
+inline std::optional<std::uint64_t> flagNumber(const char* v) {
+  std::uint64_t n = 0;
+  const char* end = v + std::strlen(v);
+  auto [p, ec] = std::from_chars(v, end, n);
+  if (ec != std::errc() || p != end) return std::nullopt;
+  return n;
+}
+
 // "--<name> N": arms a chip part's canary at N (`set`); the replay command repeats it while `get`
 // says it is armed.
 inline FuzzFlag canaryFlag(const std::string& name, const std::string& help,
                            void (*set)(std::uint64_t), std::uint64_t (*get)()) {
   return {name, "N", help,
-          [set](const char* v) {
-            std::uint64_t n = 0;
-            const char* end = v + std::strlen(v);
-            auto [p, ec] = std::from_chars(v, end, n);
-            if (ec != std::errc() || p != end) return false;
-            set(n);
-            return true;
+          [set](const char* v, FuzzOptions&) {
+            auto n = flagNumber(v);
+            if (!n) return std::string("needs N");
+            set(*n);
+            return std::string();
           },
-          [name, get] {
+          [name, get](const FuzzOptions&) {
             const std::uint64_t n = get();
             return n ? name + " " + std::to_string(n) : std::string();
+          }};
+}
+
+// "--<setting> N": a setting of a family's worlds, at least `least`, `orElse` when not given;
+// kept in FuzzOptions::settings, repeated by the replay command and named in the summaries as
+// "<setting> N".
+inline FuzzFlag settingFlag(const std::string& setting, const std::string& help,
+                            std::uint64_t orElse, std::uint64_t least) {
+  return {"--" + setting,
+          "N",
+          help,
+          [setting, least](const char* v, FuzzOptions& o) {
+            auto n = flagNumber(v);
+            if (!n) return std::string("needs a number");
+            if (*n < least) return "must be at least " + std::to_string(least);
+            o.settings[setting] = *n;
+            return std::string();
+          },
+          [setting, orElse](const FuzzOptions& o) {
+            return "--" + setting + " " + std::to_string(o.setting(setting, orElse));
+          },
+          [setting, orElse](const FuzzOptions& o) {
+            return setting + " " + std::to_string(o.setting(setting, orElse));
           }};
 }
 

@@ -16,6 +16,7 @@
 // docs/convergence.md describes the checks and how to run long campaigns.
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -31,12 +32,18 @@ struct FuzzOptions {
   std::uint64_t seeds = 100;           // seeds firstSeed .. firstSeed + seeds - 1
   std::uint32_t steps = 1000;          // per seed
   double faultRate = 0.1;              // probability that the chip refuses a create
-  std::uint32_t pool = 4;              // hardware tunnel ids at the start of each seed
   bool restarts = false;               // steps may restart a machine or the whole agent
   bool shrink = true;                  // shrink a failing run before writing it
   std::uint64_t shrinkReplays = 4000;  // the shrinker's budget: replays of candidate runs
   std::string outDir = ".";            // where a failing run's scenario file goes
   std::uint64_t batch = 100;           // seeds per summary line
+  // The families' settings of their worlds, by the name of the flag that sets each ("pool" for
+  // --pool); a family takes its default for one not given.
+  std::map<std::string, std::uint64_t> settings;
+  std::uint64_t setting(const std::string& name, std::uint64_t orElse) const {
+    auto it = settings.find(name);
+    return it == settings.end() ? orElse : it->second;
+  }
 };
 
 struct FuzzFailure {

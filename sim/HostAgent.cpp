@@ -1,5 +1,6 @@
 #include "sim/HostAgent.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "sim/Published.h"
@@ -24,7 +25,17 @@ HostAgent::HostAgent(SimLog* log, const Families& families)
       note("agent>chip", c.text);
     }
   });
-  for (const Family* f : families_) agents_.push_back(f->agentIs(*this));
+  for (std::size_t i = 0; i < families_.size(); ++i) {
+    for (const Family* below : families_[i]->buildsOn()) {
+      if (std::find(families_.begin(), families_.begin() + static_cast<std::ptrdiff_t>(i), below) ==
+          families_.begin() + static_cast<std::ptrdiff_t>(i)) {
+        throw std::logic_error("the " + std::string(families_[i]->name()) +
+                               " family builds on the " + std::string(below->name()) +
+                               " family, which is not registered before it");
+      }
+    }
+    agents_.push_back(families_[i]->agentIs(*this));
+  }
   log_->clockIs(clock.ptr());
 }
 
@@ -35,6 +46,25 @@ HostAgent::~HostAgent() {
   publisher_.reset();
   chip->callListenerIs(nullptr);
   log_->clockIs(nullptr);
+}
+
+FamilyAgent& HostAgent::partOf(const Family& family) const {
+  for (std::size_t i = 0; i < agents_.size(); ++i) {
+    if (families_[i] == &family) return *agents_[i];
+  }
+  throw std::logic_error("the agent has no part of the " + std::string(family.name()) +
+                         " family (yet): a family that reads it names it in buildsOn()");
+}
+
+void HostAgent::advanceTo(double t, TimeWalk* walk) {
+  for (auto due = scheduler->nextDueTime(); due && *due < t; due = scheduler->nextDueTime()) {
+    if (walk) walk->beforeRuns(*due);
+    scheduler->advanceTo(*due);
+    if (walk) walk->afterRuns();
+  }
+  if (walk) walk->beforeRuns(t);
+  scheduler->advanceTo(t);
+  if (walk) walk->afterRuns();
 }
 
 void HostAgent::publish(const std::string& name) {

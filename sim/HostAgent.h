@@ -57,14 +57,26 @@ class HostAgent {
   const std::string& lastMachineCall() const { return lastMachineCall_; }
 
   const Families& families() const { return families_; }
-  // A family's part, by its type: agent.family<TunnelEsiAgent>().
+  // A family's part, by its type: agent.part<TunnelEsiAgent>(). Each part type names its family
+  // (`static const Family& family()`); a family that reads another's part lists that family in
+  // its buildsOn(), so the part exists by the time it asks.
   template <class T>
-  T& family() const {
-    for (const auto& f : agents_) {
-      if (auto* t = dynamic_cast<T*>(f.get())) return *t;
-    }
-    throw std::logic_error("the agent has no such family");
+  T& part() const {
+    return static_cast<T&>(partOf(T::family()));
   }
+  // The part of `family`; std::logic_error when the agent has none (yet).
+  FamilyAgent& partOf(const Family& family) const;
+  const std::vector<std::unique_ptr<FamilyAgent>>& parts() const { return agents_; }
+
+  // Moves virtual time on to `t`, running what falls due: every task due before `t` at its own
+  // due time, then what is due at `t`. `walk`, if given, hears of each due time before its tasks
+  // run and after; the last of them is `t` itself.
+  struct TimeWalk {
+    virtual ~TimeWalk() = default;
+    virtual void beforeRuns(double due) { (void)due; }
+    virtual void afterRuns() {}
+  };
+  void advanceTo(double t, TimeWalk* walk = nullptr);
 
   const Kiv::Ptr<Kiv::VirtualClock> clock;
   const Kiv::Ptr<Mox::TaskScheduler> scheduler;

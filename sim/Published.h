@@ -1,7 +1,8 @@
 #pragma once
 // The tables a simulated agent publishes in shared memory (oba-evpn-sim --publish NAME) and that
-// oba-evpn-show reads from another process. Each is named once here with its key and row types
-// and how a row prints, so that the writer and every reader agree on each segment's layout.
+// oba-evpn-show reads from another process. Each family names its own tables once, in its folder,
+// with their key and row types and how a row prints (sim/PublishedTable.h), so that the writer and
+// every reader agree on each segment's layout; it lists them in Family::publishedTables().
 //
 // The library's own output tables (the tunnel-id mapping, the FEC requests, the results per RIB
 // object) are Shoal tables: the agent moves them into shared memory as they are, and every write
@@ -19,15 +20,9 @@
 #include <utility>
 #include <vector>
 
-#include "Bridging/MacVlanPair.h"
 #include "Kiv/Collection.h"
-#include "L2Rib/ObjTuple.h"
-#include "Mpls/Lfib.h"
-#include "Oba/ObaFecRecords.h"
-#include "Oba/ObaFloodSetRecords.h"
-#include "Oba/ObaValue.h"
-#include "Oba/TunnelIdToHwTunnelIdMapping.h"
 #include "Shoal/SharedMemoryBacking.h"
+#include "sim/Family.h"
 
 namespace Sim {
 
@@ -35,97 +30,9 @@ namespace Sim {
 // over. A segment's pages are touched only as rows fill them.
 inline constexpr std::uint32_t publishedRows = 65536;
 
-// One member of one hardware flood list: the list's key and the member, as one key.
-struct FloodListMemberFields {
-  static constexpr const char* typeName = "Sim::FloodListMember";
-  static constexpr std::array<const char*, 2> names{"list", "member"};
-};
-class FloodListMember : public Oba::Value<FloodListMember, FloodListMemberFields,
-                                          Bridging::MacVlanPair, Oba::MplsDestConfig> {
- public:
-  using Value::Value;
-  const Bridging::MacVlanPair& list() const { return field<0>(); }
-  const Oba::MplsDestConfig& member() const { return field<1>(); }
-};
-
 // A row as oba-evpn-show prints it: a cell per column. `row` null: the key's cells only (a row
 // that is gone).
 using Cells = std::vector<std::string>;
-
-// ---- the tables -------------------------------------------------------------------------------
-
-struct MappingTable {
-  static constexpr const char* name = "mapping";
-  static constexpr const char* what = "EVPN tunnel id -> hardware tunnel id";
-  using Key = Tunnel::TunnelTable::TunnelId;
-  using Row = Oba::TunnelIdToHwTunnelId;
-  static constexpr std::array<const char*, 2> columns{"tunnel", "hwTunnelId"};
-  static Cells cells(const Key& k, const Row* row);
-};
-
-// The FEC requests of one requester (the MAC-address machine's, or the flood-set FEC machine's).
-template <const char* Name, const char* What>
-struct FecRequestTable {
-  static constexpr const char* name = Name;
-  static constexpr const char* what = What;
-  using Key = Shoal::Fib::FecId;
-  using Row = Oba::HwFecIdRequest;
-  static constexpr std::array<const char*, 3> columns{"fecId", "l2IntfIdWanted", "hwTunnelId"};
-  static Cells cells(const Key& k, const Row* row);
-};
-inline constexpr char fecRequestsName[] = "fec-requests";
-inline constexpr char fecRequestsWhat[] = "the MAC-address FEC requests, per FEC id";
-inline constexpr char floodSetFecRequestsName[] = "flood-set-fec-requests";
-inline constexpr char floodSetFecRequestsWhat[] = "the flood-set FEC requests, per FEC id";
-using FecRequestsTable = FecRequestTable<fecRequestsName, fecRequestsWhat>;
-using FloodSetFecRequestsTable = FecRequestTable<floodSetFecRequestsName, floodSetFecRequestsWhat>;
-
-struct FecOwnersTable {
-  static constexpr const char* name = "fec-owners";
-  static constexpr const char* what = "RIB object -> the FEC id the MAC-address machine gave it";
-  using Key = L2Rib::ObjTuple;
-  using Row = Oba::ObjTupleAndFecId;
-  static constexpr std::array<const char*, 2> columns{"objTuple", "fecId"};
-  static Cells cells(const Key& k, const Row* row);
-};
-
-struct ResultsTable {
-  static constexpr const char* name = "results";
-  static constexpr const char* what = "RIB object -> hardware FEC id, for other agents";
-  using Key = L2Rib::ObjTuple;
-  using Row = std::uint64_t;
-  static constexpr std::array<const char*, 2> columns{"objTuple", "hwFecId"};
-  static Cells cells(const Key& k, const Row* row);
-};
-
-struct HwInfoTable {
-  static constexpr const char* name = "hw-info";
-  static constexpr const char* what = "flood-set via -> the chip's identifiers for it";
-  using Key = Oba::MplsFloodSetVia;
-  using Row = Oba::MplsDestHwInfo;
-  static constexpr std::array<const char*, 4> columns{"tunnel", "label", "hwIdForTunnelProgramming",
-                                                      "l2IntfId"};
-  static Cells cells(const Key& k, const Row* row);
-};
-
-struct FloodListsTable {
-  static constexpr const char* name = "flood-lists";
-  static constexpr const char* what = "the members of each hardware flood list";
-  using Key = FloodListMember;
-  using Row = bool;
-  static constexpr std::array<const char*, 7> columns{
-      "vlan", "mac", "tunnel", "label", "hwTunnelId", "hwIdForTunnelProgramming", "l2IntfId"};
-  static Cells cells(const Key& k, const Row* row);
-};
-
-struct UnprogrammedRoutesTable {
-  static constexpr const char* name = "unprogrammed-routes";
-  static constexpr const char* what = "decapsulation routes the chip has not programmed, and why";
-  using Key = Mpls::RouteKey;
-  using Row = Mpls::LfibHwProgrammingReturnCode;
-  static constexpr std::array<const char*, 2> columns{"label", "reason"};
-  static Cells cells(const Key& k, const Row* row);
-};
 
 // Why the bytes of a key (and of its row; `row` null: a key alone) read from a table's segment are
 // no values of the table's types, "" when they are: a reader checks every key and row before it
@@ -251,13 +158,8 @@ class TableView {
   virtual std::vector<Change> poll() = 0;
 };
 
-struct PublishedTableKind {
-  const char* name;
-  const char* what;
-  std::function<std::unique_ptr<TableView>(const std::string& agent)> view;
-};
-// Every table an agent publishes, in the order oba-evpn-show lists them.
-const std::vector<PublishedTableKind>& publishedTables();
-const PublishedTableKind* publishedTable(const std::string& name);
+// The table of that name among those the families publish, or null.
+std::optional<PublishedTableKind> publishedTable(const std::string& name,
+                                                 const Families& families = registeredFamilies());
 
 }  // namespace Sim

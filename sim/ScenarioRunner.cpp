@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <new>
+#include <optional>
 #include <sstream>
 #include <thread>
 
@@ -89,30 +90,14 @@ struct Snapshot {
   }
 };
 
-// Walks time to just before `t`, each review at its own due time, adding the chip calls to
-// `calls`. A wait is bounded by what can happen in it, not by its length: after the first
-// `exactRounds` rounds, once a round leaves the agent as an earlier one did (the same state, the
-// same tasks pending as far off, the same calls), the rounds since can only repeat, the machines
-// being functions of their inputs and the chip's answers. Whole periods of them are skipped then,
-// counting the refusal rules down as they would have been, while every rule lasts and the next
-// step is not reached; the log says how many.
-// Moves virtual time on to `t`, running what falls due, at the pace the options ask for; readers
-// of the published tables see each change.
+// Virtual time at the pace the options ask for: the wall clock follows it when --realtime is given.
 class Pace {
  public:
   Pace(HostAgent& agent, const RunOptions& options)
-      : agent_(agent),
-        options_(options),
-        origin_(agent.now()),
-        start_(std::chrono::steady_clock::now()) {}
-  void advanceTo(double t) {
-    if (options_.realtime > 0) wait(t);
-    agent_.scheduler->advanceTo(t);
-    agent_.syncPublished();
-  }
-
- private:
+      : options_(options), origin_(agent.now()), start_(std::chrono::steady_clock::now()) {}
+  // Waits until the wall clock reaches virtual time `t` at the pace.
   void wait(double t) {
+    if (options_.realtime <= 0) return;
     // Bounded (a century) so that no pace turns the wait into a count the clock overflows.
     constexpr double longest = 100.0 * 365 * 24 * 3600;
     const double seconds = std::min((t - origin_) / options_.realtime, longest);
@@ -126,28 +111,55 @@ class Pace {
           std::min<std::chrono::steady_clock::duration>(due - now, std::chrono::milliseconds(100)));
     }
   }
-  HostAgent& agent_;
+
+ private:
   const RunOptions& options_;
   double origin_;  // the virtual time at start_
   std::chrono::steady_clock::time_point start_;
 };
 
-void waitUntil(HostAgent& agent, SimLog& log, double t, std::vector<std::string>& calls,
-               Pace& pace) {
-  constexpr int exactRounds = 100;
-  constexpr std::size_t remembered = 16;
-  std::deque<Snapshot> seen;
-  int rounds = 0;
-  for (auto due = agent.scheduler->nextDueTime(); due && *due < t;
-       due = agent.scheduler->nextDueTime()) {
-    pace.advanceTo(*due);
-    std::vector<std::string> taken = agent.takeCalls();
-    calls.insert(calls.end(), taken.begin(), taken.end());
-    if (++rounds <= exactRounds) continue;
-    Snapshot now = Snapshot::of(agent, std::move(taken));
-    const auto next = agent.scheduler->nextDueTime();
-    bool skipped = false;
-    for (const Snapshot& before : seen) {
+// The walk of time up to one step: reviews due before the step run at their own times, their
+// chip calls added to `calls`, readers of the published tables seeing each change; then the step
+// begins (its trace levels on, its line in the log) and what falls due exactly at its time runs.
+//
+// A wait is bounded by what can happen in it, not by its length: after the first `exactRounds`
+// rounds, once a round leaves the agent as an earlier one did (the same state, the same tasks
+// pending as far off, the same calls), the rounds since can only repeat, the machines being
+// functions of their inputs and the chip's answers. Whole periods of them are skipped then,
+// counting the refusal rules down as they would have been, while every rule lasts and the next
+// step is not reached; the log says how many.
+class StepWalk : public HostAgent::TimeWalk {
+ public:
+  StepWalk(HostAgent& agent, SimLog& log, Pace& pace, const Step& step,
+           std::vector<std::string>& calls, std::optional<StepTrace>& trace)
+      : agent_(agent), log_(log), pace_(pace), step_(step), calls_(calls), trace_(trace) {}
+
+  void beforeRuns(double due) override {
+    if (due >= step_.at) {
+      trace_.emplace(step_.trace);
+      log_.add(step_.at, "step",
+               step_.note.empty() ? "step at line " + std::to_string(step_.line) : step_.note);
+    }
+    pace_.wait(due);
+  }
+
+  void afterRuns() override {
+    agent_.syncPublished();
+    if (agent_.now() >= step_.at) return;  // the step's own calls are taken after its actions
+    std::vector<std::string> taken = agent_.takeCalls();
+    calls_.insert(calls_.end(), taken.begin(), taken.end());
+    if (++rounds_ <= exactRounds) return;
+    skipRepeats(Snapshot::of(agent_, std::move(taken)));
+  }
+
+ private:
+  static constexpr int exactRounds = 100;
+  static constexpr std::size_t remembered = 16;
+
+  void skipRepeats(Snapshot now) {
+    const double t = step_.at;
+    const auto next = agent_.scheduler->nextDueTime();
+    for (const Snapshot& before : seen_) {
       if (!next || *next >= t || !now.sameAs(before)) continue;
       const double period = now.now - before.now;
       if (period <= 0) continue;  // a task that ran again at the same time
@@ -161,23 +173,28 @@ void waitUntil(HostAgent& agent, SimLog& log, double t, std::vector<std::string>
       }
       if (k < 1) break;
       for (auto& u : used) u *= k;
-      agent.scheduler->skipBy(static_cast<double>(k) * period);
-      agent.chip->refusalCountsLess(used);
+      agent_.scheduler->skipBy(static_cast<double>(k) * period);
+      agent_.chip->refusalCountsLess(used);
       std::ostringstream os;
       os << "the reviews repeat every " << period << " s: " << k << " periods skipped, from time "
          << now.now;
-      log.add(agent.now(), "wait", os.str());
-      skipped = true;
-      break;
+      log_.add(agent_.now(), "wait", os.str());
+      seen_.clear();
+      return;
     }
-    if (skipped) {
-      seen.clear();
-    } else {
-      seen.push_front(std::move(now));
-      if (seen.size() > remembered) seen.pop_back();
-    }
+    seen_.push_front(std::move(now));
+    if (seen_.size() > remembered) seen_.pop_back();
   }
-}
+
+  HostAgent& agent_;
+  SimLog& log_;
+  Pace& pace_;
+  const Step& step_;
+  std::vector<std::string>& calls_;
+  std::optional<StepTrace>& trace_;
+  std::deque<Snapshot> seen_;
+  int rounds_ = 0;
+};
 
 }  // namespace
 
@@ -214,12 +231,10 @@ static void runSteps(const Scenario& s, HostAgent& agent, SimLog& log, const Run
     // the step's); then the step begins, and what falls due exactly at its time runs before its
     // actions.
     at.step = &step;
-    waitUntil(agent, log, step.at, calls, pace);
     {
-      StepTrace trace(step.trace);
-      log.add(step.at, "step",
-              step.note.empty() ? "step at line " + std::to_string(step.line) : step.note);
-      pace.advanceTo(step.at);
+      std::optional<StepTrace> trace;
+      StepWalk walk(agent, log, pace, step, calls, trace);
+      agent.advanceTo(step.at, &walk);
       for (const Action& a : step.actions) agent.apply(a);
       agent.scheduler->runDue();
       agent.syncPublished();

@@ -344,7 +344,7 @@ int main(int argc, char** argv) {
   }
   if (args.size() == 1) return listTables(agent, wait);
 
-  const Sim::PublishedTableKind* kind = Sim::publishedTable(args[1]);
+  const std::optional<Sim::PublishedTableKind> kind = Sim::publishedTable(args[1]);
   if (!kind) {
     std::cerr << "oba-evpn-show: no table '" << args[1] << "'; the tables are:";
     for (const auto& t : Sim::publishedTables()) std::cerr << " " << t.name;

@@ -108,7 +108,7 @@ bool has(const std::vector<std::string>& lines, const std::string& line) {
 TEST(Dot1qDecapCheck, TheTablesTheInputsCallForAndWhatTheChecksCatchBehindTheMachinesBacks) {
   Sim::SimLog quiet;
   Sim::HostAgent agent(&quiet);
-  auto& f = agent.family<Sim::Dot1qDecapAgent>();
+  auto& f = agent.part<Sim::Dot1qDecapAgent>();
   for (const char* a :
        {"lag: {lag: Port-Channel10, members: [Ethernet1, Ethernet2]}",
         "vlanMember: {vlan: 10, intf: Port-Channel10}", "vlanMember: {vlan: 20, intf: Ethernet3}",

@@ -87,7 +87,7 @@ TEST(Dot, TheTypicalEventShowsTheRefusedPortUntilTheReviewTakesIt) {
 TEST(Dot, MissingIdsLabelsAndLeftoversStandOut) {
   Sim::SimLog log(nullptr);
   Sim::HostAgent agent(&log);
-  auto& esi = agent.family<Sim::TunnelEsiAgent>();
+  auto& esi = agent.part<Sim::TunnelEsiAgent>();
   for (const char* a :
        {"chipPool: 0", "localEsiLabel: {segment: Ethernet5, label: mpls:2005}",
         "remoteEsiLabel: {segment: Ethernet5, tep: DynTunnel1.1, label: mpls:1001}",
@@ -131,7 +131,7 @@ TEST(Dot, Dot1qDecapShowsRefusedPortsParkedRoutesAndLeftovers) {
         "route: {label: 1001, viaSet: 1}", "route: {label: 1002, viaSet: 1}"}) {
     agent.apply(Sim::actionOf(a));
   }
-  auto& f = agent.family<Sim::Dot1qDecapAgent>();
+  auto& f = agent.part<Sim::Dot1qDecapAgent>();
   f.chip->createVlanToDot1qMapping(Quil::IntfId::ethernet(9), Bridging::VlanId(300),
                                    Bridging::VlanIdOrNone(7));
   f.chip->createEsiPortMap(Quil::MplsLabel(5000), Quil::IntfId::ethernet(9));

@@ -13,6 +13,9 @@
 #include "sim/Rng.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
+#include "sim/families/floodSet/FloodSetFamily.h"
+#include "sim/families/macFec/MacFecFamily.h"
+#include "sim/families/tunnelEsi/TunnelEsiFamily.h"
 
 namespace {
 
@@ -40,8 +43,11 @@ class RegisterChip : public Sim::SoftwareChip::Part {
 };
 
 // Its input is a number; its machine copies the number to the chip whenever it runs.
+const Sim::Family& registerFamily();
+
 class RegisterAgent : public Sim::FamilyAgent {
  public:
+  static const Sim::Family& family() { return registerFamily(); }
   explicit RegisterAgent(Sim::HostAgent& agent) : chip(new RegisterChip(agent.chip.ptr())) {
     agent.chip->partIs(chip);
     agent.chip->operationIs("writeRegister");
@@ -58,6 +64,18 @@ class RegisterAgent : public Sim::FamilyAgent {
   std::vector<std::string> lines(std::string_view) const override {
     return {std::to_string(chip->value)};
   }
+  bool busy() const override { return false; }
+  // The chip must hold the input.
+  std::optional<Sim::CheckFailure> check(Sim::Counters* counters) const override {
+    if (counters) ++(*counters)["registerChecks"];
+    if (chip->value == input) return std::nullopt;
+    return Sim::CheckFailure{
+        "register",
+        {"expected " + std::to_string(input) + ", actual " + std::to_string(chip->value)}};
+  }
+  Sim::ExpectedTables finalExpectations() const override {
+    return {{"register", {std::to_string(input)}}};
+  }
   Kiv::Ptr<RegisterChip> chip;
   std::uint64_t input = 0;
   bool running = false;
@@ -67,7 +85,7 @@ class SetRegister : public Sim::ActionBody {
  public:
   explicit SetRegister(std::uint64_t v) : v_(v) {}
   void apply(Sim::HostAgent& agent) const override {
-    auto& f = agent.family<RegisterAgent>();
+    auto& f = agent.part<RegisterAgent>();
     f.input = v_;
     f.sync();
   }
@@ -105,27 +123,16 @@ class RegisterFamily : public Sim::Family {
   std::unique_ptr<Sim::FamilyFuzz> fuzzIs(Sim::Rng&, const Sim::FuzzOptions&) const override {
     return std::make_unique<RegisterFuzz>();
   }
-  bool busy(const Sim::HostAgent&) const override { return false; }
-  // The chip must hold the input.
-  std::optional<Sim::CheckFailure> check(const Sim::HostAgent& agent,
-                                         Sim::Counters* counters) const override {
-    const auto& f = agent.family<RegisterAgent>();
-    if (counters) ++(*counters)["registerChecks"];
-    if (f.chip->value == f.input) return std::nullopt;
-    return Sim::CheckFailure{
-        "register",
-        {"expected " + std::to_string(f.input) + ", actual " + std::to_string(f.chip->value)}};
-  }
-  std::vector<std::pair<std::string, std::vector<std::string>>> finalExpectations(
-      const Sim::HostAgent& agent) const override {
-    return {{"register", {std::to_string(agent.family<RegisterAgent>().input)}}};
-  }
 };
 
+const Sim::Family& registerFamily() {
+  static const RegisterFamily family;
+  return family;
+}
+
 TEST(Family, ANewFamilyJoinsScenariosAndTheFuzzerThroughItsOwnPlaceAlone) {
-  RegisterFamily reg;
   Sim::Families families = Sim::registeredFamilies();
-  families.push_back(&reg);
+  families.push_back(&registerFamily());
 
   // Its action, its chip operation in a refusal rule, its machine restarted by name, its table.
   const char* const text = R"(
@@ -176,9 +183,8 @@ steps:
 // Whatever a check finds, a scenario can state: `checks` lists every check's findings, so a run
 // the fuzzer writes fails its replay even where no table shows the difference.
 TEST(Family, EveryCheckTheFuzzerRunsIsAnExpectation) {
-  RegisterFamily reg;
   Sim::Families families = Sim::registeredFamilies();
-  families.push_back(&reg);
+  families.push_back(&registerFamily());
   RegisterChip::lost = 2;
   auto run = [&](const std::string& expect) {
     Sim::SimLog quiet;
@@ -212,6 +218,27 @@ TEST(Family, EveryCheckTheFuzzerRunsIsAnExpectation) {
                          std::istreambuf_iterator<char>());
   EXPECT_NE(text.find("      checks: none\n"), std::string::npos) << text;
   EXPECT_TRUE(bad.failure->checkFails);
+}
+
+// A family reads the parts of the families it builds on; an agent whose list puts one of those
+// after it (or leaves it out) is refused when it is made, not when the part is first asked for.
+TEST(Family, TheFamiliesAFamilyBuildsOnAreRegisteredBeforeIt) {
+  Sim::SimLog quiet;
+  const Sim::Families floodSetsAlone{&Sim::floodSetFamily()};
+  try {
+    Sim::HostAgent agent(&quiet, floodSetsAlone);
+    FAIL() << "an agent without the tunnel-id family was made";
+  } catch (const std::logic_error& e) {
+    EXPECT_STREQ(e.what(),
+                 "the floodSet family builds on the tunnelEsi family, which is not registered "
+                 "before it");
+  }
+  const Sim::Families backwards{&Sim::floodSetFamily(), &Sim::tunnelEsiFamily()};
+  EXPECT_THROW(Sim::HostAgent(&quiet, backwards), std::logic_error);
+  const Sim::Families inOrder{&Sim::tunnelEsiFamily(), &Sim::floodSetFamily()};
+  Sim::HostAgent agent(&quiet, inOrder);
+  EXPECT_EQ(&agent.part<Sim::FloodSetAgent>().tunnels, &agent.part<Sim::TunnelEsiAgent>());
+  EXPECT_THROW(agent.part<Sim::MacFecAgent>(), std::logic_error);
 }
 
 }  // namespace

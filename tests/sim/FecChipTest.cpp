@@ -33,7 +33,7 @@ TEST(FecChip, TwoRequestersShareOneIdSpaceThatRunsOutRefusesAndComesBack) {
   Sim::HostAgent agent(&quiet);
   auto chip = Sim::FecChip::of(agent);
   // The family already registered made the table; a second family finds the same one.
-  EXPECT_EQ(chip.ptr(), agent.family<Sim::MacFecAgent>().chip.ptr());
+  EXPECT_EQ(chip.ptr(), agent.part<Sim::MacFecAgent>().chip.ptr());
   Requester flood;
   chip->requesterIs(flood.request, flood.response, "floodSetFec");
   chip->capacityIs(2);

@@ -82,7 +82,7 @@ bool has(const std::vector<std::string>& lines, const std::string& line) {
 TEST(FuzzCheck, EachCheckNamesWhatWasBrokenBehindTheMachinesBacks) {
   Sim::SimLog quiet;
   Sim::HostAgent agent(&quiet);
-  auto& esi = agent.family<Sim::TunnelEsiAgent>();
+  auto& esi = agent.part<Sim::TunnelEsiAgent>();
   agent.apply(Sim::actionOf("localEsiLabel: {segment: Ethernet1, label: mpls:2001}"));
   agent.apply(
       Sim::actionOf("remoteEsiLabel: {segment: Ethernet1, tep: DynTunnel1.1, label: mpls:1001}"));
@@ -162,7 +162,7 @@ TEST(Fuzz, SeedsConvergeAndReplayExactly) {
   o.seeds = 20;
   o.steps = 300;
   o.faultRate = 0.3;
-  o.pool = 2;
+  o.settings["pool"] = 2;
   o.restarts = true;
   Sim::FuzzResult a = Sim::fuzz(o, nullptr, nullptr);
   ASSERT_FALSE(a.failure) << a.failure->failure.check << ": " << a.failure->failure.lines[0];

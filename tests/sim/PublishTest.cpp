@@ -11,6 +11,10 @@
 #include "sim/Published.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
+#include "sim/families/dot1qDecap/Dot1qDecapTables.h"
+#include "sim/families/floodSet/FloodSetTables.h"
+#include "sim/families/macFec/MacFecTables.h"
+#include "sim/families/tunnelEsi/TunnelEsiTables.h"
 
 namespace {
 

@@ -5,12 +5,13 @@
 #include <cstring>
 #include <sstream>
 
+#include "sim/FamilyHelpers.h"
 #include "sim/Fuzz.h"
-#include "sim/Published.h"
 #include "sim/Rng.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioReader.h"
 #include "sim/families/dot1qDecap/Dot1qDecapCheck.h"
+#include "sim/families/dot1qDecap/Dot1qDecapTables.h"
 #include "sim/families/tunnelEsi/TunnelEsiFamily.h"
 
 namespace Sim {
@@ -59,8 +60,8 @@ class Dot1qDecapAgent::HwStatusLog : public Mpls::LfibHwStatus::NotifieeConst {
 Dot1qDecapAgent::Dot1qDecapAgent(HostAgent& a)
     : agent(a),
       chip(Dot1qDecapChip::Dot1qDecapChipIs(a.chip)),
-      evpnStatus(a.family<TunnelEsiAgent>().evpnStatus),
-      acsd(a.family<TunnelEsiAgent>().acsd),
+      evpnStatus(a.part<TunnelEsiAgent>().evpnStatus),
+      acsd(a.part<TunnelEsiAgent>().acsd),
       mplsConfig(new Evpn::MplsConfig),
       vlanStatusDir(new Bridging::VlanStatusDir),
       lfibStatus(new Mpls::LfibStatus),
@@ -221,7 +222,7 @@ void Dot1qDecapAgent::publish(Publisher& p) {
 
 namespace {
 
-Dot1qDecapAgent& family(HostAgent& agent) { return agent.family<Dot1qDecapAgent>(); }
+Dot1qDecapAgent& family(HostAgent& agent) { return agent.part<Dot1qDecapAgent>(); }
 
 // ---- actions ------------------------------------------------------------------------------------
 
@@ -615,6 +616,8 @@ bool pending(const Kiv::Ptr<Mox::TimerTask>& task) { return task && task->taskSc
 class Dot1qDecapFamily : public Family {
  public:
   std::string_view name() const override { return "dot1qDecap"; }
+  // Its machines program over the tunnel-id family's EVPN status and LAG membership.
+  std::vector<const Family*> buildsOn() const override { return {&tunnelEsiFamily()}; }
   std::vector<std::string> machines() const override {
     return {"floodingDot1q", "esiFilteringDecap"};
   }
@@ -682,66 +685,20 @@ class Dot1qDecapFamily : public Family {
   std::unique_ptr<FamilyAgent> agentIs(HostAgent& agent) const override {
     return std::make_unique<Dot1qDecapAgent>(agent);
   }
-  void draw(const HostAgent& agent, DotGraph& graph) const override {
-    drawDot1qDecap(agent.family<Dot1qDecapAgent>(), graph);
-  }
 
   std::unique_ptr<FamilyFuzz> fuzzIs(Rng& rng, const FuzzOptions&) const override {
     return std::make_unique<Dot1qDecapFuzz>(rng);
   }
 
-  // The dot1q drain, its retries while the chip has room, the backlog drain, and the retries of
-  // parked routes that could now go through.
-  bool busy(const HostAgent& agent) const override {
-    const auto& f = agent.family<Dot1qDecapAgent>();
-    if (const auto& sm = f.floodingDot1qSm) {
-      if (pending(sm->reviewIntfVlan()->task())) return true;
-      if (pending(sm->reviewUnprogrammed()->task()) && f.chip->dot1q().size() < f.chip->dot1qSize())
-        return true;
-    }
-    if (const auto& sm = f.decapSm) {
-      if (pending(sm->reviewRouteKeyBacklog()->task())) return true;
-      if (pending(sm->reviewUnprogrammed()->task()) && parkedRouteCouldMove(f)) return true;
-    }
-    return false;
-  }
-
-  void count(const HostAgent& agent, Counters& c) const override {
-    const auto& f = agent.family<Dot1qDecapAgent>();
-    c["dot1qChecked"] += f.chip->dot1q().size();
-    c["portMapsChecked"] += f.chip->portMaps().size();
-  }
-  std::optional<CheckFailure> check(const HostAgent& agent, Counters* counters) const override {
-    return checkDot1qDecap(agent.family<Dot1qDecapAgent>(), counters);
-  }
-
-  std::vector<std::pair<std::string, std::vector<std::string>>> finalExpectations(
-      const HostAgent& agent) const override {
-    const auto& f = agent.family<Dot1qDecapAgent>();
-    std::vector<std::string> dot1q, portMaps;
-    for (const auto& [key, tag] : compareDot1q(f, nullptr).wanted)
-      dot1q.push_back(dot1qLine(key, tag));
-    for (const auto& [label, intf] : comparePortMaps(f, nullptr).wanted) {
-      portMaps.push_back(portMapLine(label, intf));
-    }
-    return {{"dot1q", dot1q}, {"esiPortMaps", portMaps}};
+  std::vector<PublishedTableKind> publishedTables() const override {
+    return {publishedTableKind<UnprogrammedRoutesTable>()};
   }
 
   std::vector<FuzzFlag> fuzzFlags() const override {
-    return {{"--canary-drop-dot1q-delete", "N",
-             "test the checks: the chip loses its N-th deleteVlanToDot1qMapping",
-             [](const char* v) {
-               std::uint64_t n = 0;
-               const char* end = v + std::strlen(v);
-               auto [p, ec] = std::from_chars(v, end, n);
-               if (ec != std::errc() || p != end) return false;
-               Dot1qDecapChip::canaryDropDeleteDot1qIs(n);
-               return true;
-             },
-             [] {
-               const auto n = Dot1qDecapChip::canaryDropDeleteDot1q();
-               return n ? "--canary-drop-dot1q-delete " + std::to_string(n) : std::string();
-             }}};
+    return {canaryFlag("--canary-drop-dot1q-delete",
+                       "test the checks: the chip loses its N-th deleteVlanToDot1qMapping",
+                       Dot1qDecapChip::canaryDropDeleteDot1qIs,
+                       Dot1qDecapChip::canaryDropDeleteDot1q)};
   }
 
   void printCounts(const Counters& c, std::ostream& os) const override {
@@ -765,6 +722,42 @@ class Dot1qDecapFamily : public Family {
 };
 
 }  // namespace
+
+void Dot1qDecapAgent::draw(DotGraph& graph) const { drawDot1qDecap(*this, graph); }
+
+// The dot1q drain, its retries while the chip has room, the backlog drain, and the retries of
+// parked routes that could now go through.
+bool Dot1qDecapAgent::busy() const {
+  if (const auto& sm = floodingDot1qSm) {
+    if (pending(sm->reviewIntfVlan()->task())) return true;
+    if (pending(sm->reviewUnprogrammed()->task()) && chip->dot1q().size() < chip->dot1qSize())
+      return true;
+  }
+  if (const auto& sm = decapSm) {
+    if (pending(sm->reviewRouteKeyBacklog()->task())) return true;
+    if (pending(sm->reviewUnprogrammed()->task()) && parkedRouteCouldMove(*this)) return true;
+  }
+  return false;
+}
+
+void Dot1qDecapAgent::count(Counters& c) const {
+  c["dot1qChecked"] += chip->dot1q().size();
+  c["portMapsChecked"] += chip->portMaps().size();
+}
+
+std::optional<CheckFailure> Dot1qDecapAgent::check(Counters* counters) const {
+  return checkDot1qDecap(*this, counters);
+}
+
+ExpectedTables Dot1qDecapAgent::finalExpectations() const {
+  std::vector<std::string> dot1q, portMaps;
+  for (const auto& [key, tag] : compareDot1q(*this, nullptr).wanted)
+    dot1q.push_back(dot1qLine(key, tag));
+  for (const auto& [label, intf] : comparePortMaps(*this, nullptr).wanted) {
+    portMaps.push_back(portMapLine(label, intf));
+  }
+  return {{"dot1q", dot1q}, {"esiPortMaps", portMaps}};
+}
 
 const Family& dot1qDecapFamily() {
   static const Dot1qDecapFamily family;

@@ -31,6 +31,8 @@ const Family& dot1qDecapFamily();
 
 class Dot1qDecapAgent : public FamilyAgent {
  public:
+  static const Family& family() { return dot1qDecapFamily(); }
+
   explicit Dot1qDecapAgent(HostAgent& agent);
   ~Dot1qDecapAgent() override;
 
@@ -42,6 +44,13 @@ class Dot1qDecapAgent : public FamilyAgent {
   void printChip(std::ostream& os) const override;
   void printOutputs(std::ostream& os) const override;
   void publish(Publisher& p) override;
+  void draw(DotGraph& graph) const override;
+  // The dot1q drain, its retries while the chip has room, the backlog drain, and the retries of
+  // parked routes that could now go through.
+  bool busy() const override;
+  void count(Counters& c) const override;
+  std::optional<CheckFailure> check(Counters* counters) const override;
+  ExpectedTables finalExpectations() const override;
 
   // The label-forwarding publisher: each change puts the routes it touches into the backlog.
   void routeIs(Quil::MplsLabel label, Mpls::LfibViaSetKey viaSet);

@@ -6,11 +6,11 @@
 #include "sim/ChipLink.h"
 #include "sim/ChipOperations.h"
 #include "sim/Fuzz.h"
-#include "sim/Published.h"
 #include "sim/Rng.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioReader.h"
 #include "sim/families/floodSet/FloodSetCheck.h"
+#include "sim/families/floodSet/FloodSetTables.h"
 #include "sim/families/tunnelEsi/TunnelEsiFamily.h"
 
 namespace Sim {
@@ -71,7 +71,7 @@ class FloodSetAgent::Answers : public Oba::FecIdToHwFecIdResponse::NotifieeConst
 
 FloodSetAgent::FloodSetAgent(HostAgent& a)
     : agent(a),
-      tunnels(a.family<TunnelEsiAgent>()),
+      tunnels(a.part<TunnelEsiAgent>()),
       l2RibFloodSet(new L2Rib::FloodSetOutput("l2RibFloodSet")),
       mplsFloodSet(new L2Rib::FloodSetOutput("mplsFloodSet")),
       hwInfoMapping(new Oba::HwInfoMapping),
@@ -305,7 +305,7 @@ void FloodSetAgent::publish(Publisher& p) {
 
 namespace {
 
-FloodSetAgent& floodSets(HostAgent& agent) { return agent.family<FloodSetAgent>(); }
+FloodSetAgent& floodSets(HostAgent& agent) { return agent.part<FloodSetAgent>(); }
 
 // ---- actions ------------------------------------------------------------------------------------
 
@@ -577,6 +577,8 @@ class FloodSetFuzz : public FamilyFuzz {
 class FloodSetFamily : public Family {
  public:
   std::string_view name() const override { return "floodSet"; }
+  // Its machines read the tunnel-id family's mapping; its chip checks that family's ids.
+  std::vector<const Family*> buildsOn() const override { return {&tunnelEsiFamily()}; }
   std::vector<std::string> machines() const override { return {"floodSetFec", "vlanFloodSet"}; }
 
   // A member's "port" is its tunnel, as a rule names it: DynTunnelT.I.
@@ -614,37 +616,20 @@ class FloodSetFamily : public Family {
     return std::make_unique<FloodSetFuzz>(rng, options);
   }
 
-  bool busy(const HostAgent& agent) const override {
-    const auto& f = agent.family<FloodSetAgent>();
-    return f.lists->busy() || f.fecs->busy() || f.fecStartPending;
-  }
-
-  void count(const HostAgent& agent, Counters& c) const override {
-    const auto& f = agent.family<FloodSetAgent>();
-    for (const auto& [list, members] : f.lists->lists()) c["floodListMembers"] += members.size();
-  }
-  void draw(const HostAgent& agent, DotGraph& graph) const override {
-    drawFloodSets(agent.family<FloodSetAgent>(), graph);
-  }
-  std::optional<CheckFailure> check(const HostAgent& agent, Counters* counters) const override {
-    return checkFloodSets(agent.family<FloodSetAgent>(), counters);
-  }
-
-  std::vector<std::pair<std::string, std::vector<std::string>>> finalExpectations(
-      const HostAgent& agent) const override {
-    const auto& f = agent.family<FloodSetAgent>();
-    return {{"mplsFloodSet", expectedMplsFloodSetLines(f)}, {"floodLists", f.listLines()}};
+  std::vector<PublishedTableKind> publishedTables() const override {
+    return {publishedTableKind<FloodSetFecRequestsTable>(), publishedTableKind<HwInfoTable>(),
+            publishedTableKind<FloodListsTable>()};
   }
 
   std::vector<FuzzFlag> fuzzFlags() const override {
     return {{"--canary-break-before-make", "on",
              "test the checks: the chip removes a flood-list member before adding its replacement",
-             [](const char* v) {
-               if (std::string(v) != "on") return false;
+             [](const char* v, FuzzOptions&) {
+               if (std::string(v) != "on") return std::string("needs on");
                FloodListChip::canaryBreakBeforeMakeIs(true);
-               return true;
+               return std::string();
              },
-             [] {
+             [](const FuzzOptions&) {
                return FloodListChip::canaryBreakBeforeMake()
                           ? std::string("--canary-break-before-make on")
                           : std::string();
@@ -658,6 +643,22 @@ class FloodSetFamily : public Family {
 };
 
 }  // namespace
+
+void FloodSetAgent::draw(DotGraph& graph) const { drawFloodSets(*this, graph); }
+
+bool FloodSetAgent::busy() const { return lists->busy() || fecs->busy() || fecStartPending; }
+
+void FloodSetAgent::count(Counters& c) const {
+  for (const auto& [list, members] : lists->lists()) c["floodListMembers"] += members.size();
+}
+
+std::optional<CheckFailure> FloodSetAgent::check(Counters* counters) const {
+  return checkFloodSets(*this, counters);
+}
+
+ExpectedTables FloodSetAgent::finalExpectations() const {
+  return {{"mplsFloodSet", expectedMplsFloodSetLines(*this)}, {"floodLists", listLines()}};
+}
 
 const Family& floodSetFamily() {
   static const FloodSetFamily family;

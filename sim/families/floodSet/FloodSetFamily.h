@@ -36,6 +36,8 @@ class TunnelEsiAgent;
 
 class FloodSetAgent : public FamilyAgent {
  public:
+  static const Family& family() { return floodSetFamily(); }
+
   explicit FloodSetAgent(HostAgent& agent);
   ~FloodSetAgent() override;
 
@@ -47,6 +49,11 @@ class FloodSetAgent : public FamilyAgent {
   void printChip(std::ostream& os) const override;
   void printOutputs(std::ostream& os) const override;
   void publish(Publisher& p) override;
+  void draw(DotGraph& graph) const override;
+  bool busy() const override;
+  void count(Counters& c) const override;
+  std::optional<CheckFailure> check(Counters* counters) const override;
+  ExpectedTables finalExpectations() const override;
 
   std::vector<std::string> mplsFloodSetLines() const;
   std::vector<std::string> configLines() const;

@@ -8,11 +8,11 @@
 
 #include "sim/FamilyHelpers.h"
 #include "sim/Fuzz.h"
-#include "sim/Published.h"
 #include "sim/Rng.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioReader.h"
 #include "sim/families/macFec/MacFecCheck.h"
+#include "sim/families/macFec/MacFecTables.h"
 
 namespace Sim {
 
@@ -235,7 +235,7 @@ void MacFecAgent::publish(Publisher& p) {
 
 namespace {
 
-MacFecAgent& mac(HostAgent& agent) { return agent.family<MacFecAgent>(); }
+MacFecAgent& mac(HostAgent& agent) { return agent.part<MacFecAgent>(); }
 
 // ---- actions ------------------------------------------------------------------------------------
 
@@ -821,33 +821,13 @@ class MacFecFamily : public Family {
   std::unique_ptr<FamilyAgent> agentIs(HostAgent& agent) const override {
     return std::make_unique<MacFecAgent>(agent);
   }
-  void draw(const HostAgent& agent, DotGraph& graph) const override {
-    drawMacFec(agent.family<MacFecAgent>(), graph);
-  }
-
   std::unique_ptr<FamilyFuzz> fuzzIs(Rng& rng, const FuzzOptions& options) const override {
     return std::make_unique<MacFuzz>(rng, options);
   }
 
-  // The machine's review while its backlogs hold work, and the chip's answers and retries.
-  bool busy(const HostAgent& agent) const override {
-    const auto& f = agent.family<MacFecAgent>();
-    return (f.sm && !f.sm->backLogQsDrained()) || f.chip->busy();
-  }
-
-  void count(const HostAgent& agent, Counters& c) const override {
-    c["macFecsChecked"] += agent.family<MacFecAgent>().request->fecs();
-  }
-  void ledger(const HostAgent& agent, std::vector<std::string>& out) const override {
-    for (auto& l : macFecLedger(agent.family<MacFecAgent>())) out.push_back(std::move(l));
-  }
-  std::optional<CheckFailure> check(const HostAgent& agent, Counters* counters) const override {
-    return checkMacFec(agent.family<MacFecAgent>(), counters);
-  }
-
-  std::vector<std::pair<std::string, std::vector<std::string>>> finalExpectations(
-      const HostAgent& agent) const override {
-    return macFecExpectations(agent.family<MacFecAgent>());
+  std::vector<PublishedTableKind> publishedTables() const override {
+    return {publishedTableKind<FecRequestsTable>(), publishedTableKind<FecOwnersTable>(),
+            publishedTableKind<ResultsTable>()};
   }
 
   std::vector<FuzzFlag> fuzzFlags() const override {
@@ -868,6 +848,22 @@ class MacFecFamily : public Family {
 };
 
 }  // namespace
+
+void MacFecAgent::draw(DotGraph& graph) const { drawMacFec(*this, graph); }
+
+bool MacFecAgent::busy() const { return (sm && !sm->backLogQsDrained()) || chip->busy(); }
+
+void MacFecAgent::count(Counters& c) const { c["macFecsChecked"] += request->fecs(); }
+
+void MacFecAgent::ledger(std::vector<std::string>& out) const {
+  for (auto& l : macFecLedger(*this)) out.push_back(std::move(l));
+}
+
+std::optional<CheckFailure> MacFecAgent::check(Counters* counters) const {
+  return checkMacFec(*this, counters);
+}
+
+ExpectedTables MacFecAgent::finalExpectations() const { return macFecExpectations(*this); }
 
 const Family& macFecFamily() {
   static const MacFecFamily family;

@@ -61,6 +61,7 @@ const Family& macFecFamily();
 class MacFecAgent : public FamilyAgent {
  public:
   static constexpr const char* writer = "macFec";
+  static const Family& family() { return macFecFamily(); }
 
   explicit MacFecAgent(HostAgent& agent);
   ~MacFecAgent() override;
@@ -74,6 +75,13 @@ class MacFecAgent : public FamilyAgent {
   void printChip(std::ostream& os) const override;
   void printOutputs(std::ostream& os) const override;
   void publish(Publisher& p) override;
+  void draw(DotGraph& graph) const override;
+  // The machine's review while its backlogs hold work, and the chip's answers and retries.
+  bool busy() const override;
+  void count(Counters& c) const override;
+  void ledger(std::vector<std::string>& out) const override;
+  std::optional<CheckFailure> check(Counters* counters) const override;
+  ExpectedTables finalExpectations() const override;
 
   // The setting the machine is made with; a running machine is restarted with a new one.
   void maxChainLengthIs(std::uint32_t n);

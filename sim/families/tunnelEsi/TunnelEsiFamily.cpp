@@ -7,10 +7,10 @@
 #include "sim/ChipOperations.h"
 #include "sim/FamilyHelpers.h"
 #include "sim/Fuzz.h"
-#include "sim/Published.h"
 #include "sim/Rng.h"
 #include "sim/ScenarioReader.h"
 #include "sim/families/tunnelEsi/TunnelEsiCheck.h"
+#include "sim/families/tunnelEsi/TunnelEsiTables.h"
 
 namespace Sim {
 
@@ -157,7 +157,7 @@ void TunnelEsiAgent::publish(Publisher& p) {
 
 namespace {
 
-TunnelEsiAgent& esi(HostAgent& agent) { return agent.family<TunnelEsiAgent>(); }
+TunnelEsiAgent& esi(HostAgent& agent) { return agent.part<TunnelEsiAgent>(); }
 
 // ---- actions ------------------------------------------------------------------------------------
 
@@ -478,14 +478,18 @@ Evpn::EncapTypeLabel localLabel(Rng& r) {
   return Evpn::EncapTypeLabel();  // the empty label
 }
 
+// Hardware tunnel ids at the start of a seed: few, so that they run out.
+constexpr std::uint32_t poolDefault = 4;
+
 class EsiFuzz : public FamilyFuzz {
  public:
-  EsiFuzz(Rng& r, const FuzzOptions& o) : w_(makeWorld(r)), o_(o) {}
+  EsiFuzz(Rng& r, const FuzzOptions& o)
+      : w_(makeWorld(r)), pool_(static_cast<std::uint32_t>(o.setting("pool", poolDefault))) {}
 
   std::vector<Action> setup() const override {
     auto a = std::make_shared<EsiAction>();
     a->kind = Kind::chipPool;
-    a->count = o_.pool;
+    a->count = pool_;
     return {Action{0, a}};
   }
 
@@ -555,7 +559,7 @@ class EsiFuzz : public FamilyFuzz {
         a->count = r.chance(0.1)
                        ? 0
                        : static_cast<std::uint32_t>(
-                             1 + r.below(std::max<std::uint64_t>(1, 2 * std::uint64_t{o_.pool})));
+                             1 + r.below(std::max<std::uint64_t>(1, 2 * std::uint64_t{pool_})));
         break;
     }
     return Action{0, a};
@@ -563,7 +567,7 @@ class EsiFuzz : public FamilyFuzz {
 
  private:
   World w_;
-  const FuzzOptions& o_;
+  std::uint32_t pool_;
 };
 
 bool reviewPending(const Kiv::Ptr<Mox::TimerTask>& task) { return task && task->taskScheduled(); }
@@ -606,67 +610,21 @@ class TunnelEsiFamily : public Family {
     return std::make_unique<TunnelEsiAgent>(agent);
   }
 
-  void draw(const HostAgent& agent, DotGraph& graph) const override {
-    drawTunnelEsi(agent.family<TunnelEsiAgent>(), graph);
-  }
-
   std::unique_ptr<FamilyFuzz> fuzzIs(Rng& rng, const FuzzOptions& options) const override {
     return std::make_unique<EsiFuzz>(rng, options);
   }
 
-  // The flooding machine's retries, and the tunnel-id machine's while the chip has an id to give.
-  bool busy(const HostAgent& agent) const override {
-    const auto& f = agent.family<TunnelEsiAgent>();
-    const bool flooding = f.floodingEsiSm && f.floodingEsiSm->reviewUnprogrammed() &&
-                          reviewPending(f.floodingEsiSm->reviewUnprogrammed()->task());
-    const bool hw = f.hwTunnelIdSm && f.hwTunnelIdSm->reviewUnprogrammed() &&
-                    reviewPending(f.hwTunnelIdSm->reviewUnprogrammed()->task()) &&
-                    f.chip->freeHwTunnelId() != 0;
-    return flooding || hw;
-  }
-
-  void count(const HostAgent& agent, Counters& c) const override {
-    c["esiEntriesChecked"] += agent.family<TunnelEsiAgent>().chip->esiData().size();
-  }
-  void ledger(const HostAgent& agent, std::vector<std::string>& out) const override {
-    for (auto& l : checkHwTunnelIdLedger(agent.family<TunnelEsiAgent>())) {
-      out.push_back(std::move(l));
-    }
-  }
-  std::optional<CheckFailure> check(const HostAgent& agent, Counters* counters) const override {
-    return checkTunnelEsi(agent.family<TunnelEsiAgent>(), counters);
-  }
-
-  std::vector<std::pair<std::string, std::vector<std::string>>> finalExpectations(
-      const HostAgent& agent) const override {
-    const auto& f = agent.family<TunnelEsiAgent>();
-    std::vector<std::string> esiLines, mappingLines, hwIds;
-    for (const auto& [key, e] : compareEsiData(f, nullptr).wanted) {
-      esiLines.push_back(esiLine(key, e));
-    }
-    // The rows whose tunnels are in use, and the ids those rows hold.
-    std::set<Tunnel::TunnelTable::TunnelId> inUse;
-    for (auto [intf, ess] : f.evpnStatus->segmentStatusWalk()) {
-      for (auto [vlan, tep] : ess->designatedForwarderTepWalk()) {
-        inUse.insert(Tunnel::TunnelTable::TunnelId(Quil::DynamicTunnelIntfId::tunnelId(tep)));
-      }
-    }
-    std::vector<std::uint32_t> ids;
-    for (auto [tunnel, row] : f.mapping->tunnelIdToHwTunnelIdWalk()) {
-      if (!inUse.contains(tunnel)) continue;
-      mappingLines.push_back(row.compactString());
-      ids.push_back(row.hwTunnelId().value());
-    }
-    std::sort(mappingLines.begin(), mappingLines.end());
-    std::sort(ids.begin(), ids.end());
-    for (auto id : ids) hwIds.push_back(std::to_string(id));
-    return {{"esiData", esiLines}, {"mapping", mappingLines}, {"hwTunnelIds", hwIds}};
+  std::vector<PublishedTableKind> publishedTables() const override {
+    return {publishedTableKind<MappingTable>()};
   }
 
   std::vector<FuzzFlag> fuzzFlags() const override {
-    return {canaryFlag(
-        "--canary-drop-delete", "test the checks: the chip loses its N-th deleteEsiData",
-        TunnelEsiChip::canaryDropDeleteEsiDataIs, TunnelEsiChip::canaryDropDeleteEsiData)};
+    // A pool of none is no world: every tunnel would wait for good.
+    return {settingFlag("pool", "hardware tunnel ids at the start of a seed (default 4)",
+                        poolDefault, 1),
+            canaryFlag(
+                "--canary-drop-delete", "test the checks: the chip loses its N-th deleteEsiData",
+                TunnelEsiChip::canaryDropDeleteEsiDataIs, TunnelEsiChip::canaryDropDeleteEsiData)};
   }
 
   void printCounts(const Counters& c, std::ostream& os) const override {
@@ -687,6 +645,54 @@ Action lagAction(Quil::IntfId lag, std::optional<std::vector<Quil::IntfId>> memb
   a->segment = lag;
   if (members) a->members = std::move(*members);
   return Action{0, a};
+}
+
+void TunnelEsiAgent::draw(DotGraph& graph) const { drawTunnelEsi(*this, graph); }
+
+// The flooding machine's retries, and the tunnel-id machine's while the chip has an id to give.
+bool TunnelEsiAgent::busy() const {
+  const bool flooding = floodingEsiSm && floodingEsiSm->reviewUnprogrammed() &&
+                        reviewPending(floodingEsiSm->reviewUnprogrammed()->task());
+  const bool hw = hwTunnelIdSm && hwTunnelIdSm->reviewUnprogrammed() &&
+                  reviewPending(hwTunnelIdSm->reviewUnprogrammed()->task()) &&
+                  chip->freeHwTunnelId() != 0;
+  return flooding || hw;
+}
+
+void TunnelEsiAgent::count(Counters& c) const { c["esiEntriesChecked"] += chip->esiData().size(); }
+
+void TunnelEsiAgent::ledger(std::vector<std::string>& out) const {
+  for (auto& l : checkHwTunnelIdLedger(*this)) {
+    out.push_back(std::move(l));
+  }
+}
+
+std::optional<CheckFailure> TunnelEsiAgent::check(Counters* counters) const {
+  return checkTunnelEsi(*this, counters);
+}
+
+ExpectedTables TunnelEsiAgent::finalExpectations() const {
+  std::vector<std::string> esiLines, mappingLines, hwIds;
+  for (const auto& [key, e] : compareEsiData(*this, nullptr).wanted) {
+    esiLines.push_back(esiLine(key, e));
+  }
+  // The rows whose tunnels are in use, and the ids those rows hold.
+  std::set<Tunnel::TunnelTable::TunnelId> inUse;
+  for (auto [intf, ess] : evpnStatus->segmentStatusWalk()) {
+    for (auto [vlan, tep] : ess->designatedForwarderTepWalk()) {
+      inUse.insert(Tunnel::TunnelTable::TunnelId(Quil::DynamicTunnelIntfId::tunnelId(tep)));
+    }
+  }
+  std::vector<std::uint32_t> ids;
+  for (auto [tunnel, row] : mapping->tunnelIdToHwTunnelIdWalk()) {
+    if (!inUse.contains(tunnel)) continue;
+    mappingLines.push_back(row.compactString());
+    ids.push_back(row.hwTunnelId().value());
+  }
+  std::sort(mappingLines.begin(), mappingLines.end());
+  std::sort(ids.begin(), ids.end());
+  for (auto id : ids) hwIds.push_back(std::to_string(id));
+  return {{"esiData", esiLines}, {"mapping", mappingLines}, {"hwTunnelIds", hwIds}};
 }
 
 const Family& tunnelEsiFamily() {

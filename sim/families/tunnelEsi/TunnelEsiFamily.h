@@ -29,6 +29,8 @@ const Family& tunnelEsiFamily();
 // The family's part of a host agent, as tests and checks see it.
 class TunnelEsiAgent : public FamilyAgent {
  public:
+  static const Family& family() { return tunnelEsiFamily(); }
+
   explicit TunnelEsiAgent(HostAgent& agent);
   ~TunnelEsiAgent() override;
 
@@ -40,6 +42,13 @@ class TunnelEsiAgent : public FamilyAgent {
   void printChip(std::ostream& os) const override;
   void printOutputs(std::ostream& os) const override;
   void publish(Publisher& p) override;
+  void draw(DotGraph& graph) const override;
+  // The flooding machine's retries, and the tunnel-id machine's while the chip has an id to give.
+  bool busy() const override;
+  void count(Counters& c) const override;
+  void ledger(std::vector<std::string>& out) const override;
+  std::optional<CheckFailure> check(Counters* counters) const override;
+  ExpectedTables finalExpectations() const override;
 
   std::vector<std::string> esiDataLines() const;
   std::vector<std::string> mappingLines() const;
