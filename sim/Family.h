@@ -46,6 +46,8 @@ class ActionBody {
   virtual void apply(HostAgent& agent) const = 0;
   // As a scenario file writes it, without the list dash: "designatedForwarder: {segment: ...}".
   virtual void write(std::ostream& os) const = 0;
+  // Its key in a scenario file ("designatedForwarder").
+  virtual std::string_view name() const { return {}; }
   // A restart needs a started agent: such an action cannot be among the initial ones.
   virtual bool needsStartedAgent() const { return false; }
   // A setting the family's random world depends on (the machine would abort without it): a

@@ -52,7 +52,8 @@ void printUsage(std::ostream& os, const Families& families) {
     for (const auto& flag : f->fuzzFlags()) {
       // As the core's options are laid out: the help at column 21, or on a line of its own.
       std::string option = "  " + flag.name + " " + flag.arg;
-      option += option.size() < 21 ? std::string(21 - option.size(), ' ') : "\n" + std::string(21, ' ');
+      option +=
+          option.size() < 21 ? std::string(21 - option.size(), ' ') : "\n" + std::string(21, ' ');
       os << option << flag.help << "\n";
     }
   }
@@ -165,8 +166,7 @@ int fuzzMain(int argc, char** argv) {
     } else if (auto flag = std::find_if(flags.begin(), flags.end(),
                                         [&](const FuzzFlag& f) { return f.name == a; });
                flag != flags.end()) {
-      const std::string why =
-          i + 1 >= argc ? "needs " + flag->arg : flag->set(argv[i + 1], o);
+      const std::string why = i + 1 >= argc ? "needs " + flag->arg : flag->set(argv[i + 1], o);
       if (!why.empty()) {
         std::cerr << "oba-evpn-sim fuzz: " << a << " " << why << got(i + 1) << "\n";
         return 2;

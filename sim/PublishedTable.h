@@ -47,7 +47,6 @@ Cells keyThen(const void* row, Cells rowCells, Key&&... key) {
   return out;
 }
 
-
 // ---- what a key or row read from a segment may hold --------------------------------------------
 
 // Why the bytes of a value are no value of its type: "" when they are, else what they hold. Every

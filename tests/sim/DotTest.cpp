@@ -11,7 +11,7 @@
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
 #include "sim/families/dot1qDecap/Dot1qDecapFamily.h"
-#include "sim/families/tunnelEsi/TunnelEsiFamily.h"
+#include "sim/families/tunnelEsi/TunnelEsiAgent.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
 #include "sim/families/macFec/MacFecFamily.h"
-#include "sim/families/tunnelEsi/TunnelEsiFamily.h"
+#include "sim/families/tunnelEsi/TunnelEsiAgent.h"
 
 namespace {
 

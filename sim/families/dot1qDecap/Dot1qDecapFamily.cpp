@@ -12,7 +12,8 @@
 #include "sim/ScenarioReader.h"
 #include "sim/families/dot1qDecap/Dot1qDecapCheck.h"
 #include "sim/families/dot1qDecap/Dot1qDecapTables.h"
-#include "sim/families/tunnelEsi/TunnelEsiFamily.h"
+#include "sim/families/tunnelEsi/TunnelEsiActions.h"
+#include "sim/families/tunnelEsi/TunnelEsiAgent.h"
 
 namespace Sim {
 

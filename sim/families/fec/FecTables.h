@@ -19,8 +19,9 @@ struct FecRequestTable {
 
 template <const char* N, const char* W>
 inline Cells FecRequestTable<N, W>::cells(const Key& k, const Row* r) {
-  return published::keyThen(r, r ? Cells{r->l2IntfIdWanted() ? "yes" : "no", published::text(r->hwTunnelId())} : Cells{},
-                 k);
+  return published::keyThen(
+      r, r ? Cells{r->l2IntfIdWanted() ? "yes" : "no", published::text(r->hwTunnelId())} : Cells{},
+      k);
 }
 
 }  // namespace Sim

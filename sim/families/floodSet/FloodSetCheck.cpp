@@ -6,7 +6,7 @@
 #include <tuple>
 
 #include "sim/ChipLink.h"
-#include "sim/families/tunnelEsi/TunnelEsiFamily.h"
+#include "sim/families/tunnelEsi/TunnelEsiAgent.h"
 
 namespace Sim {
 

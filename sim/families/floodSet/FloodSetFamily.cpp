@@ -11,7 +11,7 @@
 #include "sim/ScenarioReader.h"
 #include "sim/families/floodSet/FloodSetCheck.h"
 #include "sim/families/floodSet/FloodSetTables.h"
-#include "sim/families/tunnelEsi/TunnelEsiFamily.h"
+#include "sim/families/tunnelEsi/TunnelEsiAgent.h"
 
 namespace Sim {
 

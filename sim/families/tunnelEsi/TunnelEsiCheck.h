@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "sim/Family.h"
-#include "sim/families/tunnelEsi/TunnelEsiFamily.h"
+#include "sim/families/tunnelEsi/TunnelEsiAgent.h"
 
 namespace Sim {
 

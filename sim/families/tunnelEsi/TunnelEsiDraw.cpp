@@ -6,7 +6,7 @@
 #include <sstream>
 
 #include "sim/Dot.h"
-#include "sim/families/tunnelEsi/TunnelEsiFamily.h"
+#include "sim/families/tunnelEsi/TunnelEsiAgent.h"
 
 namespace Sim {
 
