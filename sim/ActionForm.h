@@ -48,7 +48,8 @@ namespace Sim {
 
 namespace form {
 
-// ---- codecs of the values every family meets ------------------------------------------------------
+// ---- codecs of the values every family meets
+// ------------------------------------------------------
 
 // A value written as its stream text, read by one of the reader's calls.
 template <class T, T (Reader::*Read)(const YAML::Node&) const>
@@ -111,7 +112,8 @@ constexpr List<C> list(C item, const char* what) {
   return {item, what};
 }
 
-// ---- forms of a whole action ----------------------------------------------------------------------
+// ---- forms of a whole action
+// ----------------------------------------------------------------------
 
 // One key of a map form: its name, the member it fills, and the member's codec.
 template <class A, class M, class C>
@@ -170,7 +172,8 @@ constexpr Value<A, M, C> value(M A::*member, C codec) {
 
 }  // namespace form
 
-// ---- actions from their definitions ---------------------------------------------------------------
+// ---- actions from their definitions
+// ---------------------------------------------------------------
 
 // An action of definition A on the agent part `Part`, as the core holds it.
 template <class Part, class A>

@@ -2,6 +2,7 @@
 // may read what an earlier family's machines write. One line per family.
 #include "sim/Family.h"
 #include "sim/families/dot1qDecap/Dot1qDecapFamily.h"
+#include "sim/families/fec/FecFamily.h"
 #include "sim/families/floodSet/FloodSetFamily.h"
 #include "sim/families/macFec/MacFecFamily.h"
 #include "sim/families/tunnelEsi/TunnelEsiFamily.h"
@@ -10,10 +11,7 @@ namespace Sim {
 
 const Families& registeredFamilies() {
   static const Families families{
-      &tunnelEsiFamily(),
-      &dot1qDecapFamily(),
-      &macFecFamily(),
-      &floodSetFamily(),
+      &tunnelEsiFamily(), &dot1qDecapFamily(), &fecFamily(), &macFecFamily(), &floodSetFamily(),
   };
   return families;
 }

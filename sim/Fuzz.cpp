@@ -334,8 +334,9 @@ FuzzResult fuzz(const FuzzOptions& o, std::ostream* summary, std::ostream* progr
              << result.drainsCut << " drains cut at the bound, " << decimals(result.seconds, 2)
              << " s";
     for (const Family* f : families) {
-      *summary << "; ";
-      f->printAllowances(result.counters, *summary);
+      std::ostringstream allowed;
+      f->printAllowances(result.counters, allowed);
+      if (!allowed.str().empty()) *summary << "; " << allowed.str();
     }
     *summary << "\n";
   }

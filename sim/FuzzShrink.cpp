@@ -244,8 +244,8 @@ std::string failureText(Scenario s, const FuzzFailure& f, const FuzzOptions& o, 
   s.description = d.str();
   auto& expect = s.steps.back().expectations;
   for (const auto& [table, lines] : end.expected) expect.push_back({.name = table, .lines = lines});
-  expect.push_back({.name = "violations"});
-  expect.push_back({.name = "checks"});
+  expect.push_back({.name = "violations", .lines = {}});
+  expect.push_back({.name = "checks", .lines = {}});
   return scenarioText(s, failureComment(f, o, end, families));
 }
 

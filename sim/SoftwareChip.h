@@ -50,14 +50,6 @@ class SoftwareChip : public Kiv::PtrInterface {
     virtual void detach() = 0;
   };
   void partIs(const Kiv::Ptr<Part>& part) { parts_.push_back(part); }
-  // The part of type T, or null: a table that several families share is made by the first.
-  template <class T>
-  T* partOf() const {
-    for (const auto& p : parts_) {
-      if (auto* t = dynamic_cast<T*>(p.ptr())) return t;
-    }
-    return nullptr;
-  }
   // The operations chipRefuse rules may name; each part names its own when it is made.
   void operationIs(std::string_view op) { operations_.emplace_back(op); }
 

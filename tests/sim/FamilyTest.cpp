@@ -13,6 +13,7 @@
 #include "sim/Rng.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
+#include "sim/families/fec/FecFamily.h"
 #include "sim/families/floodSet/FloodSetFamily.h"
 #include "sim/families/macFec/MacFecFamily.h"
 #include "sim/families/tunnelEsi/TunnelEsiAgent.h"
@@ -235,7 +236,7 @@ TEST(Family, TheFamiliesAFamilyBuildsOnAreRegisteredBeforeIt) {
   }
   const Sim::Families backwards{&Sim::floodSetFamily(), &Sim::tunnelEsiFamily()};
   EXPECT_THROW(Sim::HostAgent(&quiet, backwards), std::logic_error);
-  const Sim::Families inOrder{&Sim::tunnelEsiFamily(), &Sim::floodSetFamily()};
+  const Sim::Families inOrder{&Sim::tunnelEsiFamily(), &Sim::fecFamily(), &Sim::floodSetFamily()};
   Sim::HostAgent agent(&quiet, inOrder);
   EXPECT_EQ(&agent.part<Sim::FloodSetAgent>().tunnels, &agent.part<Sim::TunnelEsiAgent>());
   EXPECT_THROW(agent.part<Sim::MacFecAgent>(), std::logic_error);

@@ -4,6 +4,7 @@
 
 #include "sim/HostAgent.h"
 #include "sim/Scenario.h"
+#include "sim/families/fec/FecAgent.h"
 #include "sim/families/fec/FecChip.h"
 #include "sim/families/macFec/MacFecFamily.h"
 
@@ -31,8 +32,8 @@ struct Requester {
 TEST(FecChip, TwoRequestersShareOneIdSpaceThatRunsOutRefusesAndComesBack) {
   Sim::SimLog quiet;
   Sim::HostAgent agent(&quiet);
-  auto chip = Sim::FecChip::of(agent);
-  // The family already registered made the table; a second family finds the same one.
+  auto chip = agent.part<Sim::FecAgent>().chip;
+  // The fec family's part holds the table; the families that request FECs share it.
   EXPECT_EQ(chip.ptr(), agent.part<Sim::MacFecAgent>().chip.ptr());
   Requester flood;
   chip->requesterIs(flood.request, flood.response, "floodSetFec");
@@ -100,7 +101,7 @@ TEST(FecChip, ALostWithdrawalLeavesAnIdHeldThatTheLedgerNames) {
   Sim::SimLog quiet;
   Sim::HostAgent agent(&quiet);
   Sim::FecChip::canaryLoseWithdrawalIs(0);
-  auto chip = Sim::FecChip::of(agent);
+  auto chip = agent.part<Sim::FecAgent>().chip;
   Requester r;
   chip->requesterIs(r.request, r.response, "requester");
   r.ask(1);
@@ -117,7 +118,7 @@ TEST(FecChip, ALostWithdrawalLeavesAnIdHeldThatTheLedgerNames) {
 TEST(FecChip, AnIdAnotherTableLetsGoOfReachesTheWaitingRequest) {
   Sim::SimLog quiet;
   Sim::HostAgent agent(&quiet);
-  auto chip = Sim::FecChip::of(agent);
+  auto chip = agent.part<Sim::FecAgent>().chip;
   Requester r;
   chip->requesterIs(r.request, r.response, "requester");
   chip->capacityIs(2);

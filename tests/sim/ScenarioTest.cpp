@@ -8,6 +8,7 @@
 #include "Kiv/Trace.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
+#include "sim/families/fec/FecFamily.h"
 #include "sim/families/macFec/MacFecFamily.h"
 #include "sim/families/tunnelEsi/TunnelEsiAgent.h"
 
@@ -16,7 +17,8 @@ namespace {
 // The families the texts below were written for: what the reader lists and the state it prints
 // do not change as other families join.
 const Sim::Families& textFamilies() {
-  static const Sim::Families families{&Sim::tunnelEsiFamily(), &Sim::macFecFamily()};
+  static const Sim::Families families{&Sim::tunnelEsiFamily(), &Sim::fecFamily(),
+                                      &Sim::macFecFamily()};
   return families;
 }
 

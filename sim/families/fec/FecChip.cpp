@@ -60,8 +60,7 @@ class FecChip::Task : public Mox::TimerTask::Notifiee {
   FecChip* chip_;
 };
 
-Kiv::Ptr<FecChip> FecChip::of(HostAgent& agent) {
-  if (FecChip* existing = agent.chip->partOf<FecChip>()) return existing;
+Kiv::Ptr<FecChip> FecChip::FecChipIs(HostAgent& agent) {
   Kiv::Ptr<FecChip> part = new FecChip(agent.chip.ptr(), agent.scheduler);
   agent.chip->partIs(part);
   agent.chip->operationIs("hwFecId");

@@ -3,7 +3,7 @@
 // ids through a request/response entity pair (the MAC-address FEC machine, the flood-set FEC
 // machine). One hardware FEC id space serves every registered requester:
 //
-//   auto fecs = Sim::FecChip::of(agent);                 // made by the first family that asks
+//   auto fecs = Sim::FecChip::FecChipIs(agent);          // the fec family's part makes it
 //   fecs->requesterIs(request, response, "macFec");      // the requester's pair, and its name
 //   fecs->capacityIs(4);                                 // hardware FEC ids 1..4
 //   fecs->latencyIs(0.25);                               // answers a quarter second later
@@ -48,8 +48,8 @@ class FecChip : public SoftwareChip::Part {
   static constexpr double retryIntervalDefault = 1.0;
   static constexpr std::uint32_t capacityDefault = 4096;
 
-  // The agent's FEC table: the one its chip already has, or a new one.
-  static Kiv::Ptr<FecChip> of(HostAgent& agent);
+  // A FEC table in the agent's chip (the fec family's part makes the agent's one).
+  static Kiv::Ptr<FecChip> FecChipIs(HostAgent& agent);
   // The chip operation a chipRefuse rule names to refuse answers: `hwFecId`.
   static ChipOperation refuseOperation();
 

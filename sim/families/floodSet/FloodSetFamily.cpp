@@ -9,6 +9,7 @@
 #include "sim/Rng.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioReader.h"
+#include "sim/families/fec/FecAgent.h"
 #include "sim/families/floodSet/FloodSetCheck.h"
 #include "sim/families/floodSet/FloodSetTables.h"
 #include "sim/families/tunnelEsi/TunnelEsiAgent.h"
@@ -80,7 +81,7 @@ FloodSetAgent::FloodSetAgent(HostAgent& a)
       fecRequest(new Oba::FecIdToHwFecIdRequest("mplsFloodSetFecRequest")),
       fecResponse(new Oba::FecIdToHwFecIdResponse("mplsFloodSetFecResponse")),
       lists(FloodListChip::FloodListChipIs(a.chip, a.scheduler, hwConfig, hwStatus)),
-      fecs(FecChip::of(a)),
+      fecs(a.part<FecAgent>().chip),
       timerWheel(Mox::TimerWheel::TimerWheelIs(a.clock)),
       log_(std::make_unique<Log>(this)),
       answers_(std::make_unique<Answers>(this)),
@@ -477,10 +478,6 @@ const ActionDef actionDefs[] = {
      [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
        readMember(r, v, "mplsFloodSetDest", a);
      }},
-    {"fecChipRenumber", Kind::fecChipRenumber,
-     [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
-       a.hw = r.count(v, "a hardware FEC id");
-     }},
     {"floodListLatency", Kind::floodListLatency,
      [](const Reader& r, const YAML::Node& v, FloodSetAction& a) {
        a.seconds = r.time(v, "a latency in seconds");
@@ -578,7 +575,9 @@ class FloodSetFamily : public Family {
  public:
   std::string_view name() const override { return "floodSet"; }
   // Its machines read the tunnel-id family's mapping; its chip checks that family's ids.
-  std::vector<const Family*> buildsOn() const override { return {&tunnelEsiFamily()}; }
+  std::vector<const Family*> buildsOn() const override {
+    return {&tunnelEsiFamily(), &fecFamily()};
+  }
   std::vector<std::string> machines() const override { return {"floodSetFec", "vlanFloodSet"}; }
 
   // A member's "port" is its tunnel, as a rule names it: DynTunnelT.I.

@@ -330,7 +330,7 @@ Comparison compare(const MacFecAgent& f, Counters* allowances, bool lines) {
 }  // namespace
 
 std::vector<std::string> macFecLedger(const MacFecAgent& f) {
-  std::vector<std::string> out = f.chip->ledger();
+  std::vector<std::string> out;
   if (!f.sm) return out;
   std::set<FecId> held;
   for (auto&& e : f.request->objTupleToFecIdWalk()) {

@@ -11,6 +11,7 @@
 #include "sim/Rng.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioReader.h"
+#include "sim/families/fec/FecAgent.h"
 #include "sim/families/macFec/MacFecCheck.h"
 #include "sim/families/macFec/MacFecTables.h"
 
@@ -144,7 +145,7 @@ MacFecAgent::MacFecAgent(HostAgent& a)
       request(new Oba::FecIdToHwFecIdRequest("macAddrFecRequest")),
       response(new Oba::FecIdToHwFecIdResponse("macAddrFecResponse")),
       result(new Oba::ObjTupleToHwId("objTupleToHwId")),
-      chip(FecChip::of(a)),
+      chip(a.part<FecAgent>().chip),
       requestLog_(std::make_unique<RequestLog>(this)),
       resultLog_(std::make_unique<ResultLog>(this)),
       answerLog_(std::make_unique<AnswerLog>(this)) {
@@ -216,10 +217,6 @@ std::vector<std::string> MacFecAgent::lines(std::string_view table) const {
   if (table == "fecs") return fecLines();
   if (table == "objTupleToHwId") return resultLines();
   return chip->lines();
-}
-
-void MacFecAgent::printChip(std::ostream& os) const {
-  os << "chip fecChip:\n" << block(chip->lines());
 }
 
 void MacFecAgent::printOutputs(std::ostream& os) const {
@@ -564,18 +561,6 @@ const ActionDef actionDefs[] = {
        a.count = r.count(v, "a chain length (2 or 3)");
        if (a.count != 2 && a.count != 3) r.failExpected(v, "a chain length (2 or 3)");
      }},
-    {"fecChipCapacity", Kind::fecChipCapacity,
-     [](const Reader& r, const YAML::Node& v, MacAction& a) {
-       a.count = r.count(v, "a number of hardware FEC ids");
-     }},
-    {"fecChipLatency", Kind::fecChipLatency,
-     [](const Reader& r, const YAML::Node& v, MacAction& a) {
-       a.seconds = r.time(v, "a latency in seconds");
-     }},
-    {"fecChipWithdraw", Kind::fecChipWithdraw,
-     [](const Reader& r, const YAML::Node& v, MacAction& a) {
-       a.count = r.count(v, "a hardware FEC id");
-     }},
 };
 
 // ---- table entries given as maps ----------------------------------------------------------------
@@ -804,18 +789,14 @@ class MacFuzz : public FamilyFuzz {
 class MacFecFamily : public Family {
  public:
   std::string_view name() const override { return "macFec"; }
+  // Its machine's requests are answered by the chip's FEC table.
+  std::vector<const Family*> buildsOn() const override { return {&fecFamily()}; }
   std::vector<std::string> machines() const override { return {"macFec"}; }
-
-  std::vector<ChipOperation> chipOperations() const override {
-    return {FecChip::refuseOperation()};
-  }
 
   std::vector<ActionKind> actions() const override { return actionKinds<MacAction>(actionDefs); }
 
   std::vector<TableKind> tables() const override {
-    return {{"fecs", "FECs", nullptr},
-            {"objTupleToHwId", "result rows", resultEntry},
-            {"fecChip", "chip FECs", nullptr}};
+    return {{"fecs", "FECs", nullptr}, {"objTupleToHwId", "result rows", resultEntry}};
   }
 
   std::unique_ptr<FamilyAgent> agentIs(HostAgent& agent) const override {
@@ -828,12 +809,6 @@ class MacFecFamily : public Family {
   std::vector<PublishedTableKind> publishedTables() const override {
     return {publishedTableKind<FecRequestsTable>(), publishedTableKind<FecOwnersTable>(),
             publishedTableKind<ResultsTable>()};
-  }
-
-  std::vector<FuzzFlag> fuzzFlags() const override {
-    return {canaryFlag("--canary-lose-fec-withdrawal",
-                       "test the checks: the chip's FEC table loses its N-th withdrawal",
-                       FecChip::canaryLoseWithdrawalIs, FecChip::canaryLoseWithdrawal)};
   }
 
   void printCounts(const Counters& c, std::ostream& os) const override {

@@ -72,7 +72,6 @@ class MacFecAgent : public FamilyAgent {
   // "macFec": the machine alone, over the same inputs.
   void restart(const std::string& machine) override;
   std::vector<std::string> lines(std::string_view table) const override;
-  void printChip(std::ostream& os) const override;
   void printOutputs(std::ostream& os) const override;
   void publish(Publisher& p) override;
   void draw(DotGraph& graph) const override;

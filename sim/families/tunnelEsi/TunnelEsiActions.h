@@ -99,8 +99,9 @@ struct Lag {
   Quil::IntfId lag;
   std::vector<Quil::IntfId> members;
   static auto form() {
-    return form::map(form::field("lag", &Lag::lag, form::lag),
-                     form::field("members", &Lag::members, form::list(form::port, "a list of ports")));
+    return form::map(
+        form::field("lag", &Lag::lag, form::lag),
+        form::field("members", &Lag::members, form::list(form::port, "a list of ports")));
   }
   void apply(TunnelEsiAgent& f) const;
 };

@@ -1,7 +1,8 @@
 #pragma once
-// The tunnel-id and ESI data family's part of a host agent: the hardware tunnel-id machine, which gives each designated
-// forwarder's tunnel a hardware id and publishes the mapping table, and the ESI flooding machine,
-// which reads that table and programs split-horizon ESI data per physical port and VLAN.
+// The tunnel-id and ESI data family's part of a host agent: the hardware tunnel-id machine, which
+// gives each designated forwarder's tunnel a hardware id and publishes the mapping table, and the
+// ESI flooding machine, which reads that table and programs split-horizon ESI data per physical
+// port and VLAN.
 //
 // Inputs: the EVPN status (segments, designated forwarders, ESI labels) and the agent's common
 // data (LAG membership). Output: the tunnel-id mapping table. Chip: TunnelEsiChip. Scenario
