@@ -33,6 +33,7 @@
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -85,6 +86,29 @@ struct Time {
   void write(std::ostream& os, Value v) const { os << v; }
 };
 constexpr Time time(const char* what) { return {what}; }
+
+// true or false.
+struct Flag {
+  using Value = bool;
+  Value read(const Reader& r, const YAML::Node& n) const { return r.flag(n); }
+  void write(std::ostream& os, Value v) const { os << (v ? "true" : "false"); }
+};
+inline constexpr Flag flag{};
+
+// A value its type parses from text (`parse` raises Kiv::RangeException on a bad one), written as
+// its stream text.
+template <class F>
+struct Parsed {
+  using Value = std::decay_t<decltype(std::declval<F>()(std::string()))>;
+  const char* what;  // "a dot1q tag (1-4094 or none)"
+  F parse;
+  Value read(const Reader& r, const YAML::Node& n) const { return r.parsed(n, what, parse); }
+  void write(std::ostream& os, const Value& v) const { os << v; }
+};
+template <class F>
+constexpr Parsed<F> parsed(const char* what, F parse) {
+  return {what, parse};
+}
 
 // A list of values of one codec: "[Ethernet1, Ethernet2]".
 template <class C>

@@ -10,7 +10,7 @@
 #include "sim/HostAgent.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
-#include "sim/families/dot1qDecap/Dot1qDecapFamily.h"
+#include "sim/families/dot1qDecap/Dot1qDecapAgent.h"
 #include "sim/families/tunnelEsi/TunnelEsiAgent.h"
 
 namespace {

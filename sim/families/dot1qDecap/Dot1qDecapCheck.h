@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "sim/Family.h"
-#include "sim/families/dot1qDecap/Dot1qDecapFamily.h"
+#include "sim/families/dot1qDecap/Dot1qDecapAgent.h"
 
 namespace Sim {
 

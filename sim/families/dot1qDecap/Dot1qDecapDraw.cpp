@@ -6,8 +6,8 @@
 #include <set>
 
 #include "sim/Dot.h"
+#include "sim/families/dot1qDecap/Dot1qDecapAgent.h"
 #include "sim/families/dot1qDecap/Dot1qDecapCheck.h"
-#include "sim/families/dot1qDecap/Dot1qDecapFamily.h"
 
 namespace Sim {
 

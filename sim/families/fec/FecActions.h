@@ -33,9 +33,7 @@ struct FecChipLatency {
 struct FecChipWithdraw {
   static constexpr const char* name = "fecChipWithdraw";
   std::uint32_t hw = 0;
-  static auto form() {
-    return form::value(&FecChipWithdraw::hw, form::count("a hardware FEC id"));
-  }
+  static auto form() { return form::value(&FecChipWithdraw::hw, form::count("a hardware FEC id")); }
   void apply(FecAgent& f) const { f.chip->withdraw(hw); }
 };
 
@@ -43,9 +41,7 @@ struct FecChipWithdraw {
 struct FecChipRenumber {
   static constexpr const char* name = "fecChipRenumber";
   std::uint32_t hw = 0;
-  static auto form() {
-    return form::value(&FecChipRenumber::hw, form::count("a hardware FEC id"));
-  }
+  static auto form() { return form::value(&FecChipRenumber::hw, form::count("a hardware FEC id")); }
   void apply(FecAgent& f) const { f.chip->renumber(hw); }
 };
 
