@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,14 @@ std::vector<ActionKind> actionKinds(const Def (&defs)[N]) {
                    }});
   }
   return out;
+}
+
+// A line of a check's findings, built from its pieces as a stream writes them.
+template <class... Args>
+std::string findingLine(const Args&... args) {
+  std::ostringstream os;
+  (os << ... << args);
+  return os.str();
 }
 
 // A tally, 0 when never counted.

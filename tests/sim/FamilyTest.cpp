@@ -8,6 +8,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "sim/ActionForm.h"
 #include "sim/ChipLink.h"
 #include "sim/Fuzz.h"
 #include "sim/Rng.h"
@@ -82,25 +83,24 @@ class RegisterAgent : public Sim::FamilyAgent {
   bool running = false;
 };
 
-class SetRegister : public Sim::ActionBody {
- public:
-  explicit SetRegister(std::uint64_t v) : v_(v) {}
-  void apply(Sim::HostAgent& agent) const override {
-    auto& f = agent.part<RegisterAgent>();
-    f.input = v_;
+// Its one action, defined once: read, written back and drawn by the fuzzer from this struct.
+struct SetRegister {
+  static constexpr const char* name = "register";
+  std::uint32_t value = 0;
+  static auto form() {
+    return Sim::form::value(&SetRegister::value, Sim::form::count("a register value"));
+  }
+  void apply(RegisterAgent& f) const {
+    f.input = value;
     f.sync();
   }
-  void write(std::ostream& os) const override { os << "register: " << v_; }
-
- private:
-  std::uint64_t v_;
 };
 
 class RegisterFuzz : public Sim::FamilyFuzz {
  public:
   void choices(bool, std::vector<Choice>& out) const override { out.push_back({0, 30}); }
   Sim::Action action(std::uint32_t, Sim::Rng& r) const override {
-    return Sim::Action{0, std::make_shared<SetRegister>(r.below(5))};
+    return Sim::makeAction<RegisterAgent>(SetRegister{static_cast<std::uint32_t>(r.below(5))});
   }
 };
 
@@ -113,9 +113,7 @@ class RegisterFamily : public Sim::Family {
              1, false, false, [](std::uint32_t) { return std::string("refused"); }}};
   }
   std::vector<Sim::ActionKind> actions() const override {
-    return {{"register", [](const Sim::Reader& r, const YAML::Node& v) {
-               return std::make_shared<SetRegister>(r.count(v, "a register value"));
-             }}};
+    return Sim::actionKinds<RegisterAgent, SetRegister>();
   }
   std::vector<Sim::TableKind> tables() const override { return {{"register", "values", {}}}; }
   std::unique_ptr<Sim::FamilyAgent> agentIs(Sim::HostAgent& agent) const override {

@@ -30,9 +30,7 @@ void Dot1q::apply(Dot1qDecapAgent& f) const { f.evpnStatus->vlanToDot1qIs(vlan, 
 
 void Dot1qDel::apply(Dot1qDecapAgent& f) const { f.evpnStatus->vlanToDot1qDel(vlan); }
 
-void Dot1qEnabled::apply(Dot1qDecapAgent& f) const {
-  f.mplsConfig->vlanServiceDot1qEnabledIs(on);
-}
+void Dot1qEnabled::apply(Dot1qDecapAgent& f) const { f.mplsConfig->vlanServiceDot1qEnabledIs(on); }
 
 void Route::apply(Dot1qDecapAgent& f) const { f.routeIs(label, Mpls::LfibViaSetKey(viaSet)); }
 
@@ -89,8 +87,8 @@ std::vector<ChipOperation> chipOperations() {
   const auto failed =
       static_cast<std::uint32_t>(Mpls::LfibHwProgrammingReturnCode::lfibHwProgrammingFailed);
   return {
-      {"createVlanToDot1qMapping", "notProgrammed or invalidHwId", hwRc, notProgrammed, true,
-       true, hwText},
+      {"createVlanToDot1qMapping", "notProgrammed or invalidHwId", hwRc, notProgrammed, true, true,
+       hwText},
       {"createEsiPortMap", lfibWhat, lfibRc, failed, true, false, lfibText,
        [](const Reader& r, const YAML::Node& n) { return r.segment(n); }},
   };

@@ -1,8 +1,8 @@
 #pragma once
-// The dot1q and decapsulation family's part of a host agent: the dot1q flooding machine, which programs the 802.1Q tag
-// of each EVPN VLAN service on the member ports of the VLAN's interfaces, and the ESI filtering on
-// decapsulation machine, which programs an ESI port map for each label route with an
-// Ethernet-segment filter via.
+// The dot1q and decapsulation family's part of a host agent: the dot1q flooding machine, which
+// programs the 802.1Q tag of each EVPN VLAN service on the member ports of the VLAN's interfaces,
+// and the ESI filtering on decapsulation machine, which programs an ESI port map for each label
+// route with an Ethernet-segment filter via.
 //
 // Both program per interface over the world of the tunnel-id and ESI family: the EVPN status
 // (whose vlanToDot1q this family's actions write) and the LAG membership are that family's, read

@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "Oba/ObaKeys.h"
+#include "sim/FamilyHelpers.h"
 
 namespace Sim {
 
@@ -13,16 +14,9 @@ using PortVlan = Dot1qDecapChip::PortVlan;
 using Rc = Mpls::LfibHwProgrammingReturnCode;
 constexpr auto filterType = Mpls::LfibViaType::viaTypeEvpnEthernetSegmentFilter;
 
-template <class... Args>
-std::string line(const Args&... args) {
-  std::ostringstream os;
-  (os << ... << args);
-  return os.str();
-}
-
 template <class T>
 std::string orNone(const T* v) {
-  return v ? line(*v) : std::string("none");
+  return v ? findingLine(*v) : std::string("none");
 }
 
 // Which pair of the dot1q machine holds a physical (port, VLAN), as programmed or as parked.
@@ -131,8 +125,8 @@ Comparison<Dot1qTable> compareDot1q(const Dot1qDecapAgent& agent, Counters* allo
             return;
           }
           if (want) out.wanted.emplace(key, *want);
-          out.diffs.push_back(line(key.first, " vlan ", key.second, ": expected dot1q ",
-                                   orNone(want), ", actual ", orNone(got)));
+          out.diffs.push_back(findingLine(key.first, " vlan ", key.second, ": expected dot1q ",
+                                          orNone(want), ", actual ", orNone(got)));
         });
   return out;
 }
@@ -189,8 +183,8 @@ Comparison<PortMapTable> comparePortMaps(const Dot1qDecapAgent& agent, Counters*
             }
           }
           if (want) out.wanted.emplace(label, *want);
-          out.diffs.push_back(
-              line("label ", label, ": expected intf ", orNone(want), ", actual ", orNone(got)));
+          out.diffs.push_back(findingLine("label ", label, ": expected intf ", orNone(want),
+                                          ", actual ", orNone(got)));
         });
   // Parked routes that are not filter routes: only those whose via turned to another type (the
   // machine skips them and leaves them parked).
@@ -200,8 +194,8 @@ Comparison<PortMapTable> comparePortMaps(const Dot1qDecapAgent& agent, Counters*
       count("parkedOtherType");
       continue;
     }
-    out.diffs.push_back(
-        line("label ", key.topLabel(), ": parked (", rc, ") but not a route with a filter via"));
+    out.diffs.push_back(findingLine("label ", key.topLabel(), ": parked (", rc,
+                                    ") but not a route with a filter via"));
   }
   return out;
 }
@@ -214,11 +208,11 @@ std::vector<std::string> checkFloodingDot1qSm(const Dot1qDecapAgent& agent) {
   // intfVlanSet and vlanIntfSet hold the same pairs, none left empty: the members of the VLANs.
   std::set<Oba::IntfVlanKey> pairs, reverse, members;
   for (auto [intf, ivs] : sm->intfVlanSetWalk()) {
-    if (!ivs->vlanIds()) out.push_back(line("intfVlanSet ", intf, " is empty"));
+    if (!ivs->vlanIds()) out.push_back(findingLine("intfVlanSet ", intf, " is empty"));
     for (auto [vlan, m] : ivs->vlanIdWalk()) pairs.insert(Oba::IntfVlanKey(intf, vlan));
   }
   for (auto [vlan, vis] : sm->vlanIntfSetWalk()) {
-    if (!vis->intfIds()) out.push_back(line("vlanIntfSet ", vlan, " is empty"));
+    if (!vis->intfIds()) out.push_back(findingLine("vlanIntfSet ", vlan, " is empty"));
     for (auto [intf, m] : vis->intfIdWalk()) reverse.insert(Oba::IntfVlanKey(intf, vlan));
   }
   if (pairs != reverse) out.push_back("intfVlanSet and vlanIntfSet hold different pairs");
@@ -228,18 +222,20 @@ std::vector<std::string> checkFloodingDot1qSm(const Dot1qDecapAgent& agent) {
   const bool draining = sm->reviewIntfVlan()->task()->taskScheduled();
   if (sm->intfVlanQueues() && !draining) out.push_back("pairs are queued but no drain is due");
   if (!draining && pairs != members) {
-    out.push_back(line(pairs.size(), " member pairs held, ", members.size(), " in the VLANs"));
+    out.push_back(
+        findingLine(pairs.size(), " member pairs held, ", members.size(), " in the VLANs"));
   }
 
   // The tag in use is the VLAN's, for member pairs only.
   for (auto [key, tag] : sm->intfVlanDot1qWalk()) {
     if (!pairs.contains(key)) {
-      out.push_back(line("intfVlanDot1q ", key.intfId(), " vlan ", key.vlanId(), " not a member"));
+      out.push_back(
+          findingLine("intfVlanDot1q ", key.intfId(), " vlan ", key.vlanId(), " not a member"));
     }
     auto current = agent.evpnStatus->vlanToDot1q(key.vlanId());
     if (!draining && (!current || *current != tag)) {
-      out.push_back(line("intfVlanDot1q ", key.intfId(), " vlan ", key.vlanId(), " holds ", tag,
-                         ", the VLAN has ", orNone(current ? &*current : nullptr)));
+      out.push_back(findingLine("intfVlanDot1q ", key.intfId(), " vlan ", key.vlanId(), " holds ",
+                                tag, ", the VLAN has ", orNone(current ? &*current : nullptr)));
     }
   }
 
@@ -248,28 +244,29 @@ std::vector<std::string> checkFloodingDot1qSm(const Dot1qDecapAgent& agent) {
   for (auto [key, st] : sm->dot1qStatusWalk()) {
     auto tag = sm->intfVlanDot1q(key);
     if (!tag)
-      out.push_back(line("dot1qStatus ", key.intfId(), " vlan ", key.vlanId(), " without a tag"));
+      out.push_back(
+          findingLine("dot1qStatus ", key.intfId(), " vlan ", key.vlanId(), " without a tag"));
     if (st.unprogrammeds() && !sm->unprogrammedDot1qHas(key)) {
-      out.push_back(line("dot1qStatus ", key.intfId(), " vlan ", key.vlanId(),
-                         " has parked ports but is not in unprogrammedDot1q"));
+      out.push_back(findingLine("dot1qStatus ", key.intfId(), " vlan ", key.vlanId(),
+                                " has parked ports but is not in unprogrammedDot1q"));
     }
     for (auto [port, m] : st.programmedWalk()) {
       if (st.unprogrammedHas(port)) {
-        out.push_back(
-            line(key.intfId(), " vlan ", key.vlanId(), ": ", port, " programmed and parked"));
+        out.push_back(findingLine(key.intfId(), " vlan ", key.vlanId(), ": ", port,
+                                  " programmed and parked"));
       }
       auto it = agent.chip->dot1q().find(PortVlan{port, key.vlanId()});
       if (it == agent.chip->dot1q().end() || (tag && it->second != *tag)) {
-        out.push_back(line(key.intfId(), " vlan ", key.vlanId(), ": ", port,
-                           " is held programmed but the chip does not have its tag"));
+        out.push_back(findingLine(key.intfId(), " vlan ", key.vlanId(), ": ", port,
+                                  " is held programmed but the chip does not have its tag"));
       }
     }
   }
   for (auto [key, m] : sm->unprogrammedDot1qWalk()) {
     auto st = sm->dot1qStatus(key);
     if (!st || !st->unprogrammeds()) {
-      out.push_back(
-          line("unprogrammedDot1q ", key.intfId(), " vlan ", key.vlanId(), " has no parked port"));
+      out.push_back(findingLine("unprogrammedDot1q ", key.intfId(), " vlan ", key.vlanId(),
+                                " has no parked port"));
     }
   }
   return out;
@@ -284,21 +281,22 @@ std::vector<std::string> checkDecapSm(const Dot1qDecapAgent& agent) {
   for (auto [key, via] : sm->routeEsiFilterViaWalk()) {
     auto owner = sm->intfRoute(via.intfId);
     if (!owner || *owner != key) {
-      out.push_back(line("route ", key.topLabel(), " holds ", via.intfId, ", intfRoute does not"));
+      out.push_back(
+          findingLine("route ", key.topLabel(), " holds ", via.intfId, ", intfRoute does not"));
     }
     if (agent.lfibHwStatus->unprogrammedRouteHas(key)) {
-      out.push_back(line("route ", key.topLabel(), " is programmed and parked"));
+      out.push_back(findingLine("route ", key.topLabel(), " is programmed and parked"));
     }
     auto map = agent.chip->portMaps().find(key.topLabel());
     if (map == agent.chip->portMaps().end() || map->second != via.intfId) {
-      out.push_back(line("route ", key.topLabel(), " is held programmed on ", via.intfId,
-                         " but the chip does not have its port map"));
+      out.push_back(findingLine("route ", key.topLabel(), " is held programmed on ", via.intfId,
+                                " but the chip does not have its port map"));
     }
   }
   for (auto [intf, key] : sm->intfRouteWalk()) {
     auto via = sm->routeEsiFilterVia(key);
     if (!via || via->intfId != intf) {
-      out.push_back(line("intfRoute ", intf, " -> ", key.topLabel(), " without its via"));
+      out.push_back(findingLine("intfRoute ", intf, " -> ", key.topLabel(), " without its via"));
     }
   }
   if (agent.lfibTrackingStatus->routeKeyBacklogs() &&

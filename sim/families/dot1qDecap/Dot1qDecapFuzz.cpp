@@ -79,11 +79,9 @@ class Dot1qDecapFuzz : public FamilyFuzz {
 
   void choices(bool initial, std::vector<Choice>& out) const override {
     static constexpr std::pair<Draw, std::uint64_t> weights[] = {
-        {vlanMember, 10}, {vlanMemberDel, 4}, {vlanStatusDel, 1},
-        {dot1q, 6},       {dot1qDel, 2},      {dot1qEnabled, 1},
-        {route, 6},       {routeDel, 3},      {viaSet, 5},
-        {viaSetDel, 1},   {filterVia, 4},     {filterViaDel, 1},
-        {backlog, 1},     {chipTables, 1},
+        {vlanMember, 10},  {vlanMemberDel, 4}, {vlanStatusDel, 1}, {dot1q, 6},      {dot1qDel, 2},
+        {dot1qEnabled, 1}, {route, 6},         {routeDel, 3},      {viaSet, 5},     {viaSetDel, 1},
+        {filterVia, 4},    {filterViaDel, 1},  {backlog, 1},       {chipTables, 1},
     };
     for (const auto& [kind, weight] : weights) {
       out.push_back({kind, weight});

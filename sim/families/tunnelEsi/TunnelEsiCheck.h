@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "Oba/ObaKeys.h"
 #include "sim/Family.h"
 #include "sim/families/tunnelEsi/TunnelEsiAgent.h"
 
@@ -43,6 +44,13 @@ std::vector<std::string> checkMapping(const TunnelEsiAgent& agent);
 // The pool's balance: every hardware id handed out is in exactly one mapping row or was given
 // back exactly once.
 std::vector<std::string> checkHwTunnelIdLedger(const TunnelEsiAgent& agent);
+
+// The pieces the checks share: a tunnel endpoint's tunnel, "Ethernet1 vlan 10", and the
+// (interface, VLAN) -> tunnel pairs the inputs name.
+Tunnel::TunnelTable::TunnelId tunnelOf(Quil::IntfId tep);
+std::string pairText(Quil::IntfId intf, Bridging::VlanId vlan);
+std::map<Oba::IntfVlanKey, Tunnel::TunnelTable::TunnelId> designatedForwarders(
+    const Evpn::EvpnStatus& evpnStatus);
 
 // Every check of the family in turn ("hwTunnelId machine", "floodingEsi machine", "mapping",
 // "esiData"); the first that fails.

@@ -12,8 +12,9 @@
 // encode(tunnel, 7) is 0x0800000000000007. FecId::invalid() (all bits set) is what an owner holds
 // when its allocator had no number to give.
 //
-// Header-only: it is made of the model's value types (labels, tunnel ids), which the Shoal
-// library itself does not link.
+// Header-only. The types keep the namespace of the table library that carries FEC requests, by
+// which agents know them, but they are value types made of the model's labels and tunnel ids: they
+// live with the model, above the table library, which knows nothing of labels or tunnels.
 
 #include <algorithm>
 #include <cstdint>
