@@ -4,8 +4,9 @@
 // answers (the fec family, which this one builds on).
 //
 // Its folder, by job: MacFecAgent (its part of the host agent: inputs, outputs, the machine),
-// MacFecCheck (the drained state against the RIB), MacFecDraw (its picture), MacFecTables (what it
-// publishes), and this registration.
+// MacFecActions (its scenario actions and table entries), MacFecFuzz (its worlds and random
+// steps), MacFecCheck (the drained state against the RIB), MacFecDraw (its picture), MacFecTables
+// (what it publishes), and this registration.
 
 #include "sim/Family.h"
 
