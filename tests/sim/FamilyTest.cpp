@@ -16,7 +16,7 @@
 #include "sim/ScenarioRunner.h"
 #include "sim/families/fec/FecFamily.h"
 #include "sim/families/floodSet/FloodSetFamily.h"
-#include "sim/families/macFec/MacFecFamily.h"
+#include "sim/families/macFec/MacFecAgent.h"
 #include "sim/families/tunnelEsi/TunnelEsiAgent.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include "sim/Scenario.h"
 #include "sim/families/fec/FecAgent.h"
 #include "sim/families/fec/FecChip.h"
-#include "sim/families/macFec/MacFecFamily.h"
+#include "sim/families/macFec/MacFecAgent.h"
 
 namespace {
 

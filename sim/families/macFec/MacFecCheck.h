@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "sim/Family.h"
-#include "sim/families/macFec/MacFecFamily.h"
+#include "sim/families/macFec/MacFecAgent.h"
 
 namespace Sim {
 

@@ -6,8 +6,8 @@
 #include <map>
 
 #include "sim/Dot.h"
+#include "sim/families/macFec/MacFecAgent.h"
 #include "sim/families/macFec/MacFecCheck.h"
-#include "sim/families/macFec/MacFecFamily.h"
 
 namespace Sim {
 
