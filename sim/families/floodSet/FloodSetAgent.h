@@ -1,17 +1,19 @@
 #pragma once
-// The MPLS flood-set family, wired as on a switch: the layer-2 RIB publishes its full flood sets
-// (destinations of every type); the flood-set filter machine derives the MPLS-only flood sets
-// from them; the flood-set machines read those with the tunnel-id mapping that the tunnel-id
-// family's machine writes, and program the chip's flood lists (FloodListChip), which reports each
-// member back.
+// The MPLS flood-set family's part of a host agent, wired as on a switch: the layer-2 RIB
+// publishes its full flood sets (destinations of every type); the flood-set filter machine derives
+// the MPLS-only flood sets from them; the flood-set machines read those with the tunnel-id mapping
+// that the tunnel-id family's machine writes, and program the chip's flood lists (FloodListChip),
+// which reports each member back.
 //
 // Inputs: the RIB's flood sets. Outputs: the MPLS-only flood sets, the hardware flood-list
 // configuration, the hardware identifiers of each (tunnel, label) pair, the FEC requests. Chip:
 // FloodListChip, and the status it reports. Scenario actions: floodSetDest(Del), floodSetDel,
-// vlanFloodSetDel, floodListLatency; tables: mplsFloodSet, floodListConfig, floodLists,
-// floodListStatus, hwInfoMapping (docs/scenario-format.md).
+// vlanFloodSetDel, mplsFloodSetDest, floodListLatency; tables: mplsFloodSet, floodSetFecs,
+// floodListConfig, floodLists, floodListStatus, hwInfoMapping (docs/scenario-format.md).
 
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
