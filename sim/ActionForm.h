@@ -22,8 +22,9 @@
 // A form is a codec for the action's value: `read(reader, node)` gives the value or refuses the
 // node with its line and what was expected; `write(os, value)` writes it as the reader takes it.
 // form::map writes "{segment: Ethernet1, vlan: 10, tep: DynTunnel1.1}" and reads exactly those
-// keys; form::value(&A::member, codec) is a value of one codec. An action may say
-// `static constexpr bool keptByShrinking = true` (a setting its world depends on).
+// keys (form::optionalField: a key that may be left out); form::value(&A::member, codec) is a
+// value of one codec. An action may say `static constexpr bool keptByShrinking = true` (a setting
+// its world depends on).
 
 #include <yaml-cpp/yaml.h>
 
@@ -142,16 +143,45 @@ constexpr List<C> list(C item, const char* what) {
 // One key of a map form: its name, the member it fills, and the member's codec.
 template <class A, class M, class C>
 struct Field {
+  using Action = A;
   const char* key;
   M A::*member;
   C codec;
+  void read(const Reader& r, const YAML::Node& n, A& a) const {
+    a.*member = codec.read(r, r.field(n, key));
+  }
+  void write(std::ostream& os, const A& a, const char*& sep) const {
+    os << sep << key << ": ";
+    codec.write(os, a.*member);
+    sep = ", ";
+  }
 };
 template <class A, class M, class C>
 constexpr Field<A, M, C> field(const char* key, M A::*member, C codec) {
   return {key, member, codec};
 }
 
-// A map of required keys, written in their order: "{segment: Ethernet1, vlan: 10}".
+// A key that may be left out: the member then holds `orElse`, and is written only when it holds
+// something else ("{vlan: 10, dest: ...}" for the broadcast MAC).
+template <class A, class M, class C>
+struct OptionalField : Field<A, M, C> {
+  M orElse;
+  void read(const Reader& r, const YAML::Node& n, A& a) const {
+    const YAML::Node v = n[this->key];
+    a.*(this->member) = v ? this->codec.read(r, v) : orElse;
+  }
+  void write(std::ostream& os, const A& a, const char*& sep) const {
+    if (!(a.*(this->member) == orElse)) Field<A, M, C>::write(os, a, sep);
+  }
+};
+template <class A, class M, class C>
+constexpr OptionalField<A, M, C> optionalField(const char* key, M A::*member, C codec,
+                                               std::type_identity_t<M> orElse) {
+  return {{key, member, codec}, std::move(orElse)};
+}
+
+// A map of keys, required unless optional, read and written in their order:
+// "{segment: Ethernet1, vlan: 10}".
 template <class A, class... F>
 struct Map {
   std::tuple<F...> fields;
@@ -159,7 +189,7 @@ struct Map {
     std::apply(
         [&](const auto&... f) {
           r.onlyKeys(n, {f.key...}, action);
-          ((a.*(f.member) = f.codec.read(r, r.field(n, f.key))), ...);
+          (f.read(r, n, a), ...);
         },
         fields);
   }
@@ -168,15 +198,15 @@ struct Map {
     std::apply(
         [&](const auto&... f) {
           const char* sep = "";
-          ((os << sep << f.key << ": ", f.codec.write(os, a.*(f.member)), sep = ", "), ...);
+          (f.write(os, a, sep), ...);
         },
         fields);
     os << "}";
   }
 };
-template <class A, class... M, class... C>
-constexpr Map<A, Field<A, M, C>...> map(Field<A, M, C>... f) {
-  return {{f...}};
+template <class F, class... G>
+constexpr Map<typename F::Action, F, G...> map(F f, G... g) {
+  return {{f, g...}};
 }
 
 // The whole value of one codec: "segmentDel: Ethernet1".

@@ -15,7 +15,7 @@
 #include "sim/Scenario.h"
 #include "sim/ScenarioRunner.h"
 #include "sim/families/fec/FecFamily.h"
-#include "sim/families/floodSet/FloodSetFamily.h"
+#include "sim/families/floodSet/FloodSetAgent.h"
 #include "sim/families/macFec/MacFecAgent.h"
 #include "sim/families/tunnelEsi/TunnelEsiAgent.h"
 

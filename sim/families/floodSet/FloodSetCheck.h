@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "sim/Family.h"
-#include "sim/families/floodSet/FloodSetFamily.h"
+#include "sim/families/floodSet/FloodSetAgent.h"
 
 namespace Sim {
 

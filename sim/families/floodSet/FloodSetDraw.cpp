@@ -9,7 +9,7 @@
 #include <set>
 
 #include "sim/Dot.h"
-#include "sim/families/floodSet/FloodSetFamily.h"
+#include "sim/families/floodSet/FloodSetAgent.h"
 
 namespace Sim {
 
