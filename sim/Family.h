@@ -47,7 +47,7 @@ class ActionBody {
   // As a scenario file writes it, without the list dash: "designatedForwarder: {segment: ...}".
   virtual void write(std::ostream& os) const = 0;
   // Its key in a scenario file ("designatedForwarder").
-  virtual std::string_view name() const { return {}; }
+  virtual std::string_view name() const = 0;
   // A restart needs a started agent: such an action cannot be among the initial ones.
   virtual bool needsStartedAgent() const { return false; }
   // A setting the family's random world depends on (the machine would abort without it): a

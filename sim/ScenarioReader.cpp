@@ -131,6 +131,10 @@ Quil::MplsLabel Reader::mplsLabel(const YAML::Node& n) const {
   return Quil::MplsLabel(v);
 }
 
+Quil::EthAddr Reader::mac(const YAML::Node& n) const {
+  return parsed(n, "a MAC address (aa:bb:cc:dd:ee:ff)", Quil::EthAddr::parse);
+}
+
 void Reader::onlyKeys(const YAML::Node& m, const std::vector<std::string>& keys,
                       const std::string& what) const {
   if (!m.IsMap()) failExpected(m, "a map for " + what);

@@ -16,6 +16,7 @@
 #include "Bridging/VlanId.h"
 #include "Evpn/EvpnStatus.h"
 #include "Kiv/Types.h"
+#include "Quil/EthAddr.h"
 #include "Quil/IntfId.h"
 #include "Quil/MplsLabel.h"
 
@@ -98,6 +99,7 @@ class Reader {
   // encapsulation: every value a real label.
   Evpn::EncapTypeLabel localLabel(const YAML::Node& n) const;
   Quil::MplsLabel mplsLabel(const YAML::Node& n) const;  // 0-1048575
+  Quil::EthAddr mac(const YAML::Node& n) const;          // aa:bb:cc:dd:ee:ff
 
   // The value of `key` in map `m`; a missing required key is an error at the map.
   YAML::Node field(const YAML::Node& m, const char* key) const {

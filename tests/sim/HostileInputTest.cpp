@@ -312,6 +312,7 @@ TEST(HostileInput, AnExceptionInAStepIsToldAsTheStep) {
       throw Kiv::RangeException("MplsLabel::value > 1048576 not allowed");
     }
     void write(std::ostream& os) const override { os << "throwing: x"; }
+    std::string_view name() const override { return "throwing"; }
   };
   Sim::Scenario s = Sim::parseScenario("steps:\n  - at: 1\n  - at: 2\n", "t.yaml");
   s.steps[1].actions.push_back(Sim::Action{3, std::make_shared<Throwing>()});

@@ -2,9 +2,7 @@
 
 namespace Sim::floodSet {
 
-Quil::EthAddr readMac(const Reader& r, const YAML::Node& n) {
-  return r.parsed(n, "a MAC address (aa:bb:cc:dd:ee:ff)", Quil::EthAddr::parse);
-}
+Quil::EthAddr readMac(const Reader& r, const YAML::Node& n) { return r.mac(n); }
 
 L2Rib::Dest readDest(const Reader& r, const YAML::Node& n) {
   // The flood-set machines program an MPLS destination's label as it is (a missing one as "no

@@ -33,14 +33,6 @@ L2Rib::Dest readDest(const Reader& r, const YAML::Node& n);
 inline constexpr Quoted<Quil::EthAddr, &readMac> mac{};
 inline constexpr Quoted<L2Rib::Dest, &readDest> dest{};
 
-// true or false.
-struct Flag {
-  using Value = bool;
-  bool read(const Reader& r, const YAML::Node& n) const { return r.flag(n); }
-  void write(std::ostream& os, bool v) const { os << (v ? "true" : "false"); }
-};
-inline constexpr Flag flag{};
-
 // A flood set's type, written when one is given (a flood set keeps its own until then).
 struct FloodSetTypeCodec {
   using Value = std::optional<L2Rib::FloodSetType>;
@@ -72,7 +64,7 @@ struct FloodSetDest {
   static auto form() {
     return floodSetForm<FloodSetDest>(
         form::field("dest", &FloodSetDest::dest, floodSet::dest),
-        form::optionalField("value", &FloodSetDest::value, flag, true),
+        form::optionalField("value", &FloodSetDest::value, form::flag, true),
         form::optionalField("type", &FloodSetDest::type, floodSetType, std::nullopt));
   }
   void apply(FloodSetAgent& f) const;

@@ -49,9 +49,7 @@ std::vector<ObjTuple> Paths::read(const Reader& r, const YAML::Node& n) const {
 
 void Paths::write(std::ostream& os, const std::vector<ObjTuple>& v) const { objects.write(os, v); }
 
-Quil::EthAddr MacAddress::read(const Reader& r, const YAML::Node& n) const {
-  return r.parsed(n, "a MAC address (aa:bb:cc:dd:ee:ff)", Quil::EthAddr::parse);
-}
+Quil::EthAddr MacAddress::read(const Reader& r, const YAML::Node& n) const { return r.mac(n); }
 
 std::uint32_t ChainLength::read(const Reader& r, const YAML::Node& n) const {
   const std::uint32_t length = r.count(n, "a chain length (2 or 3)");

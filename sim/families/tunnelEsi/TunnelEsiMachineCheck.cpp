@@ -27,13 +27,13 @@ std::vector<std::string> checkHwTunnelIdSm(const TunnelEsiAgent& agent, const Df
   for (auto [key, tunnel] : sm->intfVlanTunnelWalk()) {
     auto ivs = sm->intfVlanSet(key.intfId());
     if (!ivs || !ivs->vlanIdHas(key.vlanId())) {
-      out.push_back(
-          findingLine("intfVlanTunnel ", pairText(key.intfId(), key.vlanId()), " is not in intfVlanSet"));
+      out.push_back(findingLine("intfVlanTunnel ", pairText(key.intfId(), key.vlanId()),
+                                " is not in intfVlanSet"));
     }
     auto tivs = sm->tunnelIntfVlanSet(tunnel);
     if (!tivs || !tivs->intfVlanHas(key)) {
-      out.push_back(findingLine("intfVlanTunnel ", pairText(key.intfId(), key.vlanId()), " -> ", tunnel,
-                         " is not in tunnelIntfVlanSet"));
+      out.push_back(findingLine("intfVlanTunnel ", pairText(key.intfId(), key.vlanId()), " -> ",
+                                tunnel, " is not in tunnelIntfVlanSet"));
     }
   }
   for (auto [intf, ivs] : sm->intfVlanSetWalk()) {
@@ -50,7 +50,8 @@ std::vector<std::string> checkHwTunnelIdSm(const TunnelEsiAgent& agent, const Df
       auto t = sm->intfVlanTunnel(key);
       if (!t || *t != tunnel) {
         out.push_back(findingLine("tunnelIntfVlanSet ", tunnel, " holds ",
-                           pairText(key.intfId(), key.vlanId()), ", whose tunnel is not it"));
+                                  pairText(key.intfId(), key.vlanId()),
+                                  ", whose tunnel is not it"));
       }
     }
     if (tivs->intfVlans() && !mapping.tunnelIdToHwTunnelId(tunnel).found &&
@@ -78,13 +79,13 @@ std::vector<std::string> checkHwTunnelIdSm(const TunnelEsiAgent& agent, const Df
     auto t = sm->intfVlanTunnel(key);
     if (!t || *t != tunnel) {
       out.push_back(findingLine(pairText(key.intfId(), key.vlanId()), ": expected tunnel ", tunnel,
-                         ", holds ", t ? t->toString() : "none"));
+                                ", holds ", t ? t->toString() : "none"));
     }
   }
   for (auto [key, tunnel] : sm->intfVlanTunnelWalk()) {
     if (!dfs.contains(key)) {
       out.push_back(findingLine(pairText(key.intfId(), key.vlanId()), ": holds tunnel ", tunnel,
-                         ", but no designated forwarder is set"));
+                                ", but no designated forwarder is set"));
     }
   }
   return out;
@@ -103,7 +104,8 @@ std::vector<std::string> checkFloodingEsiSm(const TunnelEsiAgent& agent, const D
       ++pairs;
       auto vis = sm->vlanIntfSet(vlan);
       if (!vis || !vis->intfIdHas(intf)) {
-        out.push_back(findingLine("intfVlanSet holds ", pairText(intf, vlan), ", vlanIntfSet does not"));
+        out.push_back(
+            findingLine("intfVlanSet holds ", pairText(intf, vlan), ", vlanIntfSet does not"));
       }
     }
   }
@@ -121,13 +123,13 @@ std::vector<std::string> checkFloodingEsiSm(const TunnelEsiAgent& agent, const D
   for (auto [key, tunnel] : sm->intfVlanTunnelWalk()) {
     auto tivs = sm->tunnelIntfVlanSet(tunnel);
     if (!tivs || !tivs->intfVlanHas(key)) {
-      out.push_back(findingLine("intfVlanTunnel ", pairText(key.intfId(), key.vlanId()), " -> ", tunnel,
-                         " is not in tunnelIntfVlanSet"));
+      out.push_back(findingLine("intfVlanTunnel ", pairText(key.intfId(), key.vlanId()), " -> ",
+                                tunnel, " is not in tunnelIntfVlanSet"));
     }
     auto itvs = sm->intfTunnelVlanSet(Oba::IntfTunnelKey(key.intfId(), tunnel));
     if (!itvs || !itvs->vlanIdHas(key.vlanId())) {
-      out.push_back(findingLine("intfVlanTunnel ", pairText(key.intfId(), key.vlanId()), " -> ", tunnel,
-                         " is not in intfTunnelVlanSet"));
+      out.push_back(findingLine("intfVlanTunnel ", pairText(key.intfId(), key.vlanId()), " -> ",
+                                tunnel, " is not in intfTunnelVlanSet"));
     }
   }
   for (auto [tunnel, tivs] : sm->tunnelIntfVlanSetWalk()) {
@@ -136,13 +138,15 @@ std::vector<std::string> checkFloodingEsiSm(const TunnelEsiAgent& agent, const D
   }
   for (auto [key, itvs] : sm->intfTunnelVlanSetWalk()) {
     if (!itvs->vlanIds()) {
-      out.push_back(findingLine("intfTunnelVlanSet ", key.intfId(), " ", key.tunnelId(), " is empty"));
+      out.push_back(
+          findingLine("intfTunnelVlanSet ", key.intfId(), " ", key.tunnelId(), " is empty"));
     }
     viaIntfTunnel += itvs->vlanIds();
   }
   if (viaTunnel != sm->intfVlanTunnels() || viaIntfTunnel != sm->intfVlanTunnels()) {
-    out.push_back(findingLine("intfVlanTunnel holds ", sm->intfVlanTunnels(), " pairs, tunnelIntfVlanSet ",
-                       viaTunnel, ", intfTunnelVlanSet ", viaIntfTunnel));
+    out.push_back(findingLine("intfVlanTunnel holds ", sm->intfVlanTunnels(),
+                              " pairs, tunnelIntfVlanSet ", viaTunnel, ", intfTunnelVlanSet ",
+                              viaIntfTunnel));
   }
 
   // A remote label is held only for the pair's current tunnel.
@@ -150,7 +154,7 @@ std::vector<std::string> checkFloodingEsiSm(const TunnelEsiAgent& agent, const D
     auto t = sm->intfVlanTunnel(Oba::IntfVlanKey(key.intfId(), key.vlanId()));
     if (!t || *t != key.tunnelId()) {
       out.push_back(findingLine("intfVlanTunnelLabel ", pairText(key.intfId(), key.vlanId()), " ",
-                         key.tunnelId(), " without that tunnel in intfVlanTunnel"));
+                                key.tunnelId(), " without that tunnel in intfVlanTunnel"));
     }
   }
 
@@ -166,7 +170,7 @@ std::vector<std::string> checkFloodingEsiSm(const TunnelEsiAgent& agent, const D
     }
     if (es.unprogrammeds() && !sm->unprogrammedEsiHas(key)) {
       out.push_back(findingLine("esiStatus ", pairText(intf, vlan),
-                         " has parked ports but is not in unprogrammedEsi"));
+                                " has parked ports but is not in unprogrammedEsi"));
     }
     for (auto [port, m] : es.programmedWalk()) {
       if (es.unprogrammedHas(port)) {
@@ -174,19 +178,20 @@ std::vector<std::string> checkFloodingEsiSm(const TunnelEsiAgent& agent, const D
       }
       if (!agent.chip->esiData().contains(PortVlan{port, vlan})) {
         out.push_back(findingLine(pairText(intf, vlan), ": ", port,
-                           " is held programmed but the chip has no entry"));
+                                  " is held programmed but the chip has no entry"));
       }
       auto [it, fresh] = owner.try_emplace(PortVlan{port, vlan}, intf);
       if (!fresh) {
-        out.push_back(findingLine(port, " vlan ", vlan, " is programmed by ", it->second, " and ", intf));
+        out.push_back(
+            findingLine(port, " vlan ", vlan, " is programmed by ", it->second, " and ", intf));
       }
     }
   }
   for (auto [key, m] : sm->unprogrammedEsiWalk()) {
     auto es = sm->esiStatus(key);
     if (!es || !es->unprogrammeds()) {
-      out.push_back(
-          findingLine("unprogrammedEsi ", pairText(key.intfId(), key.vlanId()), " has no parked port"));
+      out.push_back(findingLine("unprogrammedEsi ", pairText(key.intfId(), key.vlanId()),
+                                " has no parked port"));
     }
   }
 
@@ -210,11 +215,13 @@ std::vector<std::string> checkMapping(const TunnelEsiAgent& agent, const Dfs& df
   std::map<std::uint32_t, TunnelId> byId;
   for (auto [tunnel, row] : agent.mapping->tunnelIdToHwTunnelIdWalk()) {
     if (!inUse.contains(tunnel)) {
-      out.push_back(findingLine("row ", row.compactString(), ": no designated forwarder uses ", tunnel));
+      out.push_back(
+          findingLine("row ", row.compactString(), ": no designated forwarder uses ", tunnel));
     }
     auto [it, fresh] = byId.emplace(row.hwTunnelId().value(), tunnel);
     if (!fresh) {
-      out.push_back(findingLine("hw id ", it->first, " is in the rows of ", it->second, " and ", tunnel));
+      out.push_back(
+          findingLine("hw id ", it->first, " is in the rows of ", it->second, " and ", tunnel));
     }
   }
   std::vector<TunnelId> waiting;
@@ -228,7 +235,8 @@ std::vector<std::string> checkMapping(const TunnelEsiAgent& agent, const Dfs& df
   }
   if (!waiting.empty()) {
     if (std::uint32_t id = agent.chip->freeHwTunnelId()) {
-      out.push_back(findingLine(waiting.front(), " waits for an id while the chip has id ", id, " free"));
+      out.push_back(
+          findingLine(waiting.front(), " waits for an id while the chip has id ", id, " free"));
     }
   }
   return out;
@@ -263,7 +271,7 @@ std::vector<std::string> checkHwTunnelIdLedger(const TunnelEsiAgent& agent) {
     const int inRows = r == rows.end() ? 0 : r->second;
     if (out_ != back + static_cast<std::uint64_t>(inRows) || inRows > 1) {
       out.push_back(findingLine("hw id ", id, ": handed out ", out_, " times, released ", back,
-                         " times, in ", inRows, " mapping rows"));
+                                " times, in ", inRows, " mapping rows"));
     }
   }
   for (const auto& [rowId, n] : rows) {
