@@ -240,6 +240,13 @@ class ActionOf : public ActionBody {
     A::form().write(os, value);
   }
   std::string_view name() const override { return A::name; }
+  bool needsStartedAgent() const override {
+    if constexpr (requires { A::needsStartedAgent; }) {
+      return A::needsStartedAgent;
+    } else {
+      return false;
+    }
+  }
   bool keptByShrinking() const override {
     if constexpr (requires { A::keptByShrinking; }) {
       return A::keptByShrinking;

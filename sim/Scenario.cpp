@@ -263,8 +263,8 @@ Scenario parseScenario(const std::string& text, const std::string& file, const F
     for (const auto& a : init) {
       Action act = actions.read(r, a);
       if (act.body->needsStartedAgent()) {
-        r.fail(a, "a restart cannot come before the agent starts, got restart: " +
-                      Reader::given(a.begin()->second));
+        r.fail(a, "a restart cannot come before the agent starts, got " +
+                      std::string(act.body->name()) + ": " + Reader::given(a.begin()->second));
       }
       s.initial.push_back(std::move(act));
     }

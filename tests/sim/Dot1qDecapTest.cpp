@@ -99,6 +99,18 @@ TEST(Dot1qDecapScenario, BadValuesAreRefusedWithWhereAndWhatWasExpected) {
   EXPECT_EQ(errorOf("vlanMember: {vlan: 10, intf: DynTunnel1.1}"),
             "s.yaml:4:38: expected a segment interface (EthernetN or Port-ChannelN), got "
             "'DynTunnel1.1'");
+  EXPECT_EQ(errorOf("restartAlone: macFec"),
+            "s.yaml:4:23: expected a machine of the family (floodingDot1q or esiFilteringDecap), "
+            "got 'macFec'");
+  // A machine made again alone needs one made first.
+  try {
+    Sim::parseScenario("initial:\n  - restartAlone: floodingDot1q\nsteps:\n  - at: 1\n", "s.yaml");
+    ADD_FAILURE() << "a restart before the start was read";
+  } catch (const Sim::ScenarioError& e) {
+    EXPECT_STREQ(e.what(),
+                 "s.yaml:2:5: a restart cannot come before the agent starts, got "
+                 "restartAlone: 'floodingDot1q'");
+  }
 }
 
 bool has(const std::vector<std::string>& lines, const std::string& line) {

@@ -14,6 +14,13 @@ Mpls::LfibViaType ViaType::read(const Reader& r, const YAML::Node& n) const {
   return static_cast<Mpls::LfibViaType>(type);
 }
 
+std::string RestartAlone::Machine::read(const Reader& r, const YAML::Node& n) const {
+  const char* const what = "a machine of the family (floodingDot1q or esiFilteringDecap)";
+  std::string m = r.scalar(n, what);
+  if (m != "floodingDot1q" && m != "esiFilteringDecap") r.failExpected(n, what);
+  return m;
+}
+
 void VlanMember::apply(Dot1qDecapAgent& f) const {
   f.vlanStatusDir->vlanStatusIs(vlan)->vlanPortStatusIs(intf, true);
 }
@@ -97,7 +104,7 @@ std::vector<ChipOperation> chipOperations() {
 std::vector<ActionKind> actionKinds() {
   return Sim::actionKinds<Dot1qDecapAgent, VlanMember, VlanMemberDel, VlanStatus, VlanStatusDel,
                           Dot1q, Dot1qDel, Dot1qEnabled, Route, RouteDel, ViaSet, ViaSetDel,
-                          FilterVia, FilterViaDel, Backlog, ChipTables>();
+                          FilterVia, FilterViaDel, Backlog, ChipTables, RestartAlone>();
 }
 
 std::string dot1qEntry(const Reader& r, const YAML::Node& n) {

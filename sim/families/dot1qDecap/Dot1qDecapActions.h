@@ -166,6 +166,21 @@ struct ChipTables {
   void apply(Dot1qDecapAgent& f) const;
 };
 
+// One of the family's machines made again alone, the agent reconciling nothing: what a restart
+// of the machine alone leaves in the chip (a `restart` of the machine is reconciled).
+struct RestartAlone {
+  static constexpr const char* name = "restartAlone";
+  static constexpr bool needsStartedAgent = true;
+  std::string machine;
+  struct Machine {
+    using Value = std::string;
+    Value read(const Reader& r, const YAML::Node& n) const;
+    void write(std::ostream& os, const Value& v) const { os << v; }
+  };
+  static auto form() { return form::value(&RestartAlone::machine, Machine{}); }
+  void apply(Dot1qDecapAgent& f) const { f.restartAlone(machine); }
+};
+
 template <class A>
 Action action(A a) {
   return makeAction<Dot1qDecapAgent>(std::move(a));

@@ -114,6 +114,20 @@ void Dot1qDecapAgent::restart(const std::string& machine) {
   startDecapSm();
 }
 
+void Dot1qDecapAgent::restartAlone(const std::string& machine) {
+  agent.note("agent", "restart " + machine + " alone");
+  if (machine == "floodingDot1q") {
+    floodingDot1qSm = nullptr;
+    startFloodingDot1qSm();
+  } else {
+    // Not even the routes the old one parked are handed over: the new one starts from the
+    // backlog the publisher keeps.
+    decapSm = nullptr;
+    decapSm = Oba::esiFilteringDecapSmFactory(chip->decapHelper(), agent.scheduler, lfibStatus,
+                                              lfibTrackingStatus, lfibHwStatus);
+  }
+}
+
 void Dot1qDecapAgent::backlogRoutes(const std::function<bool(const Mpls::LfibRoute&)>& touched) {
   std::vector<Mpls::RouteKey> keys;
   for (auto [key, route] : lfibStatus->routeWalk()) {

@@ -6,7 +6,7 @@
 //
 // Both program per interface over the world of the tunnel-id and ESI family: the EVPN status
 // (whose vlanToDot1q this family's actions write) and the LAG membership are that family's, read
-// through agent.family<TunnelEsiAgent>(). This family owns the VLAN status directory, the EVPN
+// through agent.part<TunnelEsiAgent>(). This family owns the VLAN status directory, the EVPN
 // MPLS configuration, and the label-forwarding status, tracking backlog and hardware status; it
 // plays the agent that publishes the routes, putting every route a change touches into the
 // backlog. Chip: Dot1qDecapChip. Actions, tables: docs/scenario-format.md.
@@ -40,6 +40,8 @@ class Dot1qDecapAgent : public FamilyAgent {
   void stop() override;
   // "floodingDot1q" or "esiFilteringDecap", each with the chip reconciled for the new incarnation.
   void restart(const std::string& machine) override;
+  // The machine made again over the same inputs, the chip left as the old one left it.
+  void restartAlone(const std::string& machine);
   std::vector<std::string> lines(std::string_view table) const override;
   void printChip(std::ostream& os) const override;
   void printOutputs(std::ostream& os) const override;
