@@ -6,7 +6,6 @@
 #include <sstream>
 
 #include "Oba/ObaCommon.h"
-#include "sim/FuzzRecord.h"
 #include "sim/Rng.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioWriter.h"

@@ -10,7 +10,7 @@
 #include <new>
 #include <type_traits>
 
-#include "sim/FuzzRecord.h"
+#include "sim/Fuzz.h"
 #include "sim/ScenarioText.h"
 
 namespace Sim {

@@ -5,7 +5,7 @@
 #include <map>
 #include <sstream>
 
-#include "sim/FuzzRecord.h"
+#include "sim/Fuzz.h"
 #include "sim/ScenarioRunner.h"
 #include "sim/ScenarioWriter.h"
 #include "sim/SimLog.h"
