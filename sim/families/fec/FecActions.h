@@ -45,6 +45,16 @@ struct FecChipRenumber {
   void apply(FecAgent& f) const { f.chip->renumber(hw); }
 };
 
+// The chip takes back the layer-2 interface of the FEC at hardware id `hw` and keeps the id.
+struct FecChipWithholdIntf {
+  static constexpr const char* name = "fecChipWithholdIntf";
+  std::uint32_t hw = 0;
+  static auto form() {
+    return form::value(&FecChipWithholdIntf::hw, form::count("a hardware FEC id"));
+  }
+  void apply(FecAgent& f) const { f.chip->withholdIntf(hw); }
+};
+
 template <class A>
 Action action(A a) {
   return makeAction<FecAgent>(std::move(a));

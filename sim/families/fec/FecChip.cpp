@@ -305,6 +305,21 @@ void FecChip::renumber(std::uint32_t hw) {
   }
 }
 
+void FecChip::withholdIntf(std::uint32_t hw) {
+  auto it = answers_.find(hw);
+  if (it == answers_.end()) return;
+  for (const Requester& r : requesters_) {
+    if (r.writer != it->second.writer) continue;
+    const FecId fecId = it->second.fecId;
+    if (!r.response->l2IntfId(fecId).found) return;
+    chip_->countCall();
+    tell(r, "hwFecId",
+         chipText("hwFecId ", fecText(fecId), " -> ", std::uint64_t{hw}, " without its interface"));
+    r.response->l2IntfIdDel(fecId);
+    return;
+  }
+}
+
 std::vector<std::string> FecChip::lines() const {
   std::vector<std::string> out;
   for (const auto& [hw, a] : answers_) {

@@ -74,6 +74,10 @@ class FecChip : public SoftwareChip::Part {
   // it for a stale answer and keeps the old id for a FEC it may ask for again at once), or when
   // no id is free.
   void renumber(std::uint32_t hw);
+  // Takes back the layer-2 interface of the answer holding hardware id `hw` and keeps the id: a
+  // chip layer whose interface for the FEC never comes, so the answer is never ready for a
+  // requester that wants one. Nothing when no answer holds `hw` or it has no interface.
+  void withholdIntf(std::uint32_t hw);
   // Another of the chip's tables that may still use a hardware FEC id after its answer went (a
   // flood list whose member the chip has not removed yet): the table does not hand such an id out
   // again until that table lets go of it too, as a chip must not point a new FEC's traffic at

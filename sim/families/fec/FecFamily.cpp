@@ -37,7 +37,7 @@ class FecFamily : public Family {
   }
   std::vector<ActionKind> actions() const override {
     return actionKinds<FecAgent, fec::FecChipCapacity, fec::FecChipLatency, fec::FecChipWithdraw,
-                       fec::FecChipRenumber>();
+                       fec::FecChipRenumber, fec::FecChipWithholdIntf>();
   }
   std::vector<TableKind> tables() const override { return {{"fecChip", "chip FECs", nullptr}}; }
   std::unique_ptr<FamilyAgent> agentIs(HostAgent& agent) const override {
