@@ -167,7 +167,7 @@ void MaxChainLength::apply(MacFecAgent& f) const { f.maxChainLengthIs(count); }
 
 std::vector<ActionKind> actionKinds() {
   return Sim::actionKinds<MacFecAgent, Host, HostDel, Label, LabelDel, LoadBalance, LoadBalanceDel,
-                          Dest, DestDel, Corrupt, Rewrite, MaxChainLength>();
+                          Dest, DestDel, Corrupt, Rewrite, MaxChainLength, ReviewInterval>();
 }
 
 // ---- table entries given as maps ----------------------------------------------------------------

@@ -180,6 +180,17 @@ struct MaxChainLength {
   void apply(MacFecAgent& f) const;
 };
 
+// How long the machine's review waits before it resumes after a run that yielded (and before its
+// first run, for a machine made after it is set).
+struct ReviewInterval {
+  static constexpr const char* name = "macFecReviewInterval";
+  double seconds = 0;
+  static auto form() {
+    return form::value(&ReviewInterval::seconds, form::time("a review interval in seconds"));
+  }
+  void apply(MacFecAgent& f) const { f.reviewIntervalIs(seconds); }
+};
+
 template <class A>
 Action action(A a) {
   return makeAction<MacFecAgent>(std::move(a));

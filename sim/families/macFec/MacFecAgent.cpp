@@ -163,6 +163,7 @@ void MacFecAgent::start() {
   sm = Oba::obaMacAddrFecRequestSmFactory(labels, lbs, dests, hosts, response, request, result,
                                           timerWheel, agent.scheduler);
   sm->maxChainLengthIs(maxChainLength_);
+  sm->reviewIntervalIs(reviewInterval_);
 }
 
 void MacFecAgent::stop() { sm = nullptr; }
@@ -175,6 +176,11 @@ void MacFecAgent::restart(const std::string&) {
 void MacFecAgent::maxChainLengthIs(std::uint32_t n) {
   maxChainLength_ = n;
   if (sm) restart("macFec");
+}
+
+void MacFecAgent::reviewIntervalIs(double seconds) {
+  reviewInterval_ = seconds;
+  if (sm) sm->reviewIntervalIs(seconds);
 }
 
 std::vector<std::string> MacFecAgent::fecLines() const {

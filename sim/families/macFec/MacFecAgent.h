@@ -85,6 +85,8 @@ class MacFecAgent : public FamilyAgent {
   // The setting the machine is made with; a running machine is restarted with a new one.
   void maxChainLengthIs(std::uint32_t n);
   std::uint32_t maxChainLength() const { return maxChainLength_; }
+  // The machine's review interval: the running machine takes it at once, a new one when made.
+  void reviewIntervalIs(double seconds);
 
   // "label/1 requested via(0, 1001, Tunnel1.1)", one per FEC of the request entity, sorted.
   std::vector<std::string> fecLines() const;
@@ -111,6 +113,7 @@ class MacFecAgent : public FamilyAgent {
   class ResultLog;
   class AnswerLog;
   std::uint32_t maxChainLength_ = Oba::ObaMacAddrFecRequestSm::maxChainLengthDefault;
+  double reviewInterval_ = Oba::ObaMacAddrFecRequestSm::reviewIntervalDefault;
   std::unique_ptr<RequestLog> requestLog_;
   std::unique_ptr<ResultLog> resultLog_;
   std::unique_ptr<AnswerLog> answerLog_;
