@@ -1,35 +1,24 @@
 #pragma once
-// What every family's Family writes alike: its action kinds, read from a table of definitions into
-// one ActionBody type; its tallies; its fuzz flags (a setting of its worlds, a chip's canary).
+// What every family writes alike: whether a review is pending, its check's finding lines, its
+// tallies, its fuzz flags (a setting of its worlds, a chip's canary).
 
 #include <charconv>
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "Mox/TimerTask.h"
 #include "sim/Family.h"
 #include "sim/Fuzz.h"
 
 namespace Sim {
 
-// One ActionKind per definition; each definition has `name`, `kind` and
-// `read(const Reader&, const YAML::Node&, Body&)`, and the body starts with its `kind`.
-template <class Body, class Def, std::size_t N>
-std::vector<ActionKind> actionKinds(const Def (&defs)[N]) {
-  std::vector<ActionKind> out;
-  for (const Def& def : defs) {
-    out.push_back({def.name, [&def](const Reader& r, const YAML::Node& v) {
-                     auto a = std::make_shared<Body>();
-                     a->kind = def.kind;
-                     def.read(r, v, *a);
-                     return std::shared_ptr<const ActionBody>(a);
-                   }});
-  }
-  return out;
+// Whether a review task is due to run again.
+inline bool reviewPending(const Kiv::Ptr<Mox::TimerTask>& task) {
+  return task && task->taskScheduled();
 }
 
 // A line of a check's findings, built from its pieces as a stream writes them.

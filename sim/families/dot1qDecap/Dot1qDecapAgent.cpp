@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "sim/FamilyHelpers.h"
 #include "sim/families/dot1qDecap/Dot1qDecapCheck.h"
 #include "sim/families/dot1qDecap/Dot1qDecapTables.h"
 #include "sim/families/tunnelEsi/TunnelEsiAgent.h"
@@ -227,25 +228,19 @@ void Dot1qDecapAgent::publish(Publisher& p) {
   });
 }
 
-namespace {
-
-bool pending(const Kiv::Ptr<Mox::TimerTask>& task) { return task && task->taskScheduled(); }
-
-}  // namespace
-
 void Dot1qDecapAgent::draw(DotGraph& graph) const { drawDot1qDecap(*this, graph); }
 
 // The dot1q drain, its retries while the chip has room, the backlog drain, and the retries of
 // parked routes that could now go through.
 bool Dot1qDecapAgent::busy() const {
   if (const auto& sm = floodingDot1qSm) {
-    if (pending(sm->reviewIntfVlan()->task())) return true;
-    if (pending(sm->reviewUnprogrammed()->task()) && chip->dot1q().size() < chip->dot1qSize())
+    if (reviewPending(sm->reviewIntfVlan()->task())) return true;
+    if (reviewPending(sm->reviewUnprogrammed()->task()) && chip->dot1q().size() < chip->dot1qSize())
       return true;
   }
   if (const auto& sm = decapSm) {
-    if (pending(sm->reviewRouteKeyBacklog()->task())) return true;
-    if (pending(sm->reviewUnprogrammed()->task()) && parkedRouteCouldMove(*this)) return true;
+    if (reviewPending(sm->reviewRouteKeyBacklog()->task())) return true;
+    if (reviewPending(sm->reviewUnprogrammed()->task()) && parkedRouteCouldMove(*this)) return true;
   }
   return false;
 }

@@ -1,5 +1,6 @@
 #include "sim/families/fec/FecChip.h"
 
+#include <optional>
 #include <sstream>
 
 #include "sim/ChipLink.h"
@@ -264,60 +265,57 @@ void FecChip::releasedElsewhere(std::uint32_t hw) {
   if (!answers_.contains(hw)) idCameBack();
 }
 
-void FecChip::withdraw(std::uint32_t hw) {
+std::optional<FecChip::Key> FecChip::answerKey(std::uint32_t hw) const {
   auto it = answers_.find(hw);
-  if (it == answers_.end()) return;
+  if (it == answers_.end()) return std::nullopt;
   for (std::size_t i = 0; i < requesters_.size(); ++i) {
-    if (requesters_[i].writer != it->second.writer) continue;
-    const Key key{i, it->second.fecId};
-    takeBack(key, false);
-    waiting_.insert(key);
-    dueAt(key, scheduler_->clock()->now() + retryIntervalDefault);
-    return;
+    if (requesters_[i].writer == it->second.writer) return Key{i, it->second.fecId};
   }
+  return std::nullopt;
+}
+
+void FecChip::withdraw(std::uint32_t hw) {
+  const auto key = answerKey(hw);
+  if (!key) return;
+  takeBack(*key, false);
+  waiting_.insert(*key);
+  dueAt(*key, scheduler_->clock()->now() + retryIntervalDefault);
 }
 
 void FecChip::renumber(std::uint32_t hw) {
-  auto it = answers_.find(hw);
+  const auto key = answerKey(hw);
   const std::uint32_t to = freeHwFecId();
-  if (it == answers_.end() || to == 0) return;
-  for (std::size_t i = 0; i < requesters_.size(); ++i) {
-    const Requester& r = requesters_[i];
-    if (r.writer != it->second.writer) continue;
-    const FecId fecId = it->second.fecId;
-    if (!r.request->hwFecIdRequest(fecId).found) return;
-    chip_->countCall();
-    tell(r, "hwFecId",
-         chipText("hwFecId ", fecText(fecId), " -> ", std::uint64_t{to}, " (was ",
-                  std::uint64_t{hw}, ")"));
-    // The interface first, while the old id is still held: a reader that acts on it alone pairs
-    // it with the old id.
-    if (r.response->l2IntfId(fecId).found) r.response->l2IntfIdIs(fecId, fecL2Intf(to));
-    answers_.erase(it);
-    answers_.emplace(to, Answer{r.writer, fecId});
-    hwOf_[Key{i, fecId}] = to;
-    if (idCounts_.size() <= to) idCounts_.resize(to + 1);
-    ++idCounts_[to].first;
-    ++idCounts_[hw].second;
-    r.response->hwFecIdIs(Oba::FecToHwFecId(fecId, to));
-    idCameBack();
-    return;
-  }
+  if (!key || to == 0) return;
+  const Requester& r = requesters_[key->first];
+  const FecId fecId = key->second;
+  if (!r.request->hwFecIdRequest(fecId).found) return;
+  chip_->countCall();
+  tell(r, "hwFecId",
+       chipText("hwFecId ", fecText(fecId), " -> ", std::uint64_t{to}, " (was ", std::uint64_t{hw},
+                ")"));
+  // The interface first, while the old id is still held: a reader that acts on it alone pairs it
+  // with the old id.
+  if (r.response->l2IntfId(fecId).found) r.response->l2IntfIdIs(fecId, fecL2Intf(to));
+  answers_.erase(hw);
+  answers_.emplace(to, Answer{r.writer, fecId});
+  hwOf_[*key] = to;
+  if (idCounts_.size() <= to) idCounts_.resize(to + 1);
+  ++idCounts_[to].first;
+  ++idCounts_[hw].second;
+  r.response->hwFecIdIs(Oba::FecToHwFecId(fecId, to));
+  idCameBack();
 }
 
 void FecChip::withholdIntf(std::uint32_t hw) {
-  auto it = answers_.find(hw);
-  if (it == answers_.end()) return;
-  for (const Requester& r : requesters_) {
-    if (r.writer != it->second.writer) continue;
-    const FecId fecId = it->second.fecId;
-    if (!r.response->l2IntfId(fecId).found) return;
-    chip_->countCall();
-    tell(r, "hwFecId",
-         chipText("hwFecId ", fecText(fecId), " -> ", std::uint64_t{hw}, " without its interface"));
-    r.response->l2IntfIdDel(fecId);
-    return;
-  }
+  const auto key = answerKey(hw);
+  if (!key) return;
+  const Requester& r = requesters_[key->first];
+  const FecId fecId = key->second;
+  if (!r.response->l2IntfId(fecId).found) return;
+  chip_->countCall();
+  tell(r, "hwFecId",
+       chipText("hwFecId ", fecText(fecId), " -> ", std::uint64_t{hw}, " without its interface"));
+  r.response->l2IntfIdDel(fecId);
 }
 
 std::vector<std::string> FecChip::lines() const {

@@ -25,6 +25,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -131,6 +132,9 @@ class FecChip : public SoftwareChip::Part {
     std::unique_ptr<RequestWatch> watch;
   };
   using Key = std::pair<std::size_t, FecId>;  // requester index, FEC id
+
+  // The request whose answer holds hardware id `hw`, if one does.
+  std::optional<Key> answerKey(std::uint32_t hw) const;
 
   FecChip(SoftwareChip* chip, const Kiv::Ptr<Mox::TaskScheduler>& scheduler);
   void changed(std::size_t requester, FecId fecId);

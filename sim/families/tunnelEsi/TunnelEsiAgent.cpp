@@ -4,6 +4,7 @@
 #include <set>
 #include <sstream>
 
+#include "sim/FamilyHelpers.h"
 #include "sim/families/tunnelEsi/TunnelEsiCheck.h"
 #include "sim/families/tunnelEsi/TunnelEsiTables.h"
 
@@ -149,12 +150,6 @@ void TunnelEsiAgent::printOutputs(std::ostream& os) const {
 void TunnelEsiAgent::publish(Publisher& p) {
   mapping->tunnelIdToHwTunnelIdBackingIs(p.backing<MappingTable>());
 }
-
-namespace {
-
-bool reviewPending(const Kiv::Ptr<Mox::TimerTask>& task) { return task && task->taskScheduled(); }
-
-}  // namespace
 
 void TunnelEsiAgent::draw(DotGraph& graph) const { drawTunnelEsi(*this, graph); }
 
