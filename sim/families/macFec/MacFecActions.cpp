@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cstring>
 #include <sstream>
+#include <string>
 #include <utility>
 
 #include "Shoal/Fib.h"
@@ -55,6 +56,26 @@ std::uint32_t ChainLength::read(const Reader& r, const YAML::Node& n) const {
   const std::uint32_t length = r.count(n, "a chain length (2 or 3)");
   if (length != 2 && length != 3) r.failExpected(n, "a chain length (2 or 3)");
   return length;
+}
+
+Mox::Range FecNumbers::read(const Reader& r, const YAML::Node& n) const {
+  if (!n.IsMap()) r.failExpected(n, "a FEC number range {first: N, last: M}");
+  r.onlyKeys(n, {"first", "last"}, "a FEC number range");
+  // The machine's own range bounds any the agent gives.
+  const auto bound = Oba::ObaMacAddrFecRequestSm::fecNumberRange;
+  const YAML::Node firstNode = r.field(n, "first");
+  const YAML::Node lastNode = r.field(n, "last");
+  const std::uint32_t first = r.count(firstNode, "a first FEC number");
+  if (first < bound.min || first > bound.max) r.failExpected(firstNode, "a FEC number 1-1048575");
+  const std::uint32_t last = r.count(lastNode, "a last FEC number");
+  if (last < first || last > bound.max) {
+    r.failExpected(lastNode, "a FEC number from first (" + std::to_string(first) + ") to 1048575");
+  }
+  return {first, last};
+}
+
+void FecNumbers::write(std::ostream& os, const Value& v) const {
+  os << "{first: " << v.min << ", last: " << v.max << "}";
 }
 
 RibRow RibRowForm::read(const Reader& r, const YAML::Node& n) const {
@@ -167,7 +188,8 @@ void MaxChainLength::apply(MacFecAgent& f) const { f.maxChainLengthIs(count); }
 
 std::vector<ActionKind> actionKinds() {
   return Sim::actionKinds<MacFecAgent, Host, HostDel, Label, LabelDel, LoadBalance, LoadBalanceDel,
-                          Dest, DestDel, Corrupt, Rewrite, MaxChainLength, ReviewInterval>();
+                          Dest, DestDel, Corrupt, Rewrite, MaxChainLength, ReviewInterval,
+                          FecNumberRange>();
 }
 
 // ---- table entries given as maps ----------------------------------------------------------------

@@ -12,6 +12,7 @@
 
 #include "Bridging/MacVlanPair.h"
 #include "L2Rib/ObjTuple.h"
+#include "Mox/NumAllocator.h"
 #include "Quil/EthAddr.h"
 #include "sim/ActionForm.h"
 #include "sim/families/macFec/MacFecAgent.h"
@@ -51,6 +52,15 @@ struct ChainLength {
   void write(std::ostream& os, Value v) const { os << v; }
 };
 inline constexpr ChainLength chainLength{};
+
+// The numbers the machine's FEC allocator hands out: "{first: 1, last: 4}", within 1-1048575 (the
+// machine's own range, which the FEC-id encoding of the adjacency type holds).
+struct FecNumbers {
+  using Value = Mox::Range;
+  Value read(const Reader& r, const YAML::Node& n) const;
+  void write(std::ostream& os, const Value& v) const;
+};
+inline constexpr FecNumbers fecNumbers{};
 
 // The id of a row of the label, load-balance or destination table.
 inline constexpr form::Count ribId = form::count("a RIB id");
@@ -189,6 +199,15 @@ struct ReviewInterval {
     return form::value(&ReviewInterval::seconds, form::time("a review interval in seconds"));
   }
   void apply(MacFecAgent& f) const { f.reviewIntervalIs(seconds); }
+};
+
+// The machine's FEC number range, as the agent sizes it: a machine is made with it, and a running
+// one is restarted with a new one (its allocator starts afresh, every number free).
+struct FecNumberRange {
+  static constexpr const char* name = "macFecNumberRange";
+  Mox::Range range;
+  static auto form() { return form::value(&FecNumberRange::range, fecNumbers); }
+  void apply(MacFecAgent& f) const { f.fecNumberRangeIs(range); }
 };
 
 template <class A>

@@ -164,6 +164,13 @@ void MacFecAgent::start() {
                                           timerWheel, agent.scheduler);
   sm->maxChainLengthIs(maxChainLength_);
   sm->reviewIntervalIs(reviewInterval_);
+  // The machine sizes its allocator when it is made and hands out nothing before its first
+  // review, so making the allocator again here loses no number.
+  if (!(fecNumberRange_ == Oba::ObaMacAddrFecRequestSm::fecNumberRange)) {
+    sm->numAllocatorConfigIs(fecNumberRange_);
+    sm->numAllocatorStatusIs();
+    sm->numAllocatorIs(sm->numAllocatorConfig(), sm->numAllocatorStatus(), timerWheel->clock());
+  }
 }
 
 void MacFecAgent::stop() { sm = nullptr; }
@@ -181,6 +188,11 @@ void MacFecAgent::maxChainLengthIs(std::uint32_t n) {
 void MacFecAgent::reviewIntervalIs(double seconds) {
   reviewInterval_ = seconds;
   if (sm) sm->reviewIntervalIs(seconds);
+}
+
+void MacFecAgent::fecNumberRangeIs(Mox::Range range) {
+  fecNumberRange_ = range;
+  if (sm) restart("macFec");
 }
 
 std::vector<std::string> MacFecAgent::fecLines() const {

@@ -87,6 +87,8 @@ class MacFecAgent : public FamilyAgent {
   std::uint32_t maxChainLength() const { return maxChainLength_; }
   // The machine's review interval: the running machine takes it at once, a new one when made.
   void reviewIntervalIs(double seconds);
+  // The FEC numbers the machine hands out: a machine is made with them, a running one restarted.
+  void fecNumberRangeIs(Mox::Range range);
 
   // "label/1 requested via(0, 1001, Tunnel1.1)", one per FEC of the request entity, sorted.
   std::vector<std::string> fecLines() const;
@@ -114,6 +116,7 @@ class MacFecAgent : public FamilyAgent {
   class AnswerLog;
   std::uint32_t maxChainLength_ = Oba::ObaMacAddrFecRequestSm::maxChainLengthDefault;
   double reviewInterval_ = Oba::ObaMacAddrFecRequestSm::reviewIntervalDefault;
+  Mox::Range fecNumberRange_ = Oba::ObaMacAddrFecRequestSm::fecNumberRange;
   std::unique_ptr<RequestLog> requestLog_;
   std::unique_ptr<ResultLog> resultLog_;
   std::unique_ptr<AnswerLog> answerLog_;
