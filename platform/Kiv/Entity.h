@@ -46,6 +46,7 @@
 
 #include "Kiv/Assert.h"
 #include "Kiv/Collection.h"
+#include "Kiv/Digest.h"
 #include "Kiv/Ptr.h"
 #include "Kiv/Rows.h"
 #include "Kiv/SmallMap.h"
@@ -207,6 +208,7 @@ class Entity : public PtrInterface, public Notifier<Self> {};
 #define KIV_COLLECTION_COMMON_(attr, K, ...) \
  private:                                    \
   __VA_ARGS__ attr##_;                       \
+  KIV_DIGEST_FIELD_(attr, attr##_)           \
   KIV_COLLECTION_ACCESSORS_(attr, K, attr##_, ::Kiv::keepAlive(this))
 
 #define KIV_VALUE_COLLECTION_(attr, K, V, ...)                       \
@@ -255,6 +257,7 @@ class Entity : public PtrInterface, public Notifier<Self> {};
   KIV_UNWATCHED_(attr, K)                   \
  private:                                   \
   ::Kiv::SmallMap<K, V, N> attr##_;         \
+  KIV_DIGEST_FIELD_(attr, attr##_)          \
   KIV_VALUE_ACCESSORS_(attr, K, V, attr##_, nullptr)
 
 // Collections keyed alike, stored together (Kiv/Rows.h): KIV_ROWS declares the rows and their
@@ -274,11 +277,13 @@ class Entity : public PtrInterface, public Notifier<Self> {};
  public:
 #define KIV_ROW_COLLECTION(attr, rows, I)                                                        \
   KIV_UNWATCHED_(attr, typename rows##Rows_::Key)                                                \
+  KIV_DIGEST_FIELD_(attr, rows##_.template field<I>())                                           \
   KIV_VALUE_ACCESSORS_(attr, typename rows##Rows_::Key,                                          \
                        typename rows##Rows_::template FieldType<I>, rows##_.template field<I>(), \
                        ::Kiv::keepAlive(this))
 #define KIV_ROW_CHILD_COLLECTION(attr, rows, I)                                              \
   KIV_UNWATCHED_(attr, typename rows##Rows_::Key)                                            \
+  KIV_DIGEST_FIELD_(attr, rows##_.template field<I>())                                       \
   KIV_COLLECTION_ACCESSORS_(attr, typename rows##Rows_::Key, rows##_.template field<I>(),    \
                             ::Kiv::keepAlive(this))                                          \
   template <class F>                                                                         \
@@ -310,6 +315,7 @@ class Entity : public PtrInterface, public Notifier<Self> {};
                                              \
  private:                                    \
   T attr##_ = __VA_ARGS__;                   \
+  KIV_DIGEST_FIELD_(attr, attr##_)           \
                                              \
  public:
 
@@ -324,6 +330,7 @@ class Entity : public PtrInterface, public Notifier<Self> {};
                                                             \
  private:                                                   \
   T attr##_ = __VA_ARGS__;                                  \
+  KIV_DIGEST_FIELD_(attr, attr##_)                          \
                                                             \
  public:
 
