@@ -11,6 +11,7 @@
 // afresh: every number is free.
 
 #include "Kiv/Clock.h"
+#include "Kiv/Digest.h"
 #include "Kiv/Ptr.h"
 #include "Mox/NumAllocator.h"
 #include "Oba/ObaExport.h"
@@ -40,6 +41,8 @@ class OBA_EXPORT FecNumberAllocation {
   Kiv::Ptr<Mox::NumAllocatorConfig> numConfig_;
   Kiv::Ptr<Mox::NumAllocatorStatus> numStatus_;
   Kiv::Ptr<Mox::NumAllocator> numAllocator_;
+  // What it will hand out next is the machine's state too.
+  KIV_DIGEST_FIELD_(numAllocator, numAllocator_)
 };
 
 }  // namespace Oba

@@ -26,6 +26,10 @@
 #include <utility>
 #include <vector>
 
+namespace Kiv {
+class Digest;
+}
+
 namespace Sim {
 
 class DotGraph;
@@ -144,6 +148,10 @@ class FamilyAgent {
   // The expectations a written failing run ends with: what a replay must find, each difference
   // the checks allow taken as the chip has it, so that only the real differences fail it.
   virtual ExpectedTables finalExpectations() const = 0;
+  // Its state, for the explorer's merging of equal states (sim/Explore.h): its inputs, outputs
+  // and machines by their digests, and its chip part's tables. Whatever it leaves out, two
+  // states that differ only there are taken as one.
+  virtual void digest(Kiv::Digest&) const = 0;
 };
 
 // ---- the fuzzer ---------------------------------------------------------------------------------
@@ -181,6 +189,20 @@ struct FuzzFlag {
   std::function<std::string(const FuzzOptions&)> summary = nullptr;
 };
 
+// ---- the explorer
+// --------------------------------------------------------------------------------
+
+// A small world to explore every order of events in: the actions the agent starts over (inputs
+// and chip settings), and the steps it may take, each one or more of the family's scenario
+// actions applied together (a row torn and written again around a change that reads it). The
+// explorer adds time moving on and restarts.
+struct ExploreWorld {
+  std::string name;
+  std::string description;
+  std::vector<Action> initial;
+  std::vector<std::vector<Action>> alphabet;
+};
+
 // ---- the family ---------------------------------------------------------------------------------
 
 // A table an agent publishes in shared memory, as oba-evpn-show finds it: its name, what it
@@ -212,6 +234,8 @@ class Family {
   // Its part of one seeded run: draws its world from `rng`.
   virtual std::unique_ptr<FamilyFuzz> fuzzIs(Rng& rng, const FuzzOptions& options) const = 0;
   virtual std::vector<FuzzFlag> fuzzFlags() const { return {}; }
+  // Its small worlds for `oba-evpn-sim explore`; none for a family with no machines.
+  virtual std::vector<ExploreWorld> exploreWorlds() const { return {}; }
   // Its parts of the run's summary: tallies ("N ESI entries compared, "), allowed differences.
   virtual void printCounts(const Counters&, std::ostream&) const {}
   virtual void printAllowances(const Counters&, std::ostream&) const {}

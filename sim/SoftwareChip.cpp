@@ -1,4 +1,5 @@
 #include "sim/SoftwareChip.h"
+#include "Kiv/Digest.h"
 
 #include <algorithm>
 
@@ -93,6 +94,20 @@ void SoftwareChip::reset() {
   for (auto& part : parts_) part->reset();
   violations_.clear();
   callCount_ = 0;
+}
+
+void SoftwareChip::digest(Kiv::Digest& d) const {
+  d.add(faultRate_);
+  d.add(rules_.size());
+  for (const Rule& r : rules_) {
+    d.add(r.refusal.op);
+    d.add(r.refusal.port);
+    d.add(r.refusal.vlan);
+    d.add(r.refusal.times);
+    d.add(r.refusal.rc);
+  }
+  d.add(violations_.size());
+  for (const auto& p : parts_) p->digest(d);
 }
 
 }  // namespace Sim

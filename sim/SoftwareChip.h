@@ -26,6 +26,7 @@
 
 #include "Bridging/VlanId.h"
 #include "Kiv/Clock.h"
+#include "Kiv/Digest.h"
 #include "Kiv/Ptr.h"
 #include "Quil/IntfId.h"
 
@@ -48,6 +49,8 @@ class SoftwareChip : public Kiv::PtrInterface {
     virtual void reset() = 0;
     // Cuts the link from the part's helpers to the chip.
     virtual void detach() = 0;
+    // Its tables and settings, for the explorer's state digest.
+    virtual void digest(Kiv::Digest&) const = 0;
   };
   void partIs(const Kiv::Ptr<Part>& part) { parts_.push_back(part); }
   // The operations chipRefuse rules may name; each part names its own when it is made.
@@ -135,6 +138,10 @@ class SoftwareChip : public Kiv::PtrInterface {
   // refusal rules (with what is left of their counts), the fault rate and its log, and the
   // listener stay.
   void reset();
+
+  // The rules left and the fault rate, then every part's tables: the chip's state as far as it
+  // decides what the chip answers next.
+  void digest(Kiv::Digest& d) const;
 
  private:
   struct Rule {

@@ -16,6 +16,7 @@
 #include "Kiv/Trace.h"
 #include "Shoal/Segment.h"
 #include "sim/Dot.h"
+#include "sim/Explore.h"
 #include "sim/Fuzz.h"
 #include "sim/Published.h"
 #include "sim/Scenario.h"
@@ -27,6 +28,7 @@ namespace {
 
 const char* const usage = R"(usage: oba-evpn-sim [options] [FILE...]
        oba-evpn-sim fuzz [options]     randomized convergence (oba-evpn-sim fuzz --help)
+       oba-evpn-sim explore [options]  every order of events in small worlds (explore --help)
 
 Replays scenario files (YAML, see docs/scenario-format.md) through the EVPN state machines, a
 host agent and a software chip, in virtual time, and logs every chip call and output-table write.
@@ -89,6 +91,7 @@ std::string outputProblem(const char* option, const std::string& path, bool fold
 
 int main(int argc, char** argv) {
   if (argc > 1 && std::strcmp(argv[1], "fuzz") == 0) return Sim::fuzzMain(argc, argv);
+  if (argc > 1 && std::strcmp(argv[1], "explore") == 0) return Sim::exploreMain(argc, argv);
   Sim::RunOptions options;
   bool json = false, quiet = false, hold = false;
   std::string trace;

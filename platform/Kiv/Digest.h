@@ -17,7 +17,8 @@
 //
 // Values go in by what they are: numbers and enumerations by value, strings by their bytes,
 // optionals and counted pointers by presence and then what they hold, collections (anything with
-// size() and walk()) by size and then each key and value, a class with registered fields by its
+// size() and walk()) by size and then each key and value, standard containers and pairs by
+// their elements, a class with registered fields by its
 // fields, anything else that prints by its text. A value of none of these kinds is counted as
 // opaque (`opaque()`, `firstOpaque()`): the digest is then not a faithful picture of the state.
 
@@ -126,7 +127,19 @@ concept Walkable = requires(const T& c) {
   c.walk();
 };
 template <class T>
-concept Printable = requires(std::ostream& os, const T& v) { os << v; };
+struct IsPair : std::false_type {};
+template <class A, class B>
+struct IsPair<std::pair<A, B>> : std::true_type {};
+template <class T>
+concept Range = requires(const T& c) {
+  c.size();
+  c.begin();
+  c.end();
+};
+template <class T>
+concept Printable = requires(std::ostream& os, const T& v) {
+  os << v;
+};
 }  // namespace detail
 
 template <class T>
@@ -151,12 +164,18 @@ void Digest::add(const T& v) {
   } else if constexpr (detail::IsPtr<T>::value) {
     word(v ? 1 : 0);
     if (v) object(*v);
+  } else if constexpr (detail::IsPair<T>::value) {
+    add(v.first);
+    add(v.second);
   } else if constexpr (detail::Walkable<T>) {
     word(v.size());
     for (auto&& e : v.walk()) {
       add(e.key);
       add(e.value);
     }
+  } else if constexpr (detail::Range<T>) {
+    word(v.size());
+    for (const auto& e : v) add(e);
   } else {
     object(v);
   }
@@ -196,10 +215,11 @@ void Digest::object(const T& v) {
 // `const C*` to a digest.
 template <class Mark, class C, class Add>
 Mark digestMark(const C*, const char* name, Add) {
-  static const bool registered =
-      (registerDigestField(typeid(C).name(), name,
-                           [](const void* self, Digest& d) { Add{}(static_cast<const C*>(self), d); }),
-       true);
+  static const bool registered = (registerDigestField(typeid(C).name(), name,
+                                                      [](const void* self, Digest& d) {
+                                                        Add{}(static_cast<const C*>(self), d);
+                                                      }),
+                                  true);
   (void)registered;
   return Mark{};
 }
@@ -208,18 +228,17 @@ Mark digestMark(const C*, const char* name, Add) {
 
 // Inside a class, after the storage of attribute `attr` (the expression S): its digest function
 // and its mark. Used by the accessor families of Kiv/Entity.h.
-#define KIV_DIGEST_FIELD_(attr, S)                                              \
- public:                                                                        \
-  void kivDigest_##attr##_(::Kiv::Digest& kivD) const { kivD.field(#attr, S); } \
-                                                                                \
- private:                                                                       \
-  struct kivMark_##attr##_t {                                                   \
-    bool operator==(const kivMark_##attr##_t&) const = default;                 \
-  };                                                                            \
-  [[no_unique_address]] kivMark_##attr##_t kivMark_##attr##_ =                  \
-      ::Kiv::digestMark<kivMark_##attr##_t>(                                    \
-          this, #attr, [](const auto* kivSelf, ::Kiv::Digest& kivD) {           \
-            kivSelf->kivDigest_##attr##_(kivD);                                 \
-          });                                                                   \
-                                                                                \
+#define KIV_DIGEST_FIELD_(attr, S)                                                               \
+ public:                                                                                         \
+  void kivDigest_##attr##_(::Kiv::Digest& kivD) const { kivD.field(#attr, S); }                  \
+                                                                                                 \
+ private:                                                                                        \
+  struct kivMark_##attr##_t {                                                                    \
+    bool operator==(const kivMark_##attr##_t&) const = default;                                  \
+  };                                                                                             \
+  [[no_unique_address]] kivMark_##attr##_t kivMark_##attr##_ =                                   \
+      ::Kiv::digestMark<kivMark_##attr##_t>(                                                     \
+          this, #attr,                                                                           \
+          [](const auto* kivSelf, ::Kiv::Digest& kivD) { kivSelf->kivDigest_##attr##_(kivD); }); \
+                                                                                                 \
  public:

@@ -94,4 +94,14 @@ void NumAllocator::statusUpdate() {
   status_->pendingExpiryIs(held_.size());
 }
 
+std::ostream& operator<<(std::ostream& os, const NumAllocator& a) {
+  os << "range " << a.range_.min << "-" << a.range_.max << " free";
+  for (const auto& [first, last] : a.free_) os << " " << first << "-" << last;
+  os << " used";
+  for (std::int64_t n : a.allocated_) os << " " << n;
+  os << " held";
+  for (const auto& h : a.held_) os << " " << h.n << "@" << h.reusableAt;
+  return os;
+}
+
 }  // namespace Mox

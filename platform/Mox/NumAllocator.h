@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <ostream>
 #include <set>
 #include <utility>
 
@@ -93,6 +94,10 @@ class NumAllocator : public Kiv::PtrInterface {
 
   // Runs of consecutive free numbers kept: at most the numbers in use and held back, plus one.
   std::size_t freeRunCount() const { return free_.size(); }
+
+  // Everything that decides what it hands out next: its range, the free runs, the numbers in use
+  // and those held back with the times they become reusable.
+  friend std::ostream& operator<<(std::ostream& os, const NumAllocator& a);
 
  private:
   struct Held {

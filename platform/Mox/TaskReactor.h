@@ -11,8 +11,11 @@
 // The machine holds the reactor through Kiv::Ptr; the reactor holds its task (so holding the
 // reactor is enough to keep the task), and knows its owner by raw pointer: the owner outlives it.
 
+#include <cstdio>
+#include <string>
 #include <utility>
 
+#include "Kiv/Digest.h"
 #include "Kiv/Ptr.h"
 #include "Mox/TimerTask.h"
 
@@ -32,6 +35,20 @@ class TaskReactor : public TimerTask::Notifiee, public Kiv::PtrInterface {
   Owner* owner_;
 };
 
+// What of a machine's task decides what happens next, for its owner's digest (Kiv/Digest.h): its
+// name, when it is due, and whether a walk it yielded in keeps its place.
+inline std::string taskState(const TimerTask* task) {
+  if (!task) return "none";
+  std::string s(task->name().string());
+  if (auto due = task->scheduledTime()) {
+    char exact[40];
+    std::snprintf(exact, sizeof exact, " due %a", *due);
+    s += exact;
+  }
+  if (task->resumesSomewhere()) s += " resumes";
+  return s;
+}
+
 }  // namespace Mox
 
 // A machine's review-task attribute: attr() is the reactor (its task()), attrIs(scheduler,
@@ -47,5 +64,6 @@ class TaskReactor : public TimerTask::Notifiee, public Kiv::PtrInterface {
                                                                                               \
  private:                                                                                     \
   ::Kiv::Ptr<R> attr##_;                                                                      \
+  KIV_DIGEST_FIELD_(attr, ::Mox::taskState(attr##_ ? attr##_->task().ptr() : nullptr))        \
                                                                                               \
  public:

@@ -90,6 +90,7 @@ class TimerTask : public Kiv::PtrInterface {
     resumeAt_ = key;
   }
   void resumeAtDel() { resumeAt_.reset(); }
+  bool resumesSomewhere() const { return resumeAt_.has_value(); }
 
   // Runs since the task was made, for diagnostics.
   std::uint64_t runCount() const { return runCount_; }

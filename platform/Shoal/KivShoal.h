@@ -17,8 +17,32 @@
 // xPoll() from its event loop, which delivers the per-key, whole-collection and mount-state
 // notifications for what changed since its last poll.
 
+#include <optional>
+#include <utility>
+#include <vector>
+
 #include "Kiv/Entity.h"
 #include "Shoal/Table.h"
+
+namespace Shoal {
+
+// A table's rows as its owner's digest reads them (Kiv/Digest.h): each key with its row, or with
+// none for a row that readers find torn.
+template <class K, class Row>
+std::vector<std::pair<K, std::optional<Row>>> tableState(const Table<K, Row>& t) {
+  std::vector<std::pair<K, std::optional<Row>>> out;
+  for (auto&& e : t.walk()) {
+    try {
+      t.find(e.key);
+      out.emplace_back(e.key, e.value);
+    } catch (const CorruptionException&) {
+      out.emplace_back(e.key, std::nullopt);
+    }
+  }
+  return out;
+}
+
+}  // namespace Shoal
 
 // The reader side, removal and notification, shared by both kinds.
 #define KIV_SHOAL_COMMON_(attr, Attr, K, Row)                                                  \
@@ -56,6 +80,7 @@
                                                                                                \
  private:                                                                                      \
   ::Shoal::Table<K, Row> attr##_;                                                              \
+  KIV_DIGEST_FIELD_(attr, ::Shoal::tableState(attr##_))                                        \
                                                                                                \
  public:
 

@@ -8,8 +8,10 @@
 #include <fstream>
 #include <iterator>
 
+#include "Kiv/Digest.h"
 #include "sim/ActionForm.h"
 #include "sim/ChipLink.h"
+#include "sim/Explore.h"
 #include "sim/Fuzz.h"
 #include "sim/Rng.h"
 #include "sim/Scenario.h"
@@ -36,6 +38,7 @@ class RegisterChip : public Sim::SoftwareChip::Part {
     return !refused;
   }
   void reset() override { value = 0; }
+  void digest(Kiv::Digest& d) const override { d.add(value); }
   void detach() override {}
   std::uint64_t value = 0;
   static inline std::uint64_t lost = 99;  // a broken chip loses writes of this value
@@ -77,6 +80,10 @@ class RegisterAgent : public Sim::FamilyAgent {
   }
   Sim::ExpectedTables finalExpectations() const override {
     return {{"register", {std::to_string(input)}}};
+  }
+  void digest(Kiv::Digest& d) const override {
+    d.add(input);
+    d.add(running);
   }
   Kiv::Ptr<RegisterChip> chip;
   std::uint64_t input = 0;
@@ -121,6 +128,13 @@ class RegisterFamily : public Sim::Family {
   }
   std::unique_ptr<Sim::FamilyFuzz> fuzzIs(Sim::Rng&, const Sim::FuzzOptions&) const override {
     return std::make_unique<RegisterFuzz>();
+  }
+  std::vector<Sim::ExploreWorld> exploreWorlds() const override {
+    return {{"two-values",
+             "the register written 1 and 2",
+             {},
+             {{Sim::makeAction<RegisterAgent>(SetRegister{1})},
+              {Sim::makeAction<RegisterAgent>(SetRegister{2})}}}};
   }
 };
 
@@ -176,7 +190,22 @@ steps:
   EXPECT_EQ(bad.failure->failure.check, "register");
   EXPECT_TRUE(bad.failure->checkFails);
   EXPECT_LE(bad.failure->shrunkActions, 3u);
+
+  // The explorer runs its world (every order of its steps, restarts among them) and finds the
+  // lost write by the one step that shows it.
+  Sim::ExploreOptions e;
+  e.family = "register";
+  e.depth = 3;
+  e.outDir = o.outDir;
+  auto found = Sim::explore(e, nullptr, families);
+  ASSERT_EQ(found.size(), 1u);
+  ASSERT_TRUE(found[0].failure);
+  EXPECT_EQ(found[0].failure->sequence, std::vector<std::string>{"register: 2"});
   RegisterChip::lost = 99;
+  auto held = Sim::explore(e, nullptr, families);
+  EXPECT_FALSE(held[0].failure);
+  EXPECT_EQ(held[0].unreadable, 0u);
+  EXPECT_EQ(held[0].states, 3u);  // the input 0, 1 or 2, and the chip holding it
 }
 
 // Whatever a check finds, a scenario can state: `checks` lists every check's findings, so a run

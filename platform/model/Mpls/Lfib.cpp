@@ -12,6 +12,16 @@ std::ostream& operator<<(std::ostream& os, const LfibViaKey& k) {
   return os << k.viaType() << "/" << k.viaIndex();
 }
 
+std::ostream& operator<<(std::ostream& os, const LfibViaSetKey& k) { return os << k.value(); }
+
+std::ostream& operator<<(std::ostream& os, const LfibViaSet& v) {
+  return os << v.viaSetKey << " -> " << v.viaKey;
+}
+
+std::ostream& operator<<(std::ostream& os, const LfibRoute& r) {
+  return os << r.routeKey << " viaSet " << r.viaSetKey;
+}
+
 std::ostream& operator<<(std::ostream& os, const LfibEvpnEthernetSegmentFilterVia& v) {
   return os << "intf " << v.intfId;
 }

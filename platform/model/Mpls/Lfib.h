@@ -79,11 +79,15 @@ class LfibViaSetKey {
   std::uint32_t value_ = 0;
 };
 
+std::ostream& operator<<(std::ostream& os, const LfibViaSetKey& k);  // the number
+
 struct LfibRoute {
   RouteKey routeKey;
   LfibViaSetKey viaSetKey;
   bool operator==(const LfibRoute&) const = default;
 };
+// "topLabel 1001 viaSet 3"
+std::ostream& operator<<(std::ostream& os, const LfibRoute& r);
 
 // A route's via set. The routes the hardware agents program here have a single via.
 struct LfibViaSet {
@@ -91,6 +95,7 @@ struct LfibViaSet {
   LfibViaKey viaKey;
   bool operator==(const LfibViaSet&) const = default;
 };
+std::ostream& operator<<(std::ostream& os, const LfibViaSet& v);  // "3 -> 6/12"
 
 // An EVPN Ethernet-segment filter via: BUM traffic arriving under the route's label must not
 // leave on the segment's local interface. The default via (no interface) is the empty one.

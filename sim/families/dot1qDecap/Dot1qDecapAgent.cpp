@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "Kiv/Digest.h"
 #include "sim/FamilyHelpers.h"
 #include "sim/families/dot1qDecap/Dot1qDecapCheck.h"
 #include "sim/families/dot1qDecap/Dot1qDecapTables.h"
@@ -262,6 +263,17 @@ ExpectedTables Dot1qDecapAgent::finalExpectations() const {
     portMaps.push_back(portMapLine(label, intf));
   }
   return {{"dot1q", dot1q}, {"esiPortMaps", portMaps}};
+}
+
+// Inputs, outputs and machines by their digests; the chip part is the chip's.
+void Dot1qDecapAgent::digest(Kiv::Digest& d) const {
+  d.add(mplsConfig);
+  d.add(vlanStatusDir);
+  d.add(lfibStatus);
+  d.add(lfibTrackingStatus);
+  d.add(lfibHwStatus);
+  d.add(floodingDot1qSm);
+  d.add(decapSm);
 }
 
 }  // namespace Sim

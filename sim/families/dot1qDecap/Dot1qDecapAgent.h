@@ -53,6 +53,7 @@ class Dot1qDecapAgent : public FamilyAgent {
   void count(Counters& c) const override;
   std::optional<CheckFailure> check(Counters* counters) const override;
   ExpectedTables finalExpectations() const override;
+  void digest(Kiv::Digest& d) const override;
 
   // The label-forwarding publisher: each change puts the routes it touches into the backlog.
   void routeIs(Quil::MplsLabel label, Mpls::LfibViaSetKey viaSet);

@@ -1,4 +1,5 @@
 #include "sim/families/dot1qDecap/Dot1qDecapChip.h"
+#include "Kiv/Digest.h"
 
 #include <sstream>
 
@@ -169,6 +170,15 @@ void Dot1qDecapChip::reset() {
   portMaps_.clear();
   intfMaps_.clear();
   lastPortMapRc_.clear();
+}
+
+void Dot1qDecapChip::digest(Kiv::Digest& d) const {
+  d.add(dot1qSize_);
+  d.add(portMapSize_);
+  d.add(dot1q_);
+  d.add(portMaps_);
+  d.add(lastPortMapRc_);
+  d.add(deleteSerial_);
 }
 
 }  // namespace Sim

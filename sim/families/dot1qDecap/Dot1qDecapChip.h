@@ -69,6 +69,7 @@ class Dot1qDecapChip : public SoftwareChip::Part {
   }
 
   void reset() override;
+  void digest(Kiv::Digest& d) const override;
   void detach() override;
 
  private:

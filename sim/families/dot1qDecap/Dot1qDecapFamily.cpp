@@ -46,6 +46,7 @@ class Dot1qDecapFamily : public Family {
     return {publishedTableKind<UnprogrammedRoutesTable>()};
   }
 
+  std::vector<ExploreWorld> exploreWorlds() const override { return dot1qDecapWorlds(); }
   std::vector<FuzzFlag> fuzzFlags() const override {
     return {canaryFlag("--canary-drop-dot1q-delete",
                        "test the checks: the chip loses its N-th deleteVlanToDot1qMapping",

@@ -16,4 +16,7 @@ namespace Sim {
 
 const Family& dot1qDecapFamily();
 
+// Its small worlds for the explorer (Dot1qDecapExplore.cpp).
+std::vector<ExploreWorld> dot1qDecapWorlds();
+
 }  // namespace Sim

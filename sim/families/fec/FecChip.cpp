@@ -1,4 +1,5 @@
 #include "sim/families/fec/FecChip.h"
+#include "Kiv/Digest.h"
 
 #include <optional>
 #include <sstream>
@@ -363,6 +364,21 @@ void FecChip::reset() {
 
 Quil::IntfId fecL2Intf(std::uint32_t hw) {
   return Quil::DynamicTunnelIntfId::intfId((254ull << 32) | hw);
+}
+
+void FecChip::digest(Kiv::Digest& d) const {
+  d.add(capacity_);
+  d.add(latency_);
+  d.add(due_);
+  d.add(waiting_);
+  d.add(hwOf_);
+  d.add(answers_.size());
+  for (const auto& [hw, a] : answers_) {
+    d.add(hw);
+    d.add(std::string_view(a.writer));
+    d.add(a.fecId);
+  }
+  d.add(idCounts_);
 }
 
 }  // namespace Sim

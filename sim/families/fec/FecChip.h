@@ -117,6 +117,7 @@ class FecChip : public SoftwareChip::Part {
   std::vector<std::string> ledger() const;
 
   void reset() override;
+  void digest(Kiv::Digest& d) const override;
   void detach() override;
 
   SoftwareChip& chip() const { return *chip_; }

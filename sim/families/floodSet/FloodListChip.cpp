@@ -1,4 +1,5 @@
 #include "sim/families/floodSet/FloodListChip.h"
+#include "Kiv/Digest.h"
 
 #include <algorithm>
 
@@ -327,6 +328,20 @@ void FloodListChip::reset() {
   for (auto [list, c] : config_->configWalk()) {
     listWatches_.emplace(list, std::make_unique<ListWatch>(this, c));
   }
+}
+
+void FloodListChip::digest(Kiv::Digest& d) const {
+  d.add(latency_);
+  d.add(seen_);
+  d.add(queue_.size());
+  for (const Change& c : queue_) {
+    d.add(c.list);
+    d.add(c.member);
+    d.add(c.add);
+    d.add(c.due);
+  }
+  d.add(lists_);
+  d.add(restarting_);
 }
 
 }  // namespace Sim

@@ -82,6 +82,7 @@ class FloodListChip : public SoftwareChip::Part {
   bool usesHwFecId(std::uint64_t hwFecId) const;
 
   void reset() override;
+  void digest(Kiv::Digest& d) const override;
   void detach() override;
 
  private:

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "Kiv/Digest.h"
 #include "sim/ChipLink.h"
 #include "sim/families/fec/FecAgent.h"
 #include "sim/families/floodSet/FloodSetCheck.h"
@@ -313,6 +314,20 @@ std::optional<CheckFailure> FloodSetAgent::check(Counters* counters) const {
 
 ExpectedTables FloodSetAgent::finalExpectations() const {
   return {{"mplsFloodSet", expectedMplsFloodSetLines(*this)}, {"floodLists", listLines()}};
+}
+
+// Inputs, outputs and machines by their digests; the chip part is the chip's.
+void FloodSetAgent::digest(Kiv::Digest& d) const {
+  d.add(l2RibFloodSet);
+  d.add(mplsFloodSet);
+  d.add(hwInfoMapping);
+  d.add(hwConfig);
+  d.add(hwStatus);
+  d.add(fecRequest);
+  d.add(fecResponse);
+  d.add(filterSm);
+  d.add(fecSm);
+  d.add(vlanSm);
 }
 
 }  // namespace Sim

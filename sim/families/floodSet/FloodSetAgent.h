@@ -56,6 +56,7 @@ class FloodSetAgent : public FamilyAgent {
   void count(Counters& c) const override;
   std::optional<CheckFailure> check(Counters* counters) const override;
   ExpectedTables finalExpectations() const override;
+  void digest(Kiv::Digest& d) const override;
 
   std::vector<std::string> mplsFloodSetLines() const;
   std::vector<std::string> configLines() const;

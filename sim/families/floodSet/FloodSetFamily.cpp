@@ -54,6 +54,7 @@ class FloodSetFamily : public Family {
             publishedTableKind<FloodListsTable>()};
   }
 
+  std::vector<ExploreWorld> exploreWorlds() const override { return floodSetWorlds(); }
   std::vector<FuzzFlag> fuzzFlags() const override {
     return {{"--canary-break-before-make", "on",
              "test the checks: the chip removes a flood-list member before adding its replacement",

@@ -15,4 +15,7 @@ namespace Sim {
 
 const Family& floodSetFamily();
 
+// Its small worlds for the explorer (FloodSetExplore.cpp).
+std::vector<ExploreWorld> floodSetWorlds();
+
 }  // namespace Sim

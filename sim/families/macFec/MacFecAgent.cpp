@@ -5,6 +5,7 @@
 #include <map>
 #include <sstream>
 
+#include "Kiv/Digest.h"
 #include "sim/Published.h"
 #include "sim/families/fec/FecAgent.h"
 #include "sim/families/macFec/MacFecCheck.h"
@@ -258,5 +259,21 @@ std::optional<CheckFailure> MacFecAgent::check(Counters* counters) const {
 }
 
 ExpectedTables MacFecAgent::finalExpectations() const { return macFecExpectations(*this); }
+
+// Inputs, outputs and machines by their digests; the chip part is the chip's.
+void MacFecAgent::digest(Kiv::Digest& d) const {
+  d.add(labels);
+  d.add(lbs);
+  d.add(dests);
+  d.add(hosts);
+  d.add(request);
+  d.add(response);
+  d.add(result);
+  d.add(sm);
+  d.add(maxChainLength_);
+  d.add(fecNumberRange_.min);
+  d.add(fecNumberRange_.max);
+  d.add(lastAnswer_);
+}
 
 }  // namespace Sim

@@ -81,6 +81,7 @@ class MacFecAgent : public FamilyAgent {
   void ledger(std::vector<std::string>& out) const override;
   std::optional<CheckFailure> check(Counters* counters) const override;
   ExpectedTables finalExpectations() const override;
+  void digest(Kiv::Digest& d) const override;
 
   // The setting the machine is made with; a running machine is restarted with a new one.
   void maxChainLengthIs(std::uint32_t n);

@@ -29,6 +29,7 @@ class MacFecFamily : public Family {
   std::unique_ptr<FamilyAgent> agentIs(HostAgent& agent) const override {
     return std::make_unique<MacFecAgent>(agent);
   }
+  std::vector<ExploreWorld> exploreWorlds() const override { return macFecWorlds(); }
   std::unique_ptr<FamilyFuzz> fuzzIs(Rng& rng, const FuzzOptions& options) const override {
     return macFec::fuzzIs(rng, options);
   }

@@ -14,4 +14,7 @@ namespace Sim {
 
 const Family& macFecFamily();
 
+// Its small worlds for the explorer (MacFecExplore.cpp).
+std::vector<ExploreWorld> macFecWorlds();
+
 }  // namespace Sim

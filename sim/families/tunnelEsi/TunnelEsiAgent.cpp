@@ -4,6 +4,7 @@
 #include <set>
 #include <sstream>
 
+#include "Kiv/Digest.h"
 #include "sim/FamilyHelpers.h"
 #include "sim/families/tunnelEsi/TunnelEsiCheck.h"
 #include "sim/families/tunnelEsi/TunnelEsiTables.h"
@@ -197,6 +198,15 @@ ExpectedTables TunnelEsiAgent::finalExpectations() const {
   std::sort(ids.begin(), ids.end());
   for (auto id : ids) hwIds.push_back(std::to_string(id));
   return {{"esiData", esiLines}, {"mapping", mappingLines}, {"hwTunnelIds", hwIds}};
+}
+
+// Inputs, outputs and machines by their digests; the chip part is the chip's.
+void TunnelEsiAgent::digest(Kiv::Digest& d) const {
+  d.add(evpnStatus);
+  d.add(acsd);
+  d.add(mapping);
+  d.add(hwTunnelIdSm);
+  d.add(floodingEsiSm);
 }
 
 }  // namespace Sim

@@ -50,6 +50,7 @@ class TunnelEsiAgent : public FamilyAgent {
   void ledger(std::vector<std::string>& out) const override;
   std::optional<CheckFailure> check(Counters* counters) const override;
   ExpectedTables finalExpectations() const override;
+  void digest(Kiv::Digest& d) const override;
 
   std::vector<std::string> esiDataLines() const;
   std::vector<std::string> mappingLines() const;

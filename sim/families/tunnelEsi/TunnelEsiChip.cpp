@@ -1,4 +1,5 @@
 #include "sim/families/tunnelEsi/TunnelEsiChip.h"
+#include "Kiv/Digest.h"
 
 #include "sim/ChipLink.h"
 
@@ -144,6 +145,26 @@ void TunnelEsiChip::reset() {
   inUse_.clear();
   idCounts_.clear();
   esiData_.clear();
+}
+
+void TunnelEsiChip::digest(Kiv::Digest& d) const {
+  d.add(poolSize_);
+  d.add(nextId_);
+  d.add(freeIds_);
+  d.add(inUse_);
+  for (const IdCounts& c : idCounts_) {
+    d.add(c.handedOut);
+    d.add(c.released);
+  }
+  d.add(esiData_.size());
+  for (const auto& [key, e] : esiData_) {
+    d.add(key);
+    d.add(e.tunnel);
+    d.add(e.hw);
+    d.add(e.label);
+    d.add(e.localLabel);
+  }
+  d.add(deleteSerial_);
 }
 
 }  // namespace Sim

@@ -82,6 +82,7 @@ class TunnelEsiChip : public SoftwareChip::Part {
 
   // Forgets tables and pool usage; keeps the pool size.
   void reset() override;
+  void digest(Kiv::Digest& d) const override;
   void detach() override;
 
  private:

@@ -43,6 +43,7 @@ class TunnelEsiFamily : public Family {
     return {publishedTableKind<MappingTable>()};
   }
 
+  std::vector<ExploreWorld> exploreWorlds() const override { return tunnelEsiWorlds(); }
   std::vector<FuzzFlag> fuzzFlags() const override {
     // A pool of none is no world: every tunnel would wait for good.
     return {settingFlag("pool", "hardware tunnel ids at the start of a seed (default 4)",

@@ -5,14 +5,17 @@
 //
 // Its folder, by job: TunnelEsiAgent (its part of the host agent: inputs, outputs, machines),
 // TunnelEsiActions (its scenario actions and table entries), TunnelEsiFuzz (its worlds and random
-// steps), TunnelEsiCheck (the drained state against the inputs), TunnelEsiChip (the chip's tunnel
-// ids and ESI data), TunnelEsiDraw (its picture), TunnelEsiTables (what it publishes), and this
-// registration.
+// steps), TunnelEsiExplore (its small worlds), TunnelEsiCheck (the drained state against the
+// inputs), TunnelEsiChip (the chip's tunnel ids and ESI data), TunnelEsiDraw (its picture),
+// TunnelEsiTables (what it publishes), and this registration.
 
 #include "sim/Family.h"
 
 namespace Sim {
 
 const Family& tunnelEsiFamily();
+
+// Its small worlds for the explorer (TunnelEsiExplore.cpp).
+std::vector<ExploreWorld> tunnelEsiWorlds();
 
 }  // namespace Sim

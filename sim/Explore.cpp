@@ -1,0 +1,378 @@
+#include "sim/Explore.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <fstream>
+#include <sstream>
+#include <unordered_set>
+#include <utility>
+
+#include "Kiv/Assert.h"
+#include "Kiv/Digest.h"
+#include "sim/Fuzz.h"
+#include "sim/HostAgent.h"
+#include "sim/Scenario.h"
+#include "sim/ScenarioWriter.h"
+
+namespace Sim {
+
+namespace {
+
+// One step of the alphabet: a family's action, time moving on to the next due task, or a
+// restart.
+struct Letter {
+  enum class Kind { actions, time, restart } kind;
+  std::vector<Action> actions;  // the family's actions, or the restart as an action
+  std::string text;             // as a scenario file writes them (joined by " + "), or "time"
+};
+
+std::string actionText(const std::vector<Action>& actions) {
+  std::ostringstream os;
+  for (std::size_t i = 0; i < actions.size(); ++i) {
+    if (i) os << " + ";
+    actions[i].body->write(os);
+  }
+  return os.str();
+}
+
+// The families an agent for `family` needs: those it builds on, then itself, in registration
+// order.
+Families familiesFor(const Family& family, const Families& all) {
+  std::vector<const Family*> need{&family};
+  for (std::size_t i = 0; i < need.size(); ++i) {
+    for (const Family* f : need[i]->buildsOn()) {
+      if (std::find(need.begin(), need.end(), f) == need.end()) need.push_back(f);
+    }
+  }
+  Families out;
+  for (const Family* f : all) {
+    if (std::find(need.begin(), need.end(), f) != need.end()) out.push_back(f);
+  }
+  return out;
+}
+
+using StateDigest = std::pair<std::uint64_t, std::uint64_t>;
+struct DigestHash {
+  std::size_t operator()(const StateDigest& d) const { return d.first ^ (d.second * 31); }
+};
+
+// What one sequence came to.
+struct Outcome {
+  StateDigest digest{};
+  bool quiet = false;
+  std::uint64_t unreadable = 0;
+  std::string firstUnreadable;
+  Counters allowances;                 // the checks' allowed differences, in a quiet state
+  std::optional<CheckFailure> failure;  // the ledger after a step, or a check in a quiet state
+};
+
+// A fresh agent over the world, taken through a sequence of letters.
+class Run {
+ public:
+  Run(const Families& families, const ExploreWorld& world) : agent_(&log_, families) {
+    agent_.chip->callListenerIs(nullptr);
+    for (const Action& a : world.initial) agent_.apply(a);
+    agent_.start();
+    agent_.scheduler->runDue();
+  }
+
+  // Applies the letter; answers what the ledger says after it (a failure ends the sequence).
+  std::optional<CheckFailure> step(const Letter& l) {
+    try {
+      switch (l.kind) {
+        case Letter::Kind::time:
+          if (auto due = agent_.scheduler->nextDueTime()) agent_.advanceTo(*due);
+          break;
+        case Letter::Kind::actions:
+        case Letter::Kind::restart:
+          for (const Action& a : l.actions) agent_.apply(a);
+          agent_.scheduler->runDue();
+          break;
+      }
+    } catch (const Kiv::AssertionFailure& e) {
+      return CheckFailure{"abort", {e.what()}};
+    } catch (const std::exception& e) {
+      return CheckFailure{"exception", {e.what()}};
+    }
+    std::vector<std::string> ledger;
+    for (const auto& v : agent_.chip->violations()) ledger.push_back("violation: " + v.text);
+    for (const auto& part : agent_.parts()) part->ledger(ledger);
+    if (!ledger.empty()) return CheckFailure{"ledger", std::move(ledger)};
+    return std::nullopt;
+  }
+
+  Outcome outcome() const {
+    Outcome o;
+    Kiv::Digest d;
+    d.add(agent_.now());
+    d.add(agent_.scheduler->dueTimes());
+    agent_.chip->digest(d);
+    for (const auto& part : agent_.parts()) part->digest(d);
+    o.digest = d.value();
+    o.unreadable = d.opaque();
+    o.firstUnreadable = d.firstOpaque();
+    o.quiet = true;
+    for (const auto& part : agent_.parts()) o.quiet = o.quiet && !part->busy();
+    if (o.quiet) {
+      for (const auto& part : agent_.parts()) {
+        if (auto f = part->check(&o.allowances)) {
+          o.failure = std::move(f);
+          break;
+        }
+      }
+    }
+    return o;
+  }
+
+  double now() const { return agent_.now(); }
+
+ private:
+  SimLog log_;
+  HostAgent agent_;
+};
+
+// The sequence as a scenario: each letter a step of its own at the time it was taken (time
+// letters move the next step's time on), ending with the checks expected to hold.
+Scenario scenarioOf(const Families& families, const ExploreWorld& world,
+                    const std::vector<Letter>& letters, const std::vector<std::uint32_t>& seq) {
+  Scenario s;
+  s.name = "explored in world " + world.name;
+  s.initial = world.initial;
+  Run run(families, world);
+  for (std::uint32_t i : seq) {
+    const Letter& l = letters[i];
+    run.step(l);
+    if (l.kind == Letter::Kind::time) continue;
+    Step st;
+    st.at = run.now();
+    st.note = l.kind == Letter::Kind::restart ? "a restart" : "a step of the world";
+    st.actions = l.actions;
+    s.steps.push_back(std::move(st));
+  }
+  if (s.steps.empty() || s.steps.back().at != run.now()) {
+    Step st;
+    st.at = run.now();
+    st.note = "time moves on to the next due task";
+    s.steps.push_back(std::move(st));
+  }
+  s.steps.back().expectations.push_back({.name = "checks", .lines = {}});
+  return s;
+}
+
+// The outcomes of expanding every state of the frontier by every letter, in (state, letter)
+// order, computed by `jobs` processes.
+std::vector<Outcome> expand(const Families& families, const ExploreWorld& world,
+                            const std::vector<Letter>& letters,
+                            const std::vector<std::vector<std::uint32_t>>& frontier,
+                            std::uint32_t jobs, std::uint64_t* sequences) {
+  const std::size_t n = frontier.size() * letters.size();
+  std::vector<Outcome> out(n);
+  auto one = [&](std::size_t k) {
+    const auto& seq = frontier[k / letters.size()];
+    Run run(families, world);
+    for (std::uint32_t i : seq) run.step(letters[i]);
+    auto ledger = run.step(letters[k % letters.size()]);
+    Outcome o = run.outcome();
+    if (ledger) o.failure = std::move(ledger);
+    return o;
+  };
+  *sequences += n;
+  if (jobs <= 1 || n < 64) {
+    for (std::size_t k = 0; k < n; ++k) out[k] = one(k);
+    return out;
+  }
+  // Each worker takes every jobs-th expansion and writes back its digests, quiet flags and
+  // whether it failed; the parent recomputes the few outcomes it needs in full.
+  struct Brief {
+    StateDigest digest;
+    std::uint8_t quiet, failed;
+  };
+  std::vector<int> fds;
+  std::vector<pid_t> pids;
+  for (std::uint32_t j = 0; j < jobs; ++j) {
+    int p[2];
+    if (pipe(p) != 0) throw std::runtime_error("explore: cannot make a pipe");
+    const pid_t pid = fork();
+    if (pid == 0) {
+      close(p[0]);
+      for (std::size_t k = j; k < n; k += jobs) {
+        Outcome o = one(k);
+        Brief b{o.digest, o.quiet, o.failure.has_value()};
+        if (write(p[1], &b, sizeof b) != sizeof b) _exit(3);
+      }
+      _exit(0);
+    }
+    close(p[1]);
+    fds.push_back(p[0]);
+    pids.push_back(pid);
+  }
+  std::vector<Brief> briefs(n);
+  for (std::uint32_t j = 0; j < jobs; ++j) {
+    FILE* in = fdopen(fds[j], "rb");
+    for (std::size_t k = j; k < n; k += jobs) {
+      if (fread(&briefs[k], sizeof(Brief), 1, in) != 1) {
+        throw std::runtime_error("explore: a worker ended early");
+      }
+    }
+    fclose(in);
+    int status = 0;
+    waitpid(pids[j], &status, 0);
+  }
+  for (std::size_t k = 0; k < n; ++k) {
+    out[k].digest = briefs[k].digest;
+    out[k].quiet = briefs[k].quiet;
+    // What only a full outcome carries (allowances, failures, unreadable values) is recomputed
+    // for the expansions that reach a state not met before: the caller asks through `full`.
+    if (briefs[k].failed) out[k] = one(k);
+  }
+  return out;
+}
+
+ExploreReport exploreWorld(const Family& family, const ExploreWorld& world,
+                           const ExploreOptions& o, std::ostream* progress,
+                           const Families& all) {
+  const auto start = std::chrono::steady_clock::now();
+  const Families families = familiesFor(family, all);
+  ExploreReport r;
+  r.family = std::string(family.name());
+  r.world = world.name;
+
+  std::vector<Letter> letters;
+  for (const auto& actions : world.alphabet) {
+    letters.push_back({Letter::Kind::actions, actions, actionText(actions)});
+  }
+  letters.push_back({Letter::Kind::time, {}, "time"});
+  if (o.restarts) {
+    for (const auto& m : family.machines()) {
+      std::vector<Action> a{restartAction(m)};
+      letters.push_back({Letter::Kind::restart, a, actionText(a)});
+    }
+    std::vector<Action> a{restartAction("agent")};
+    letters.push_back({Letter::Kind::restart, a, actionText(a)});
+  }
+  r.letters = letters.size();
+
+  auto textOf = [&](const std::vector<std::uint32_t>& seq) {
+    std::vector<std::string> out;
+    for (std::uint32_t i : seq) out.push_back(letters[i].text);
+    return out;
+  };
+  auto fail = [&](std::vector<std::uint32_t> seq, CheckFailure f) {
+    ExploreReport::Failure failure{textOf(seq), std::move(f), ""};
+    try {
+      Scenario s = scenarioOf(families, world, letters, seq);
+      const std::string path =
+          o.outDir + "/explore-" + r.family + "-" + world.name + ".yaml";
+      std::ofstream out(path);
+      out << scenarioText(s, "# Found by oba-evpn-sim explore --family " + r.family +
+                                 " --world " + world.name + ": the shortest sequence that\n" +
+                                 "# breaks a check. Replay with oba-evpn-sim --check.\n");
+      if (out) failure.scenarioPath = path;
+    } catch (const std::exception&) {
+    }
+    r.failure = std::move(failure);
+  };
+  auto note = [&](const Outcome& out, const std::vector<std::uint32_t>& seq) {
+    if (out.unreadable && !r.unreadable) r.firstUnreadable = out.firstUnreadable;
+    r.unreadable = std::max<std::uint64_t>(r.unreadable, out.unreadable);
+    for (const auto& [name, n] : out.allowances) {
+      if (!n) continue;
+      auto& a = r.allowances[name];
+      if (!a.states++) a.shortest = textOf(seq);
+    }
+  };
+
+  // Depth 0: the agent started over the world.
+  std::unordered_set<StateDigest, DigestHash> seen;
+  std::vector<std::vector<std::uint32_t>> frontier{{}};
+  {
+    Run run(families, world);
+    Outcome out = run.outcome();
+    ++r.sequences;
+    seen.insert(out.digest);
+    note(out, {});
+    if (out.failure) {
+      fail({}, *out.failure);
+      r.states = seen.size();
+      return r;
+    }
+  }
+  for (std::uint32_t depth = 1; depth <= o.depth && !frontier.empty(); ++depth) {
+    std::vector<Outcome> outs = expand(families, world, letters, frontier, o.jobs, &r.sequences);
+    std::vector<std::vector<std::uint32_t>> next;
+    for (std::size_t k = 0; k < outs.size(); ++k) {
+      std::vector<std::uint32_t> seq = frontier[k / letters.size()];
+      seq.push_back(static_cast<std::uint32_t>(k % letters.size()));
+      if (outs[k].failure) {
+        fail(seq, *outs[k].failure);
+        break;
+      }
+      if (!seen.insert(outs[k].digest).second) continue;
+      // A new state: its allowances and unreadable values, in full when a worker computed it.
+      if (o.jobs > 1 && outs.size() >= 64) {
+        Run run(families, world);
+        for (std::uint32_t i : seq) run.step(letters[i]);
+        outs[k] = run.outcome();
+      }
+      note(outs[k], seq);
+      next.push_back(std::move(seq));
+      if (seen.size() >= o.maxStates) {
+        r.complete = false;
+        break;
+      }
+    }
+    r.depth = depth;
+    if (progress) {
+      *progress << "explore " << r.family << "/" << r.world << ": depth " << depth << ", "
+                << seen.size() << " states, " << r.sequences << " sequences" << std::endl;
+    }
+    if (r.failure || !r.complete) break;
+    frontier = std::move(next);
+  }
+  if (!r.complete || r.failure) r.depth = r.depth ? r.depth - 1 : 0;
+  r.states = seen.size();
+  r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  return r;
+}
+
+}  // namespace
+
+ExploreWorld worldOf(std::string name, std::string description,
+                     const std::vector<std::string>& initial,
+                     const std::vector<std::string>& alphabet) {
+  ExploreWorld w{std::move(name), std::move(description), {}, {}};
+  for (const auto& t : initial) w.initial.push_back(actionOf(t));
+  for (const auto& t : alphabet) {
+    std::vector<Action> step;
+    for (std::size_t from = 0;;) {
+      const std::size_t plus = t.find(" + ", from);
+      step.push_back(actionOf(t.substr(from, plus == std::string::npos ? plus : plus - from)));
+      if (plus == std::string::npos) break;
+      from = plus + 3;
+    }
+    w.alphabet.push_back(std::move(step));
+  }
+  return w;
+}
+
+std::vector<ExploreReport> explore(const ExploreOptions& o, std::ostream* progress,
+                                   const Families& families) {
+  std::vector<ExploreReport> out;
+  for (const Family* f : families) {
+    if (!o.family.empty() && f->name() != o.family) continue;
+    for (const ExploreWorld& w : f->exploreWorlds()) {
+      if (!o.world.empty() && w.name != o.world) continue;
+      out.push_back(exploreWorld(*f, w, o, progress, families));
+      if (out.back().failure) return out;
+    }
+  }
+  return out;
+}
+
+}  // namespace Sim
