@@ -68,7 +68,7 @@ struct Outcome {
   bool quiet = false;
   std::uint64_t unreadable = 0;
   std::string firstUnreadable;
-  Counters allowances;                 // the checks' allowed differences, in a quiet state
+  Counters allowances;                  // the checks' allowed differences, in a quiet state
   std::optional<CheckFailure> failure;  // the ledger after a step, or a check in a quiet state
 };
 
@@ -131,6 +131,7 @@ class Run {
   }
 
   double now() const { return agent_.now(); }
+  const std::vector<std::unique_ptr<FamilyAgent>>& parts() const { return agent_.parts(); }
 
  private:
   SimLog log_;
@@ -138,9 +139,11 @@ class Run {
 };
 
 // The sequence as a scenario: each letter a step of its own at the time it was taken (time
-// letters move the next step's time on), ending with the checks expected to hold.
+// letters move the next step's time on), ending with the checks expected to hold; with
+// `tables`, also with every table as the run left it (an allowed difference as the chip has it).
 Scenario scenarioOf(const Families& families, const ExploreWorld& world,
-                    const std::vector<Letter>& letters, const std::vector<std::uint32_t>& seq) {
+                    const std::vector<Letter>& letters, const std::vector<std::uint32_t>& seq,
+                    bool tables = false) {
   Scenario s;
   s.name = "explored in world " + world.name;
   s.initial = world.initial;
@@ -161,8 +164,60 @@ Scenario scenarioOf(const Families& families, const ExploreWorld& world,
     st.note = "time moves on to the next due task";
     s.steps.push_back(std::move(st));
   }
-  s.steps.back().expectations.push_back({.name = "checks", .lines = {}});
+  auto& expect = s.steps.back().expectations;
+  if (tables) {
+    for (const auto& part : run.parts()) {
+      for (auto& [table, lines] : part->finalExpectations()) {
+        expect.push_back({.name = table, .lines = std::move(lines)});
+      }
+    }
+  }
+  expect.push_back({.name = "checks", .lines = {}});
   return s;
+}
+
+// An outcome through a pipe, as a worker writes it and the parent reads it back.
+void writeText(FILE* f, const std::string& t) {
+  const std::uint32_t n = static_cast<std::uint32_t>(t.size());
+  std::fwrite(&n, sizeof n, 1, f);
+  std::fwrite(t.data(), 1, n, f);
+}
+bool readText(FILE* f, std::string& t) {
+  std::uint32_t n = 0;
+  if (std::fread(&n, sizeof n, 1, f) != 1) return false;
+  t.resize(n);
+  return std::fread(t.data(), 1, n, f) == n;
+}
+void writeOutcome(FILE* f, const Outcome& o) {
+  const std::uint64_t head[5] = {o.digest.first, o.digest.second, o.quiet, o.failure.has_value(),
+                                 o.unreadable};
+  std::fwrite(head, sizeof head, 1, f);
+  writeText(f, o.firstUnreadable);
+  const std::uint64_t count = o.allowances.size();
+  std::fwrite(&count, sizeof count, 1, f);
+  for (const auto& [name, v] : o.allowances) {
+    writeText(f, name);
+    std::fwrite(&v, sizeof v, 1, f);
+  }
+}
+bool readOutcome(FILE* f, Outcome& o, bool& failed) {
+  std::uint64_t head[5];
+  if (std::fread(head, sizeof head, 1, f) != 1) return false;
+  o.digest = {head[0], head[1]};
+  o.quiet = head[2] != 0;
+  failed = head[3] != 0;
+  o.unreadable = head[4];
+  std::uint64_t count = 0;
+  if (!readText(f, o.firstUnreadable) || std::fread(&count, sizeof count, 1, f) != 1) {
+    return false;
+  }
+  for (std::uint64_t i = 0; i < count; ++i) {
+    std::string name;
+    std::uint64_t v = 0;
+    if (!readText(f, name) || std::fread(&v, sizeof v, 1, f) != 1) return false;
+    o.allowances[name] = v;
+  }
+  return true;
 }
 
 // The outcomes of expanding every state of the frontier by every letter, in (state, letter)
@@ -187,12 +242,9 @@ std::vector<Outcome> expand(const Families& families, const ExploreWorld& world,
     for (std::size_t k = 0; k < n; ++k) out[k] = one(k);
     return out;
   }
-  // Each worker takes every jobs-th expansion and writes back its digests, quiet flags and
-  // whether it failed; the parent recomputes the few outcomes it needs in full.
-  struct Brief {
-    StateDigest digest;
-    std::uint8_t quiet, failed;
-  };
+  // Each worker takes every jobs-th expansion and writes back its outcome: the digest, whether
+  // it was quiet, its allowances and unreadable values, and whether it failed (the parent replays
+  // a failure for its lines).
   std::vector<int> fds;
   std::vector<pid_t> pids;
   for (std::uint32_t j = 0; j < jobs; ++j) {
@@ -201,42 +253,37 @@ std::vector<Outcome> expand(const Families& families, const ExploreWorld& world,
     const pid_t pid = fork();
     if (pid == 0) {
       close(p[0]);
+      FILE* to = fdopen(p[1], "wb");
       for (std::size_t k = j; k < n; k += jobs) {
-        Outcome o = one(k);
-        Brief b{o.digest, o.quiet, o.failure.has_value()};
-        if (write(p[1], &b, sizeof b) != sizeof b) _exit(3);
+        writeOutcome(to, one(k));
       }
-      _exit(0);
+      _exit(std::fclose(to) == 0 ? 0 : 3);
     }
     close(p[1]);
     fds.push_back(p[0]);
     pids.push_back(pid);
   }
-  std::vector<Brief> briefs(n);
-  for (std::uint32_t j = 0; j < jobs; ++j) {
-    FILE* in = fdopen(fds[j], "rb");
-    for (std::size_t k = j; k < n; k += jobs) {
-      if (fread(&briefs[k], sizeof(Brief), 1, in) != 1) {
-        throw std::runtime_error("explore: a worker ended early");
-      }
+  // Read in the order of the expansions, a record from each worker in turn, so that none waits
+  // on a full pipe while another is read.
+  std::vector<FILE*> from;
+  for (int fd : fds) from.push_back(fdopen(fd, "rb"));
+  for (std::size_t k = 0; k < n; ++k) {
+    bool failed = false;
+    if (!readOutcome(from[k % jobs], out[k], failed)) {
+      throw std::runtime_error("explore: a worker ended early");
     }
-    fclose(in);
+    if (failed) out[k] = one(k);
+  }
+  for (std::uint32_t j = 0; j < jobs; ++j) {
+    std::fclose(from[j]);
     int status = 0;
     waitpid(pids[j], &status, 0);
-  }
-  for (std::size_t k = 0; k < n; ++k) {
-    out[k].digest = briefs[k].digest;
-    out[k].quiet = briefs[k].quiet;
-    // What only a full outcome carries (allowances, failures, unreadable values) is recomputed
-    // for the expansions that reach a state not met before: the caller asks through `full`.
-    if (briefs[k].failed) out[k] = one(k);
   }
   return out;
 }
 
-ExploreReport exploreWorld(const Family& family, const ExploreWorld& world,
-                           const ExploreOptions& o, std::ostream* progress,
-                           const Families& all) {
+ExploreReport exploreWorld(const Family& family, const ExploreWorld& world, const ExploreOptions& o,
+                           std::ostream* progress, const Families& all) {
   const auto start = std::chrono::steady_clock::now();
   const Families families = familiesFor(family, all);
   ExploreReport r;
@@ -267,11 +314,10 @@ ExploreReport exploreWorld(const Family& family, const ExploreWorld& world,
     ExploreReport::Failure failure{textOf(seq), std::move(f), ""};
     try {
       Scenario s = scenarioOf(families, world, letters, seq);
-      const std::string path =
-          o.outDir + "/explore-" + r.family + "-" + world.name + ".yaml";
+      const std::string path = o.outDir + "/explore-" + r.family + "-" + world.name + ".yaml";
       std::ofstream out(path);
-      out << scenarioText(s, "# Found by oba-evpn-sim explore --family " + r.family +
-                                 " --world " + world.name + ": the shortest sequence that\n" +
+      out << scenarioText(s, "# Found by oba-evpn-sim explore --family " + r.family + " --world " +
+                                 world.name + ": the shortest sequence that\n" +
                                  "# breaks a check. Replay with oba-evpn-sim --check.\n");
       if (out) failure.scenarioPath = path;
     } catch (const std::exception&) {
@@ -314,12 +360,6 @@ ExploreReport exploreWorld(const Family& family, const ExploreWorld& world,
         break;
       }
       if (!seen.insert(outs[k].digest).second) continue;
-      // A new state: its allowances and unreadable values, in full when a worker computed it.
-      if (o.jobs > 1 && outs.size() >= 64) {
-        Run run(families, world);
-        for (std::uint32_t i : seq) run.step(letters[i]);
-        outs[k] = run.outcome();
-      }
       note(outs[k], seq);
       next.push_back(std::move(seq));
       if (seen.size() >= o.maxStates) {
@@ -334,6 +374,32 @@ ExploreReport exploreWorld(const Family& family, const ExploreWorld& world,
     }
     if (r.failure || !r.complete) break;
     frontier = std::move(next);
+  }
+  if (o.writeAllowances && !r.failure) {
+    for (auto& [name, a] : r.allowances) {
+      std::vector<std::uint32_t> seq;
+      for (const auto& text : a.shortest) {
+        for (std::uint32_t i = 0; i < letters.size(); ++i) {
+          if (letters[i].text == text) {
+            seq.push_back(i);
+            break;
+          }
+        }
+      }
+      Scenario s = scenarioOf(families, world, letters, seq, true);
+      s.name =
+          "the shortest sequence that leaves " + name + " (" + r.family + "/" + world.name + ")";
+      s.description = "The explorer's shortest sequence of the " + world.name +
+                      " world's steps after which the " + r.family + " checks allow " + name +
+                      ", a documented difference between the chip and what the inputs call for. "
+                      "The tables are expected as it leaves them.";
+      const std::string path = o.outDir + "/explore-" + r.family + "-" + name + ".yaml";
+      std::ofstream out(path);
+      out << scenarioText(s, "# Written by oba-evpn-sim explore --family " + r.family +
+                                 " --world " + world.name + " --write-allowances: the shortest\n" +
+                                 "# sequence after which the checks allow " + name + ".\n");
+      if (out) a.scenarioPath = path;
+    }
   }
   if (!r.complete || r.failure) r.depth = r.depth ? r.depth - 1 : 0;
   r.states = seen.size();

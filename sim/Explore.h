@@ -38,16 +38,19 @@ struct ExploreOptions {
   std::uint32_t jobs = 1;             // processes that replay the sequences of one depth
   bool restarts = true;               // restarts are among the steps
   std::string outDir = ".";           // where a failing sequence's scenario file goes
+  // Also write, for each allowed difference, its shortest sequence as a scenario that expects
+  // the tables as it leaves them.
+  bool writeAllowances = false;
 };
 
 struct ExploreReport {
   std::string family;
   std::string world;
-  std::uint32_t depth = 0;      // the depth every sequence was explored to
-  bool complete = true;         // false: stopped at maxStates before reaching the depth
-  std::uint64_t states = 0;     // distinct states met
-  std::uint64_t sequences = 0;  // sequences run
-  std::uint64_t letters = 0;    // steps in the world's alphabet, time and restarts included
+  std::uint32_t depth = 0;       // the depth every sequence was explored to
+  bool complete = true;          // false: stopped at maxStates before reaching the depth
+  std::uint64_t states = 0;      // distinct states met
+  std::uint64_t sequences = 0;   // sequences run
+  std::uint64_t letters = 0;     // steps in the world's alphabet, time and restarts included
   std::uint64_t unreadable = 0;  // values the digest could not read (merges may be unsafe)
   std::string firstUnreadable;
   double seconds = 0;
@@ -56,6 +59,7 @@ struct ExploreReport {
   struct Allowance {
     std::uint64_t states = 0;
     std::vector<std::string> shortest;
+    std::string scenarioPath;  // with writeAllowances
   };
   std::map<std::string, Allowance> allowances;
   struct Failure {

@@ -33,6 +33,8 @@ options:
   --jobs J           processes replaying the sequences of each depth (default 1)
   --no-restarts      restarts are not among the steps
   --out DIR          where a failing sequence's scenario goes (default .; checked first)
+  --write-allowances also write each allowed difference's shortest sequence there, as a
+                     scenario that expects the tables it leaves
   --list             the families' worlds, with their steps, and exit
   --progress         a line per depth on standard error (default: when it is a terminal)
 )";
@@ -76,7 +78,8 @@ void printList(std::ostream& os, const Families& families) {
 void printReports(std::ostream& os, const std::vector<ExploreReport>& reports) {
   os << std::left << std::setw(28) << "world" << std::right << std::setw(8) << "steps"
      << std::setw(7) << "depth" << std::setw(11) << "states" << std::setw(12) << "sequences"
-     << std::setw(10) << "seconds" << "\n";
+     << std::setw(10) << "seconds"
+     << "\n";
   std::uint64_t states = 0, sequences = 0;
   double seconds = 0;
   for (const auto& r : reports) {
@@ -86,8 +89,8 @@ void printReports(std::ostream& os, const std::vector<ExploreReport>& reports) {
     secs << r.seconds;
     os << std::left << std::setw(28) << (r.family + "/" + r.world) << std::right << std::setw(8)
        << r.letters << std::setw(7) << (std::to_string(r.depth) + (r.complete ? "" : "+"))
-       << std::setw(11) << r.states << std::setw(12) << r.sequences << std::setw(10)
-       << secs.str() << "\n";
+       << std::setw(11) << r.states << std::setw(12) << r.sequences << std::setw(10) << secs.str()
+       << "\n";
     states += r.states;
     sequences += r.sequences;
     seconds += r.seconds;
@@ -97,7 +100,8 @@ void printReports(std::ostream& os, const std::vector<ExploreReport>& reports) {
   for (const auto& r : reports) {
     for (const auto& [name, a] : r.allowances) {
       os << "allowed " << r.family << "/" << r.world << " " << name << ": " << a.states
-         << " states; shortest: " << joined(a.shortest) << "\n";
+         << " states; shortest: " << joined(a.shortest)
+         << (a.scenarioPath.empty() ? "" : " (written: " + a.scenarioPath + ")") << "\n";
     }
     if (r.unreadable) {
       os << "warning: " << r.family << "/" << r.world << ": " << r.unreadable
@@ -156,7 +160,8 @@ int exploreMain(int argc, char** argv) {
     std::uint64_t n = 0;
     if (a == "--help" || a == "-h") {
       std::cout << exploreUsage;
-      for (const auto& c : canaries) std::cout << "  " << c.name << " " << c.arg << "  " << c.help << "\n";
+      for (const auto& c : canaries)
+        std::cout << "  " << c.name << " " << c.arg << "  " << c.help << "\n";
       std::cout << "\nexit status: 0 every world held, 1 a world failed, 2 bad arguments\n";
       return 0;
     } else if (a == "--list") {
@@ -168,8 +173,8 @@ int exploreMain(int argc, char** argv) {
         return f->name() == o.family && !f->exploreWorlds().empty();
       });
       if (!known) {
-        std::cerr << "oba-evpn-sim explore: --family names no family with worlds, got '"
-                  << o.family << "'\n";
+        std::cerr << "oba-evpn-sim explore: --family names no family with worlds, got '" << o.family
+                  << "'\n";
         return 2;
       }
     } else if (a == "--world") {
@@ -184,6 +189,8 @@ int exploreMain(int argc, char** argv) {
       o.jobs = static_cast<std::uint32_t>(std::min<std::uint64_t>(n, 64));
     } else if (a == "--no-restarts") {
       o.restarts = false;
+    } else if (a == "--write-allowances") {
+      o.writeAllowances = true;
     } else if (a == "--progress") {
       progress = true;
     } else if (a == "--out") {
@@ -191,7 +198,8 @@ int exploreMain(int argc, char** argv) {
     } else if (auto c = std::find_if(canaries.begin(), canaries.end(),
                                      [&](const FuzzFlag& f) { return f.name == a; });
                c != canaries.end()) {
-      const std::string why = i + 1 >= argc ? "needs " + c->arg : c->set(argv[i + 1], canaryOptions);
+      const std::string why =
+          i + 1 >= argc ? "needs " + c->arg : c->set(argv[i + 1], canaryOptions);
       if (!why.empty()) {
         std::cerr << "oba-evpn-sim explore: " << a << " " << why << got(i + 1) << "\n";
         return 2;

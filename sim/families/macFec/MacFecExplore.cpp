@@ -10,7 +10,8 @@ std::vector<ExploreWorld> macFecWorlds() {
       worldOf("chains",
               "two destinations, two labels over them and a load balance over both; hosts move "
               "between a label and the load balance, a label's destination changes, objects go "
-              "and come back, a host comes while its label's row is torn, and the row is written again, the chip has one free hardware "
+              "and come back, a host comes while its label's row is torn, and the row is written "
+              "again, the chip has one free hardware "
               "FEC id, refuses an answer once and takes one back",
               {"fecChipCapacity: 1", "dest: {id: 1, tunnel: DynTunnel1.1}",
                "dest: {id: 2, tunnel: DynTunnel1.2}", "label: {id: 1, mpls: 1001, next: dest/1}",

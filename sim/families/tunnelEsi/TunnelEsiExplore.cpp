@@ -25,18 +25,17 @@ std::vector<ExploreWorld> tunnelEsiWorlds() {
                "lag: {lag: Port-Channel1, members: [Ethernet1, Ethernet2]}",
                "remoteEsiLabel: {segment: Port-Channel1, tep: DynTunnel1.1, label: mpls:1011}",
                "chipRefuse: {op: createEsiData, port: Ethernet2, times: 1}"}),
-      worldOf("labels",
-              "one segment on a plain port with one VLAN's designated forwarder; its local and "
-              "remote ESI labels come, change and go, and the pool grows from none to one id",
-              {"chipPool: 0",
-               "designatedForwarder: {segment: Ethernet1, vlan: 10, tep: DynTunnel1.1}"},
-              {"localEsiLabel: {segment: Ethernet1, label: mpls:2001}",
-               "localEsiLabel: {segment: Ethernet1, label: mpls:2002}",
-               "localEsiLabelDel: Ethernet1",
-               "remoteEsiLabel: {segment: Ethernet1, tep: DynTunnel1.1, label: mpls:1001}",
-               "remoteEsiLabel: {segment: Ethernet1, tep: DynTunnel1.1, label: mpls:1002}",
-               "remoteEsiLabelDel: {segment: Ethernet1, tep: DynTunnel1.1}", "chipPool: 1",
-               "designatedForwarderDel: {segment: Ethernet1, vlan: 10}"}),
+      worldOf(
+          "labels",
+          "one segment on a plain port with one VLAN's designated forwarder; its local and "
+          "remote ESI labels come, change and go, and the pool grows from none to one id",
+          {"chipPool: 0", "designatedForwarder: {segment: Ethernet1, vlan: 10, tep: DynTunnel1.1}"},
+          {"localEsiLabel: {segment: Ethernet1, label: mpls:2001}",
+           "localEsiLabel: {segment: Ethernet1, label: mpls:2002}", "localEsiLabelDel: Ethernet1",
+           "remoteEsiLabel: {segment: Ethernet1, tep: DynTunnel1.1, label: mpls:1001}",
+           "remoteEsiLabel: {segment: Ethernet1, tep: DynTunnel1.1, label: mpls:1002}",
+           "remoteEsiLabelDel: {segment: Ethernet1, tep: DynTunnel1.1}", "chipPool: 1",
+           "designatedForwarderDel: {segment: Ethernet1, vlan: 10}"}),
   };
 }
 
