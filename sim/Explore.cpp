@@ -15,6 +15,7 @@
 
 #include "Kiv/Assert.h"
 #include "Kiv/Digest.h"
+#include "Oba/ObaCommon.h"
 #include "sim/Fuzz.h"
 #include "sim/HostAgent.h"
 #include "sim/Scenario.h"
@@ -65,11 +66,10 @@ struct DigestHash {
 // What one sequence came to.
 struct Outcome {
   StateDigest digest{};
-  bool quiet = false;
   std::uint64_t unreadable = 0;
   std::string firstUnreadable;
-  Counters allowances;                  // the checks' allowed differences, in a quiet state
-  std::optional<CheckFailure> failure;  // the ledger after a step, or a check in a quiet state
+  Counters allowances;                  // the checks' allowed differences, once drained
+  std::optional<CheckFailure> failure;  // the ledger after a step, or a check once drained
 };
 
 // A fresh agent over the world, taken through a sequence of letters.
@@ -107,7 +107,10 @@ class Run {
     return std::nullopt;
   }
 
-  Outcome outcome() const {
+  // The state's digest; then, as the fuzzer does after a step, the reviews drained (within
+  // twenty retry intervals: a chip that keeps refusing leaves work parked) and every check. The
+  // run is spent after it: each sequence is replayed from a fresh agent.
+  Outcome outcome() {
     Outcome o;
     Kiv::Digest d;
     d.add(agent_.now());
@@ -117,14 +120,33 @@ class Run {
     o.digest = d.value();
     o.unreadable = d.opaque();
     o.firstUnreadable = d.firstOpaque();
-    o.quiet = true;
-    for (const auto& part : agent_.parts()) o.quiet = o.quiet && !part->busy();
-    if (o.quiet) {
-      for (const auto& part : agent_.parts()) {
-        if (auto f = part->check(&o.allowances)) {
-          o.failure = std::move(f);
-          break;
-        }
+    try {
+      const double start = agent_.now();
+      while (agent_.now() - start <= 20 * Oba::unprogrammedRetryIntervalDefault) {
+        bool busy = false;
+        for (const auto& part : agent_.parts()) busy = busy || part->busy();
+        auto due = agent_.scheduler->nextDueTime();
+        if (!busy || !due) break;
+        agent_.advanceTo(*due);
+      }
+    } catch (const Kiv::AssertionFailure& e) {
+      o.failure = CheckFailure{"abort", {e.what()}};
+      return o;
+    } catch (const std::exception& e) {
+      o.failure = CheckFailure{"exception", {e.what()}};
+      return o;
+    }
+    std::vector<std::string> ledger;
+    for (const auto& v : agent_.chip->violations()) ledger.push_back("violation: " + v.text);
+    for (const auto& part : agent_.parts()) part->ledger(ledger);
+    if (!ledger.empty()) {
+      o.failure = CheckFailure{"ledger", std::move(ledger)};
+      return o;
+    }
+    for (const auto& part : agent_.parts()) {
+      if (auto f = part->check(&o.allowances)) {
+        o.failure = std::move(f);
+        break;
       }
     }
     return o;
@@ -158,10 +180,12 @@ Scenario scenarioOf(const Families& families, const ExploreWorld& world,
     st.actions = l.actions;
     s.steps.push_back(std::move(st));
   }
+  // The checks hold once the reviews have drained: the last step is where the drain ended.
+  run.outcome();
   if (s.steps.empty() || s.steps.back().at != run.now()) {
     Step st;
     st.at = run.now();
-    st.note = "time moves on to the next due task";
+    st.note = "the reviews have drained";
     s.steps.push_back(std::move(st));
   }
   auto& expect = s.steps.back().expectations;
@@ -189,7 +213,7 @@ bool readText(FILE* f, std::string& t) {
   return std::fread(t.data(), 1, n, f) == n;
 }
 void writeOutcome(FILE* f, const Outcome& o) {
-  const std::uint64_t head[5] = {o.digest.first, o.digest.second, o.quiet, o.failure.has_value(),
+  const std::uint64_t head[4] = {o.digest.first, o.digest.second, o.failure.has_value(),
                                  o.unreadable};
   std::fwrite(head, sizeof head, 1, f);
   writeText(f, o.firstUnreadable);
@@ -201,12 +225,11 @@ void writeOutcome(FILE* f, const Outcome& o) {
   }
 }
 bool readOutcome(FILE* f, Outcome& o, bool& failed) {
-  std::uint64_t head[5];
+  std::uint64_t head[4];
   if (std::fread(head, sizeof head, 1, f) != 1) return false;
   o.digest = {head[0], head[1]};
-  o.quiet = head[2] != 0;
-  failed = head[3] != 0;
-  o.unreadable = head[4];
+  failed = head[2] != 0;
+  o.unreadable = head[3];
   std::uint64_t count = 0;
   if (!readText(f, o.firstUnreadable) || std::fread(&count, sizeof count, 1, f) != 1) {
     return false;
@@ -242,9 +265,9 @@ std::vector<Outcome> expand(const Families& families, const ExploreWorld& world,
     for (std::size_t k = 0; k < n; ++k) out[k] = one(k);
     return out;
   }
-  // Each worker takes every jobs-th expansion and writes back its outcome: the digest, whether
-  // it was quiet, its allowances and unreadable values, and whether it failed (the parent replays
-  // a failure for its lines).
+  // Each worker takes every jobs-th expansion and writes back its outcome: the digest, its
+  // allowances and unreadable values, and whether it failed (the parent replays a failure for
+  // its lines).
   std::vector<int> fds;
   std::vector<pid_t> pids;
   for (std::uint32_t j = 0; j < jobs; ++j) {

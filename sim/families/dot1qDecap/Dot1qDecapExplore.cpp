@@ -24,7 +24,8 @@ std::vector<ExploreWorld> dot1qDecapWorlds() {
       worldOf("decap",
               "two label routes through one via set to a filter via on a LAG, room for one ESI "
               "port map; the filter via moves to a plain port and goes, routes come and go, the "
-              "chip refuses a port map once",
+              "via set points at another type of via, the chip refuses a port map once (with a "
+              "code it defines or one it does not)",
               {"chipTables: {dot1q: 4096, portMaps: 1}",
                "lag: {lag: Port-Channel1, members: [Ethernet1, Ethernet2]}",
                "filterVia: {index: 1, intf: Port-Channel1}", "viaSet: {set: 1, type: 6, index: 1}",
@@ -33,7 +34,9 @@ std::vector<ExploreWorld> dot1qDecapWorlds() {
                "route: {label: 1001, viaSet: 1}", "filterVia: {index: 1, intf: Ethernet3}",
                "filterViaDel: 1", "filterVia: {index: 1, intf: Port-Channel1}", "viaSetDel: 1",
                "viaSet: {set: 1, type: 6, index: 1}",
-               "chipRefuse: {op: createEsiPortMap, port: Port-Channel1, times: 1}"}),
+               "chipRefuse: {op: createEsiPortMap, port: Port-Channel1, times: 1}",
+               "chipRefuse: {op: createEsiPortMap, port: Port-Channel1, times: 1, rc: 7}",
+               "viaSet: {set: 1, type: 1, index: 1}"}),
   };
 }
 
