@@ -16,7 +16,6 @@
 #include "Kiv/Assert.h"
 #include "Kiv/Digest.h"
 #include "Oba/ObaCommon.h"
-#include "sim/Fuzz.h"
 #include "sim/HostAgent.h"
 #include "sim/Scenario.h"
 #include "sim/ScenarioWriter.h"
