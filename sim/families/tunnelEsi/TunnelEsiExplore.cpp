@@ -10,7 +10,8 @@ std::vector<ExploreWorld> tunnelEsiWorlds() {
       worldOf("df-move",
               "a LAG of two ports and a plain port, both segments of one VLAN; two remote "
               "endpoints, a chip with one free hardware tunnel id; the designated forwarder moves, "
-              "goes and comes back, a LAG member leaves, the chip refuses an ESI create once, or a port's for good",
+              "goes and comes back, a LAG member leaves, the chip refuses an ESI create once, or a "
+              "port's for good",
               {"chipPool: 1", "lag: {lag: Port-Channel1, members: [Ethernet1, Ethernet2]}",
                "localEsiLabel: {segment: Port-Channel1, label: mpls:2001}",
                "remoteEsiLabel: {segment: Port-Channel1, tep: DynTunnel1.1, label: mpls:1001}",
@@ -29,16 +30,16 @@ std::vector<ExploreWorld> tunnelEsiWorlds() {
       worldOf(
           "labels",
           "one segment on a plain port with one VLAN's designated forwarder; its local and "
-          "remote ESI labels come, change (the remote one to another encapsulation too) and go, and the pool grows from none to one id",
+          "remote ESI labels come, change (the remote one to another encapsulation too) and go, "
+          "and the pool grows from none to one id",
           {"chipPool: 0", "designatedForwarder: {segment: Ethernet1, vlan: 10, tep: DynTunnel1.1}"},
           {"localEsiLabel: {segment: Ethernet1, label: mpls:2001}",
            "localEsiLabel: {segment: Ethernet1, label: mpls:2002}", "localEsiLabelDel: Ethernet1",
            "remoteEsiLabel: {segment: Ethernet1, tep: DynTunnel1.1, label: mpls:1001}",
            "remoteEsiLabel: {segment: Ethernet1, tep: DynTunnel1.1, label: mpls:1002}",
            "remoteEsiLabelDel: {segment: Ethernet1, tep: DynTunnel1.1}",
-               "remoteEsiLabel: {segment: Ethernet1, tep: DynTunnel1.1, label: vxlan:5001}",
-               "chipPool: 1",
-           "designatedForwarderDel: {segment: Ethernet1, vlan: 10}"}),
+           "remoteEsiLabel: {segment: Ethernet1, tep: DynTunnel1.1, label: vxlan:5001}",
+           "chipPool: 1", "designatedForwarderDel: {segment: Ethernet1, vlan: 10}"}),
   };
 }
 
