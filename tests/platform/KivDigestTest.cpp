@@ -9,32 +9,34 @@
 
 namespace {
 
-struct Port : Kiv::PtrInterface {
-  explicit Port(int id) : id_(id) {}
+// The registry knows a class by its type name, and a class in an unnamed namespace shares its
+// name with another test's class of that name: these names are the test's own.
+struct DigestedPort : Kiv::PtrInterface {
+  explicit DigestedPort(int id) : id_(id) {}
   KIV_COLLECTION(vlan, int, bool)
   KIV_SCALAR(speed, std::uint32_t, 0)
   int id_;
 };
 
-struct Status {
-  explicit Status(int) {}
+struct DigestedStatus {
+  explicit DigestedStatus(int) {}
   KIV_SMALL_COLLECTION(programmed, int, bool, 2)
 };
 
 // The marks take no room: a value kept per pair by the hundred thousand stays its size.
-static_assert(sizeof(Status) == sizeof(Kiv::SmallMap<int, bool, 2>));
+static_assert(sizeof(DigestedStatus) == sizeof(Kiv::SmallMap<int, bool, 2>));
 
-struct Switch : Kiv::Entity<Switch> {
-  KIV_CHILD_COLLECTION(port, int, Port)
+struct DigestedSwitch : Kiv::Entity<DigestedSwitch> {
+  KIV_CHILD_COLLECTION(port, int, DigestedPort)
   KIV_ORDERED_COLLECTION(queue, int, bool)
-  KIV_ROWS(pair, int, std::string, Status)
+  KIV_ROWS(pair, int, std::string, DigestedStatus)
   KIV_ROW_COLLECTION(tag, pair, 0)
   KIV_ROW_CHILD_COLLECTION(status, pair, 1)
   KIV_SCALAR(initialized, bool, false)
   KIV_SCALAR(interval, double, 1.0)
 };
 
-std::pair<std::uint64_t, std::uint64_t> digest(const Switch& s) {
+std::pair<std::uint64_t, std::uint64_t> digest(const DigestedSwitch& s) {
   Kiv::Digest d;
   Kiv::digestOf(s, d);
   EXPECT_EQ(d.opaque(), 0u) << d.firstOpaque();
@@ -44,7 +46,7 @@ std::pair<std::uint64_t, std::uint64_t> digest(const Switch& s) {
 // Two switches built by different paths: equal digests exactly when every attribute, however
 // deep, agrees; a walk order that differs is a difference.
 TEST(KivDigest, EveryDeclaredAttributeIsInTheDigest) {
-  Kiv::Ptr<Switch> a(new Switch), b(new Switch);
+  Kiv::Ptr<DigestedSwitch> a(new DigestedSwitch), b(new DigestedSwitch);
   EXPECT_EQ(digest(*a), digest(*b));
 
   // A value deep in a child entity.
@@ -67,9 +69,9 @@ TEST(KivDigest, EveryDeclaredAttributeIsInTheDigest) {
   // Rows: a field of the row, and a port inside a row's value.
   a->tagIs(7, "x");
   b->tagIs(7, "x");
-  a->statusEdit(7, [](Status& s) { s.programmedIs(3, true); });
+  a->statusEdit(7, [](DigestedStatus& s) { s.programmedIs(3, true); });
   EXPECT_NE(digest(*a), digest(*b));
-  b->statusEdit(7, [](Status& s) { s.programmedIs(3, true); });
+  b->statusEdit(7, [](DigestedStatus& s) { s.programmedIs(3, true); });
   EXPECT_EQ(digest(*a), digest(*b));
 
   // The same keys inserted in another order walk in another order: not the same state.
@@ -95,20 +97,20 @@ TEST(KivDigest, EveryDeclaredAttributeIsInTheDigest) {
 }
 
 // A value the digest cannot read is counted, so that a caller knows its merges are not safe.
-struct Opaque {
+struct DigestedOpaque {
   int x = 0;
 };
-struct Holder : Kiv::PtrInterface {
-  KIV_COLLECTION(thing, int, Opaque)
+struct DigestedHolder : Kiv::PtrInterface {
+  KIV_COLLECTION(thing, int, DigestedOpaque)
 };
 
 TEST(KivDigest, AValueItCannotReadIsCountedAsOpaque) {
-  Kiv::Ptr<Holder> h(new Holder);
-  h->thingIs(1, Opaque{});
+  Kiv::Ptr<DigestedHolder> h(new DigestedHolder);
+  h->thingIs(1, DigestedOpaque{});
   Kiv::Digest d;
   Kiv::digestOf(*h, d);
   EXPECT_EQ(d.opaque(), 1u);
-  EXPECT_NE(d.firstOpaque().find("Opaque"), std::string::npos);
+  EXPECT_NE(d.firstOpaque().find("DigestedOpaque"), std::string::npos);
 }
 
 }  // namespace
