@@ -6,40 +6,19 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
-#include <exception>
 #include <fstream>
-#include <sstream>
+#include <map>
 #include <unordered_set>
 #include <utility>
 
-#include "Kiv/Assert.h"
-#include "Kiv/Digest.h"
-#include "Oba/ObaCommon.h"
-#include "sim/HostAgent.h"
-#include "sim/Scenario.h"
+#include "sim/ExploreRun.h"
 #include "sim/ScenarioWriter.h"
 
 namespace Sim {
 
 namespace {
 
-// One step of the alphabet: a family's action, time moving on to the next due task, or a
-// restart.
-struct Letter {
-  enum class Kind { actions, time, restart } kind;
-  std::vector<Action> actions;  // the family's actions, or the restart as an action
-  std::string text;             // as a scenario file writes them (joined by " + "), or "time"
-};
-
-std::string actionText(const std::vector<Action>& actions) {
-  std::ostringstream os;
-  for (std::size_t i = 0; i < actions.size(); ++i) {
-    if (i) os << " + ";
-    actions[i].body->write(os);
-  }
-  return os.str();
-}
+using namespace exploring;
 
 // The families an agent for `family` needs: those it builds on, then itself, in registration
 // order.
@@ -57,146 +36,11 @@ Families familiesFor(const Family& family, const Families& all) {
   return out;
 }
 
-using StateDigest = std::pair<std::uint64_t, std::uint64_t>;
-struct DigestHash {
-  std::size_t operator()(const StateDigest& d) const { return d.first ^ (d.second * 31); }
-};
-
-// What one sequence came to.
-struct Outcome {
-  StateDigest digest{};
-  std::uint64_t unreadable = 0;
-  std::string firstUnreadable;
-  Counters allowances;                  // the checks' allowed differences, once drained
-  std::optional<CheckFailure> failure;  // the ledger after a step, or a check once drained
-};
-
-// A fresh agent over the world, taken through a sequence of letters.
-class Run {
- public:
-  Run(const Families& families, const ExploreWorld& world) : agent_(&log_, families) {
-    agent_.chip->callListenerIs(nullptr);
-    for (const Action& a : world.initial) agent_.apply(a);
-    agent_.start();
-    agent_.scheduler->runDue();
-  }
-
-  // Applies the letter; answers what the ledger says after it (a failure ends the sequence).
-  std::optional<CheckFailure> step(const Letter& l) {
-    try {
-      switch (l.kind) {
-        case Letter::Kind::time:
-          if (auto due = agent_.scheduler->nextDueTime()) agent_.advanceTo(*due);
-          break;
-        case Letter::Kind::actions:
-        case Letter::Kind::restart:
-          for (const Action& a : l.actions) agent_.apply(a);
-          agent_.scheduler->runDue();
-          break;
-      }
-    } catch (const Kiv::AssertionFailure& e) {
-      return CheckFailure{"abort", {e.what()}};
-    } catch (const std::exception& e) {
-      return CheckFailure{"exception", {e.what()}};
-    }
-    std::vector<std::string> ledger;
-    for (const auto& v : agent_.chip->violations()) ledger.push_back("violation: " + v.text);
-    for (const auto& part : agent_.parts()) part->ledger(ledger);
-    if (!ledger.empty()) return CheckFailure{"ledger", std::move(ledger)};
-    return std::nullopt;
-  }
-
-  // The state's digest; then, as the fuzzer does after a step, the reviews drained (within
-  // twenty retry intervals: a chip that keeps refusing leaves work parked) and every check. The
-  // run is spent after it: each sequence is replayed from a fresh agent.
-  Outcome outcome() {
-    Outcome o;
-    Kiv::Digest d;
-    d.add(agent_.now());
-    d.add(agent_.scheduler->dueTimes());
-    agent_.chip->digest(d);
-    for (const auto& part : agent_.parts()) part->digest(d);
-    o.digest = d.value();
-    o.unreadable = d.opaque();
-    o.firstUnreadable = d.firstOpaque();
-    try {
-      const double start = agent_.now();
-      while (agent_.now() - start <= 20 * Oba::unprogrammedRetryIntervalDefault) {
-        bool busy = false;
-        for (const auto& part : agent_.parts()) busy = busy || part->busy();
-        auto due = agent_.scheduler->nextDueTime();
-        if (!busy || !due) break;
-        agent_.advanceTo(*due);
-      }
-    } catch (const Kiv::AssertionFailure& e) {
-      o.failure = CheckFailure{"abort", {e.what()}};
-      return o;
-    } catch (const std::exception& e) {
-      o.failure = CheckFailure{"exception", {e.what()}};
-      return o;
-    }
-    std::vector<std::string> ledger;
-    for (const auto& v : agent_.chip->violations()) ledger.push_back("violation: " + v.text);
-    for (const auto& part : agent_.parts()) part->ledger(ledger);
-    if (!ledger.empty()) {
-      o.failure = CheckFailure{"ledger", std::move(ledger)};
-      return o;
-    }
-    for (const auto& part : agent_.parts()) {
-      if (auto f = part->check(&o.allowances)) {
-        o.failure = std::move(f);
-        break;
-      }
-    }
-    return o;
-  }
-
-  double now() const { return agent_.now(); }
-  const std::vector<std::unique_ptr<FamilyAgent>>& parts() const { return agent_.parts(); }
-
- private:
-  SimLog log_;
-  HostAgent agent_;
-};
-
-// The sequence as a scenario: each letter a step of its own at the time it was taken (time
-// letters move the next step's time on), ending with the checks expected to hold; with
-// `tables`, also with every table as the run left it (an allowed difference as the chip has it).
-Scenario scenarioOf(const Families& families, const ExploreWorld& world,
-                    const std::vector<Letter>& letters, const std::vector<std::uint32_t>& seq,
-                    bool tables = false) {
-  Scenario s;
-  s.name = "explored in world " + world.name;
-  s.initial = world.initial;
-  Run run(families, world);
-  for (std::uint32_t i : seq) {
-    const Letter& l = letters[i];
-    run.step(l);
-    if (l.kind == Letter::Kind::time) continue;
-    Step st;
-    st.at = run.now();
-    st.note = l.kind == Letter::Kind::restart ? "a restart" : "a step of the world";
-    st.actions = l.actions;
-    s.steps.push_back(std::move(st));
-  }
-  // The checks hold once the reviews have drained: the last step is where the drain ended.
-  run.outcome();
-  if (s.steps.empty() || s.steps.back().at != run.now()) {
-    Step st;
-    st.at = run.now();
-    st.note = "the reviews have drained";
-    s.steps.push_back(std::move(st));
-  }
-  auto& expect = s.steps.back().expectations;
-  if (tables) {
-    for (const auto& part : run.parts()) {
-      for (auto& [table, lines] : part->finalExpectations()) {
-        expect.push_back({.name = table, .lines = std::move(lines)});
-      }
-    }
-  }
-  expect.push_back({.name = "checks", .lines = {}});
-  return s;
+// A scenario file at `path`, with `comment` on top; false when it could not be written.
+bool writeScenario(const std::string& path, const Scenario& s, const std::string& comment) {
+  std::ofstream out(path);
+  out << scenarioText(s, comment);
+  return static_cast<bool>(out);
 }
 
 // An outcome through a pipe, as a worker writes it and the parent reads it back.
@@ -335,24 +179,29 @@ ExploreReport exploreWorld(const Family& family, const ExploreWorld& world, cons
   auto fail = [&](std::vector<std::uint32_t> seq, CheckFailure f) {
     ExploreReport::Failure failure{textOf(seq), std::move(f), ""};
     try {
-      Scenario s = scenarioOf(families, world, letters, seq);
       const std::string path = o.outDir + "/explore-" + r.family + "-" + world.name + ".yaml";
-      std::ofstream out(path);
-      out << scenarioText(s, "# Found by oba-evpn-sim explore --family " + r.family + " --world " +
-                                 world.name + ": the shortest sequence that\n" +
-                                 "# breaks a check. Replay with oba-evpn-sim --check.\n");
-      if (out) failure.scenarioPath = path;
+      if (writeScenario(path, scenarioOf(families, world, letters, seq),
+                        "# Found by oba-evpn-sim explore --family " + r.family + " --world " +
+                            world.name + ": the shortest sequence that\n" +
+                            "# breaks a check. Replay with oba-evpn-sim --check.\n")) {
+        failure.scenarioPath = path;
+      }
     } catch (const std::exception&) {
     }
     r.failure = std::move(failure);
   };
+  // The shortest sequence of each allowed difference, as the letters' numbers.
+  std::map<std::string, std::vector<std::uint32_t>> shortest;
   auto note = [&](const Outcome& out, const std::vector<std::uint32_t>& seq) {
     if (out.unreadable && !r.unreadable) r.firstUnreadable = out.firstUnreadable;
     r.unreadable = std::max<std::uint64_t>(r.unreadable, out.unreadable);
     for (const auto& [name, n] : out.allowances) {
       if (!n) continue;
       auto& a = r.allowances[name];
-      if (!a.states++) a.shortest = textOf(seq);
+      if (!a.states++) {
+        a.shortest = textOf(seq);
+        shortest[name] = seq;
+      }
     }
   };
 
@@ -399,16 +248,7 @@ ExploreReport exploreWorld(const Family& family, const ExploreWorld& world, cons
   }
   if (o.writeAllowances && !r.failure) {
     for (auto& [name, a] : r.allowances) {
-      std::vector<std::uint32_t> seq;
-      for (const auto& text : a.shortest) {
-        for (std::uint32_t i = 0; i < letters.size(); ++i) {
-          if (letters[i].text == text) {
-            seq.push_back(i);
-            break;
-          }
-        }
-      }
-      Scenario s = scenarioOf(families, world, letters, seq, true);
+      Scenario s = scenarioOf(families, world, letters, shortest[name], true);
       s.name =
           "the shortest sequence that leaves " + name + " (" + r.family + "/" + world.name + ")";
       s.description = "The explorer's shortest sequence of the " + world.name +
@@ -416,11 +256,12 @@ ExploreReport exploreWorld(const Family& family, const ExploreWorld& world, cons
                       ", a documented difference between the chip and what the inputs call for. "
                       "The tables are expected as it leaves them.";
       const std::string path = o.outDir + "/explore-" + r.family + "-" + name + ".yaml";
-      std::ofstream out(path);
-      out << scenarioText(s, "# Written by oba-evpn-sim explore --family " + r.family +
-                                 " --world " + world.name + " --write-allowances: the shortest\n" +
-                                 "# sequence after which the checks allow " + name + ".\n");
-      if (out) a.scenarioPath = path;
+      if (writeScenario(path, s,
+                        "# Written by oba-evpn-sim explore --family " + r.family + " --world " +
+                            world.name + " --write-allowances: the shortest\n" +
+                            "# sequence after which the checks allow " + name + ".\n")) {
+        a.scenarioPath = path;
+      }
     }
   }
   if (!r.complete || r.failure) r.depth = r.depth ? r.depth - 1 : 0;

@@ -227,17 +227,12 @@ std::string decimals(double v, int n) {
 }
 }  // namespace
 
-namespace {
-
-// The chip's violations and each family's balance.
 std::vector<std::string> ledgerLines(const HostAgent& agent) {
   std::vector<std::string> ledger;
   for (const auto& v : agent.chip->violations()) ledger.push_back("violation: " + v.text);
   for (const auto& part : agent.parts()) part->ledger(ledger);
   return ledger;
 }
-
-}  // namespace
 
 std::optional<CheckFailure> checkAgent(const HostAgent& agent, Counters* counters) {
   if (auto ledger = ledgerLines(agent); !ledger.empty()) {

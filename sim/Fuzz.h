@@ -75,6 +75,9 @@ struct FuzzResult {
 FuzzResult fuzz(const FuzzOptions& options, std::ostream* summary, std::ostream* progress,
                 const Families& families = registeredFamilies());
 
+// The chip's violations and each family's balance, one line each: what the ledger finds.
+std::vector<std::string> ledgerLines(const HostAgent& agent);
+
 // Every check in turn on a drained agent: the chip's ledger (its violations and each family's
 // balance), then each family's own; the first that fails. `counters` may be null.
 std::optional<CheckFailure> checkAgent(const HostAgent& agent, Counters* counters);
