@@ -1,6 +1,7 @@
 #include "sim/HostAgent.h"
 
 #include <algorithm>
+#include <sstream>
 #include <stdexcept>
 
 #include "sim/Published.h"
@@ -17,13 +18,15 @@ HostAgent::HostAgent(SimLog* log, const Families& families)
   // agent itself.
   chip->callListenerIs([this](const SoftwareChip::Call& c) {
     calls_.push_back(c.text);
-    if (c.caller) lastMachineCall_.assign(c.caller).append(": ").append(c.text);
-    if (!log_->enabled()) return;
     if (c.caller) {
-      note(std::string(c.caller) + ">chip", c.text);
-    } else {
-      note("agent>chip", c.text);
+      lastMachineCall_.assign(c.caller).append(": ").append(c.text);
+      if (Kiv::causing()) {
+        lastMachineCallCauses_ = Kiv::causeChain(Kiv::causeNow().ptr(), why_.detail);
+      }
     }
+    if (!log_->enabled()) return;
+    const std::string source = c.caller ? std::string(c.caller) + ">chip" : "agent>chip";
+    log_->add(now(), source, c.text, causesFor(source, c.text, false));
   });
   for (std::size_t i = 0; i < families_.size(); ++i) {
     for (const Family* below : families_[i]->buildsOn()) {
@@ -46,6 +49,41 @@ HostAgent::~HostAgent() {
   publisher_.reset();
   chip->callListenerIs(nullptr);
   log_->clockIs(nullptr);
+  if (why_.on) Kiv::causingIs(false);
+}
+
+void HostAgent::apply(const Action& a) {
+  if (!Kiv::causing()) return a.apply(*this);
+  // What the action sets off, it sets off under a link that says it as a scenario would.
+  std::ostringstream text;
+  a.body->write(text);
+  Kiv::CauseScope acting(Kiv::causeOf(Kiv::Cause::Kind::outside, text.str()));
+  a.apply(*this);
+}
+
+void HostAgent::note(std::string_view source, std::string_view text) {
+  log_->add(now(), source, text, causesFor(source, text, true));
+}
+
+void HostAgent::whyIs(const Why& why) {
+  why_ = why;
+  Kiv::causingIs(why.on);
+}
+
+std::vector<std::string> HostAgent::causesFor(std::string_view source, std::string_view text,
+                                              bool skipWrite) const {
+  if (!why_.on || !Kiv::causing()) return {};
+  if (!why_.only.empty() && source.find(why_.only) == std::string_view::npos &&
+      text.find(why_.only) == std::string_view::npos) {
+    return {};
+  }
+  const Kiv::Cause* c = Kiv::causeNow().ptr();
+  if (skipWrite) {
+    const Kiv::Cause* write = c;
+    while (write && write->kind() != Kiv::Cause::Kind::write) write = write->parent().ptr();
+    if (write) c = write->parent().ptr();
+  }
+  return Kiv::causeChain(c, why_.detail);
 }
 
 FamilyAgent& HostAgent::partOf(const Family& family) const {

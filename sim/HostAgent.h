@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Kiv/Cause.h"
 #include "Kiv/Clock.h"
 #include "Mox/TaskScheduler.h"
 #include "sim/Family.h"
@@ -29,7 +30,8 @@ class HostAgent {
   void start();
   // A machine by its family's name for it, or "agent": every machine, over a chip that resets.
   void restart(const std::string& machine);
-  void apply(const Action& a) { a.apply(*this); }
+  // Applies an action; with causes carried, what it sets off names it.
+  void apply(const Action& a);
   // Publishes every family's output tables in shared memory under `name`, for readers in other
   // processes; they stay there until the agent goes. Raises Shoal::SegmentException when another
   // live process publishes under the name.
@@ -50,7 +52,27 @@ class HostAgent {
 
   // A line of the log, from the agent or one of its families.
   SimLog& log() const { return *log_; }
-  void note(std::string_view source, std::string_view text) { log_->add(now(), source, text); }
+  // An output-table write or an agent's note; with causes asked for, the chain of the write.
+  void note(std::string_view source, std::string_view text);
+
+  // Why each chip call and output write was made (--why): the chain of causes from the input
+  // that started it, logged under it. Carrying causes is on for the process while an agent asks
+  // for them.
+  struct Why {
+    bool on = false;
+    Kiv::CauseDetail detail = Kiv::CauseDetail::brief;
+    // Only the lines whose source and text hold this get their chains (empty: every line).
+    std::string only{};
+  };
+  void whyIs(const Why& why);
+  const Why& why() const { return why_; }
+  // The chain of causes a log line gets, nearest first: of what runs now, from the write past
+  // `skipWrite` links (an output write's own link is the line itself); empty when not asked for.
+  std::vector<std::string> causesFor(std::string_view source, std::string_view text,
+                                     bool skipWrite) const;
+  // The chain of the last chip call a machine made (when causes are carried), for a report of
+  // what broke a check.
+  const std::vector<std::string>& lastMachineCallCauses() const { return lastMachineCallCauses_; }
 
   // The last chip call a machine made, as "<machine>: <call text>", or empty: what a broken
   // invariant right after a chip's answer is reported with.
@@ -89,6 +111,8 @@ class HostAgent {
   std::unique_ptr<Publisher> publisher_;
   std::vector<std::string> calls_;
   std::string lastMachineCall_;
+  std::vector<std::string> lastMachineCallCauses_;
+  Why why_;
 };
 
 // "  <line>\n" per line, or "    (none)": the blocks of --state and of a failed expectation.

@@ -198,6 +198,19 @@ class StepWalk : public HostAgent::TimeWalk {
 
 }  // namespace
 
+// A root of the chains of causes, when they are carried: what came from outside the agent.
+static Kiv::Ptr<const Kiv::Cause> rootCause(const std::string& text) {
+  return Kiv::causing() ? Kiv::causeOf(Kiv::Cause::Kind::outside, text, nullptr) : nullptr;
+}
+
+// A step as its chains name it: its number and its note (or its line).
+static std::string stepCause(const Step& step, int index) {
+  if (!Kiv::causing()) return {};
+  std::string text = "step " + std::to_string(index);
+  if (step.note.empty()) return text + " (line " + std::to_string(step.line) + ")";
+  return text + " \"" + step.note + "\"";
+}
+
 // Where a run is, for a report when it ends early: the step being run, or the line of the
 // initial action being applied (0: none, or the agent's start).
 struct Where {
@@ -215,7 +228,10 @@ static void runSteps(const Scenario& s, HostAgent& agent, SimLog& log, const Run
   }
   at.initialLine = 0;
   log.add(0, "agent", "start");
-  agent.start();
+  {
+    Kiv::CauseScope starting(rootCause("the agent starts"));
+    agent.start();
+  }
   agent.scheduler->runDue();
   agent.syncPublished();
   if (options.stepDone) options.stepDone(agent, nullptr);
@@ -226,7 +242,9 @@ static void runSteps(const Scenario& s, HostAgent& agent, SimLog& log, const Run
   }
 
   std::vector<std::string> calls;
+  int index = 0;
   for (const Step& step : s.steps) {
+    ++index;
     // Reviews due before the step run at their own times (a part of the step: an abort there is
     // the step's); then the step begins, and what falls due exactly at its time runs before its
     // actions.
@@ -235,6 +253,7 @@ static void runSteps(const Scenario& s, HostAgent& agent, SimLog& log, const Run
       std::optional<StepTrace> trace;
       StepWalk walk(agent, log, pace, step, calls, trace);
       agent.advanceTo(step.at, &walk);
+      Kiv::CauseScope stepping(rootCause(stepCause(step, index)));
       for (const Action& a : step.actions) agent.apply(a);
       agent.scheduler->runDue();
       agent.syncPublished();
@@ -287,6 +306,7 @@ RunResult runScenario(const Scenario& s, SimLog& log, const RunOptions& options,
   // A broken invariant is reported as the step that caused it, not by an abort of the process.
   Kiv::ThrowingAssertions throwing;
   HostAgent agent(&log, s.families);
+  agent.whyIs(options.why);
   if (!options.publish.empty()) agent.publish(options.publish);
   // However the run ends, a held agent stays for its readers until told to go.
   struct Hold {

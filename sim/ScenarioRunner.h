@@ -32,6 +32,8 @@ struct RunOptions {
   std::function<bool()> stopPacing{};
   // Told after the run, the agent and its published tables still alive (--hold).
   std::function<void(HostAgent&)> hold{};
+  // The chains of causes under each chip call and output write (--why).
+  HostAgent::Why why{};
 };
 
 struct RunResult {

@@ -51,7 +51,8 @@ void jsonString(std::ostream& os, std::string_view s) {
 }
 }  // namespace
 
-void SimLog::add(double time, std::string_view source, std::string_view text) {
+void SimLog::add(double time, std::string_view source, std::string_view text,
+                 const std::vector<std::string>& causes) {
   if (!out_) return;
   if (format_ == Format::json) {
     // JSON has no NaN nor infinity; the reader refuses such times, and a line never prints one.
@@ -65,6 +66,16 @@ void SimLog::add(double time, std::string_view source, std::string_view text) {
     jsonString(*out_, source);
     *out_ << ",\"text\":";
     jsonString(*out_, text);
+    if (!causes.empty()) {
+      *out_ << ",\"cause\":";
+      jsonString(*out_, causes.front());
+      *out_ << ",\"causes\":[";
+      for (std::size_t i = 0; i < causes.size(); ++i) {
+        if (i) *out_ << ',';
+        jsonString(*out_, causes[i]);
+      }
+      *out_ << ']';
+    }
     *out_ << "}\n";
     return;
   }
@@ -73,6 +84,7 @@ void SimLog::add(double time, std::string_view source, std::string_view text) {
   *out_ << stamp << source;
   for (std::size_t i = source.size(); i < 16; ++i) *out_ << ' ';
   *out_ << ' ' << text << '\n';
+  for (const std::string& c : causes) *out_ << "                because " << c << '\n';
 }
 
 }  // namespace Sim

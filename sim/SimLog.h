@@ -3,11 +3,13 @@
 // --trace) per library trace line, each stamped with the virtual time, aligned for reading, or
 // as JSON lines for tools.
 //
-//       5.000  chip        createEsiData Ethernet2 vlan 10 tunnel Tunnel1.1 hw 1 label ... ->
-//       programmed 5.000  mapping     Tunnel1.1 -> 1
+//       5.000  tunnelEsi>chip   createEsiData Ethernet2 vlan 10 tunnel Tunnel1.1 hw 1 ...
+//       5.000  mapping          Tunnel1.1 -> 1
 
 #include <ostream>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "Kiv/Clock.h"
 
@@ -19,7 +21,10 @@ class SimLog {
   explicit SimLog(std::ostream* out = nullptr, Format format = Format::text)
       : out_(out), format_(format) {}
   bool enabled() const { return out_ != nullptr; }
-  void add(double time, std::string_view source, std::string_view text);
+  // `causes`: why it happened, nearest first (--why): a "because" line each, or the JSON fields
+  // `cause` (the nearest) and `causes`.
+  void add(double time, std::string_view source, std::string_view text,
+           const std::vector<std::string>& causes = {});
   // Lines that do not know the time (library traces) take it from the running agent's clock.
   void clockIs(const Kiv::Clock* clock) { clock_ = clock; }
   void addNow(std::string_view source, std::string_view text) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "Kiv/Assert.h"
+#include "Kiv/Cause.h"
 #include "Kiv/Types.h"
 
 namespace Sim {
@@ -60,6 +61,7 @@ std::optional<std::uint32_t> SoftwareChip::refused(std::string_view op,
     if (r.vlan && r.vlan != vlan) continue;
     const std::uint32_t rc = r.rc;
     if (r.times > 0 && --it->refusal.times == 0) rules_.erase(it);
+    if (Kiv::causing()) answerCause(op, port, vlan, rc, "a chipRefuse rule");
     return rc;
   }
   return std::nullopt;
@@ -77,9 +79,23 @@ std::optional<std::uint32_t> SoftwareChip::refusedOrFault(std::string_view op, Q
     if (!refusal && faultThreshold_ && faultRng_() < faultThreshold_) {
       refusal = rc;
       faults_.push_back(Fault{faultableSerial_, previous, op, port, vlan});
+      if (Kiv::causing()) answerCause(op, port, vlan, rc, "an injected fault");
     }
   }
   return refusal;
+}
+
+// A refusal is an answer from outside the agent: the retry that the machine schedules for it
+// names it.
+void SoftwareChip::answerCause(std::string_view op, std::optional<Quil::IntfId> port,
+                               std::optional<Bridging::VlanId> vlan, std::uint32_t rc,
+                               std::string_view why) {
+  std::string text = "the chip refused ";
+  text.append(op);
+  if (port) text.append(" ").append(port->text().view());
+  if (vlan) text.append(" vlan ").append(vlan->text().view());
+  text.append(" (code ").append(std::to_string(rc)).append(", ").append(why).append(")");
+  Kiv::causeAnswer(std::move(text));
 }
 
 void SoftwareChip::violation(std::string text) {

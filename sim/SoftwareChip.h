@@ -144,6 +144,8 @@ class SoftwareChip : public Kiv::PtrInterface {
   void digest(Kiv::Digest& d) const;
 
  private:
+  void answerCause(std::string_view op, std::optional<Quil::IntfId> port,
+                   std::optional<Bridging::VlanId> vlan, std::uint32_t rc, std::string_view why);
   struct Rule {
     Refusal refusal;
   };

@@ -10,6 +10,7 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -55,6 +56,13 @@ options:
   --realtime [SPEED]
                  pace virtual time to the wall clock, SPEED virtual seconds a second (0.001 to
                  1e6, default 1); SIGINT or SIGTERM runs the rest at once
+  --why[=DETAIL] [PATTERN]
+                 under each chip call and output write, why it was made: its chain of causes,
+                 nearest first, back to the step (or the start, a chip answer, a retry's task)
+                 that set it off. DETAIL is brief (the default: the writes to inputs and outputs,
+                 the tasks, the chip's answers and the step) or full (the machines that heard
+                 each write too); with PATTERN, only lines whose source or text hold it. With
+                 --json, the fields "cause" (the nearest) and "causes"
   --help         this text
 
 exit status: 0 all well, 1 an expectation was not met, 2 bad input (file, line and what was
@@ -78,6 +86,11 @@ bool readSpeed(const char* text, double& speed) {
   speed = std::strtod(text, &end);
   return end != text && *end == '\0' && std::isfinite(speed) && speed >= minSpeed &&
          speed <= maxSpeed;
+}
+
+// Whether an argument names a scenario file rather than a --why pattern.
+bool isScenarioFile(std::string_view arg) {
+  return arg.ends_with(".yaml") || arg.ends_with(".yml");
 }
 
 // An output option's path that cannot be written: the message, or empty.
@@ -151,6 +164,18 @@ int main(int argc, char** argv) {
                     << argv[i] << "'\n";
           return 2;
         }
+      }
+    } else if (a == "--why" || a.starts_with("--why=")) {
+      options.why.on = true;
+      const std::string detail = a == "--why" ? "brief" : a.substr(6);
+      if (detail != "brief" && detail != "full") {
+        std::cerr << "oba-evpn-sim: --why=" << detail << ": the detail is brief or full\n";
+        return 2;
+      }
+      options.why.detail = detail == "full" ? Kiv::CauseDetail::full : Kiv::CauseDetail::brief;
+      // PATTERN is optional: the next argument is one unless it is an option or a scenario file.
+      if (i + 1 < argc && argv[i + 1][0] != '-' && !isScenarioFile(argv[i + 1])) {
+        options.why.only = argv[++i];
       }
     } else if (a.starts_with("--")) {
       std::cerr << "oba-evpn-sim: unknown option " << a << "\n" << usage;

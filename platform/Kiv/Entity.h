@@ -45,6 +45,7 @@
 #include <vector>
 
 #include "Kiv/Assert.h"
+#include "Kiv/Cause.h"
 #include "Kiv/Collection.h"
 #include "Kiv/Digest.h"
 #include "Kiv/Ptr.h"
@@ -149,10 +150,22 @@ class Notifier {
  protected:
   // Calls f(notifiee) for every registered Self::NotifieeConst. The entity stays alive for the
   // whole delivery even if a notifiee drops the last other reference to it.
-  template <class F>
-  void kivDeliver(F&& f) const {
+  //
+  // While causes are carried (Kiv/Cause.h), the change that `describe()` tells becomes a `write`
+  // cause under the current one, and each notifiee hears it under a `handler` cause naming the
+  // notifiee's class; off, `describe` is never called.
+  template <class F, class D>
+  void kivDeliver(F&& f, D&& describe) const {
     if (!kivNotifiees_.size()) return;
     Ptr<const PtrInterface> keep = keepAlive(static_cast<const Self*>(this));
+    if (causing()) [[unlikely]] {
+      CauseScope write(causeOf(Cause::Kind::write, describe()));
+      kivNotifiees_.deliver([&](NotifieeConstBase<Self>* n) {
+        CauseScope heard(causeOf(Cause::Kind::handler, "heard by " + causeTypeName(typeid(*n))));
+        f(static_cast<typename Self::NotifieeConst*>(n));
+      });
+      return;
+    }
     kivNotifiees_.deliver(
         [&](NotifieeConstBase<Self>* n) { f(static_cast<typename Self::NotifieeConst*>(n)); });
   }
@@ -232,12 +245,13 @@ class Entity : public PtrInterface, public Notifier<Self> {};
                                    \
  public:
 
-#define KIV_WATCHED_(attr, Attr, K)                           \
- private:                                                     \
-  void attr##Changed_(const K& k) {                           \
-    this->kivDeliver([&](auto* kivN) { kivN->on##Attr(k); }); \
-  }                                                           \
-                                                              \
+#define KIV_WATCHED_(attr, Attr, K)                                                          \
+ private:                                                                                    \
+  void attr##Changed_(const K& k) {                                                          \
+    this->kivDeliver([&](auto* kivN) { kivN->on##Attr(k); },                                 \
+                     [&] { return ::Kiv::causeWriteText(*this, #attr, k, this->attr(k)); }); \
+  }                                                                                          \
+                                                                                             \
  public:
 
 // Plain collections: a machine's internal state and the owned sets. They notify nobody.
@@ -297,15 +311,16 @@ class Entity : public PtrInterface, public Notifier<Self> {};
   }
 
 // Watched collections of an entity derived from Kiv::Entity<Self>.
-#define KIV_WATCHED_COLLECTION(attr, Attr, K, V) \
-  KIV_WATCHED_(attr, Attr, K)                    \
-  KIV_VALUE_COLLECTION_(attr, K, V, ::Kiv::HashMap<K, V>)
-#define KIV_WATCHED_ORDERED_COLLECTION(attr, Attr, K, V) \
-  KIV_WATCHED_(attr, Attr, K)                            \
-  KIV_VALUE_COLLECTION_(attr, K, V, ::Kiv::OrderedMap<K, V>)
-#define KIV_WATCHED_CHILD_COLLECTION(attr, Attr, K, C) \
-  KIV_WATCHED_(attr, Attr, K)                          \
-  KIV_CHILD_COLLECTION_(attr, K, C, ::Kiv::HashMap<K, ::Kiv::Ptr<C>>)
+// (The notification comes after the accessors: it reads the value, whose type the lookup deduces.)
+#define KIV_WATCHED_COLLECTION(attr, Attr, K, V)          \
+  KIV_VALUE_COLLECTION_(attr, K, V, ::Kiv::HashMap<K, V>) \
+  KIV_WATCHED_(attr, Attr, K)
+#define KIV_WATCHED_ORDERED_COLLECTION(attr, Attr, K, V)     \
+  KIV_VALUE_COLLECTION_(attr, K, V, ::Kiv::OrderedMap<K, V>) \
+  KIV_WATCHED_(attr, Attr, K)
+#define KIV_WATCHED_CHILD_COLLECTION(attr, Attr, K, C)                \
+  KIV_CHILD_COLLECTION_(attr, K, C, ::Kiv::HashMap<K, ::Kiv::Ptr<C>>) \
+  KIV_WATCHED_(attr, Attr, K)
 
 // Scalars.
 #define KIV_SCALAR(attr, T, ...)             \
@@ -319,19 +334,20 @@ class Entity : public PtrInterface, public Notifier<Self> {};
                                              \
  public:
 
-#define KIV_WATCHED_SCALAR(attr, Attr, T, ...)              \
- public:                                                    \
-  const T& attr() const { return attr##_; }                 \
-  void attr##Is(const T& v) {                               \
-    if (attr##_ == v) return;                               \
-    attr##_ = v;                                            \
-    this->kivDeliver([](auto* kivN) { kivN->on##Attr(); }); \
-  }                                                         \
-                                                            \
- private:                                                   \
-  T attr##_ = __VA_ARGS__;                                  \
-  KIV_DIGEST_FIELD_(attr, attr##_)                          \
-                                                            \
+#define KIV_WATCHED_SCALAR(attr, Attr, T, ...)                                      \
+ public:                                                                            \
+  const T& attr() const { return attr##_; }                                         \
+  void attr##Is(const T& v) {                                                       \
+    if (attr##_ == v) return;                                                       \
+    attr##_ = v;                                                                    \
+    this->kivDeliver([](auto* kivN) { kivN->on##Attr(); },                          \
+                     [&] { return ::Kiv::causeWriteText(*this, #attr, attr##_); }); \
+  }                                                                                 \
+                                                                                    \
+ private:                                                                           \
+  T attr##_ = __VA_ARGS__;                                                          \
+  KIV_DIGEST_FIELD_(attr, attr##_)                                                  \
+                                                                                    \
  public:
 
 #define KIV_WATCHED_COUNTER(attr, Attr, T, ...)  \

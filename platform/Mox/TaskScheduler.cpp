@@ -6,6 +6,8 @@
 #include <chrono>
 #include <cmath>
 #include <ctime>
+#include <iomanip>
+#include <sstream>
 #include <thread>
 #include <utility>
 
@@ -85,6 +87,22 @@ void TaskScheduler::schedule(TimerTask* task, Kiv::Seconds due) {
     task->slot_ = queue_.insert(std::move(node)).position;
   }
   task->scheduled_ = true;
+  if (Kiv::causing()) [[unlikely]]
+    causeIs(*task);
+}
+
+// Why a task is scheduled: what is current, or the answer its scheduler heard. A run that schedules
+// its own task again keeps the cause it ran for; if the run heard an answer again (a retry the
+// chip refused once more), that answer takes the place of the one before, so a review that keeps
+// failing keeps one chain of the same length, the latest refusal in it.
+void TaskScheduler::causeIs(TimerTask& task) {
+  if (running_ != &task) {
+    task.cause_ = Kiv::causeForLater();
+  } else if (Kiv::causeAnswered()) {
+    Kiv::Ptr<const Kiv::Cause> before = task.cause_;
+    if (before && before->kind() == Kiv::Cause::Kind::answer) before = before->parent();
+    task.cause_ = Kiv::causeOf(Kiv::Cause::Kind::answer, Kiv::causeForLater()->text(), before);
+  }
 }
 
 void TaskScheduler::unschedule(TimerTask* task) {
@@ -99,6 +117,15 @@ void TaskScheduler::taskGone(TimerTask* task) {
     task->scheduled_ = false;
   }
   if (running_ == task) running_ = nullptr;
+}
+
+// A run while causes are carried: under a cause naming the task and the time, pointing at why it
+// was scheduled.
+void TaskScheduler::runCaused(TimerTask& task) {
+  std::ostringstream text;
+  text << "task " << task.name_ << " runs at " << std::fixed << std::setprecision(3) << now();
+  Kiv::CauseScope run(Kiv::causeOf(Kiv::Cause::Kind::task, text.str(), task.cause_));
+  if (TimerTask::Notifiee* notifiee = task.notifiee_) notifiee->onTaskRun();
 }
 
 void TaskScheduler::runFirst() {
@@ -117,7 +144,11 @@ void TaskScheduler::runFirst() {
     TimerTask*& running;
     ~Running() { running = nullptr; }
   } guard{running_ = task};
-  if (TimerTask::Notifiee* notifiee = task->notifiee_) notifiee->onTaskRun();
+  if (Kiv::causing()) [[unlikely]] {
+    runCaused(*task);
+  } else if (TimerTask::Notifiee* notifiee = task->notifiee_) {
+    notifiee->onTaskRun();
+  }
   // The end of this run is the start of the next one in the pass.
   const auto end = std::chrono::steady_clock::now();
   const Kiv::Seconds steady = std::chrono::duration<double>(end - runStart_).count();

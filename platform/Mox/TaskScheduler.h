@@ -162,6 +162,8 @@ class TaskScheduler : public Kiv::PtrInterface {
 
   std::size_t runPass(Kiv::Seconds t);
   void runFirst();
+  void runCaused(TimerTask& task);
+  void causeIs(TimerTask& task);
   void runStartIs();
   bool sliceSpent() const;
 

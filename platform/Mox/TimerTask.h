@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "Kiv/Cause.h"
 #include "Kiv/Clock.h"
 #include "Kiv/Ptr.h"
 #include "Kiv/Types.h"
@@ -110,6 +111,10 @@ class TimerTask : public Kiv::PtrInterface {
   std::uint64_t workCount_ = 0;
   std::any resumeAt_;
   std::uint64_t runCount_ = 0;
+  // Why the task is scheduled, while causes are carried (Kiv/Cause.h): what was current, or the
+  // answer noted, when it was scheduled. A run that schedules its own task again keeps the cause
+  // unless the run heard an answer, so a review that yields names what parked its work.
+  Kiv::Ptr<const Kiv::Cause> cause_;
 };
 
 }  // namespace Mox

@@ -45,43 +45,53 @@ std::vector<std::pair<K, std::optional<Row>>> tableState(const Table<K, Row>& t)
 }  // namespace Shoal
 
 // The reader side, removal and notification, shared by both kinds.
-#define KIV_SHOAL_COMMON_(attr, Attr, K, Row)                                                  \
- public:                                                                                       \
-  ::Shoal::Lookup<Row> attr(const K& k) const { return attr##_.find(k); }                      \
-  std::size_t attr##s() const { return attr##_.size(); }                                       \
-  ::Shoal::RowWalk<K, Row> attr##Walk() const { return attr##_.walk(); }                       \
-  const ::Kiv::Ptr<::Shoal::TableControl>& attr##Control() const { return attr##_.control(); } \
-  void attr##BackingIs(std::unique_ptr<::Shoal::Backing<K, Row>> b) {                          \
-    attr##_.backingIs(std::move(b));                                                           \
-  }                                                                                            \
-  void attr##Mount(::Shoal::Role role) { attr##_.mount(role); }                                \
-  std::size_t attr##Poll() {                                                                   \
-    return attr##_.poll([this](const K& k) { attr##Notify(k); },                               \
-                        [this] { attr##NotifyCollection(); },                                  \
-                        [this] { attr##NotifyMountStatus(); });                                \
-  }                                                                                            \
-  void attr##CorruptIs(const K& k) { attr##_.corruptIs(k); }                                   \
-  void attr##Del(const K& k) {                                                                 \
-    attr##_.erase(k);                                                                          \
-    attr##Notify(k);                                                                           \
-  }                                                                                            \
-  void attr##DelAll() {                                                                        \
-    for (auto&& kivE : attr##_.walk()) attr##Del(kivE.key);                                    \
-  }                                                                                            \
-  void attr##Notify(const K& k) const {                                                        \
-    this->kivDeliver([&](auto* kivN) { kivN->on##Attr(k); });                                  \
-  }                                                                                            \
-  void attr##NotifyCollection() const {                                                        \
-    this->kivDeliver([](auto* kivN) { kivN->on##Attr(); });                                    \
-  }                                                                                            \
-  void attr##NotifyMountStatus() const {                                                       \
-    this->kivDeliver([](auto* kivN) { kivN->on##Attr##MountStatus(); });                       \
-  }                                                                                            \
-                                                                                               \
- private:                                                                                      \
-  ::Shoal::Table<K, Row> attr##_;                                                              \
-  KIV_DIGEST_FIELD_(attr, ::Shoal::tableState(attr##_))                                        \
-                                                                                               \
+#define KIV_SHOAL_COMMON_(attr, Attr, K, Row)                                                      \
+ public:                                                                                           \
+  ::Shoal::Lookup<Row> attr(const K& k) const { return attr##_.find(k); }                          \
+  std::size_t attr##s() const { return attr##_.size(); }                                           \
+  ::Shoal::RowWalk<K, Row> attr##Walk() const { return attr##_.walk(); }                           \
+  const ::Kiv::Ptr<::Shoal::TableControl>& attr##Control() const { return attr##_.control(); }     \
+  void attr##BackingIs(std::unique_ptr<::Shoal::Backing<K, Row>> b) {                              \
+    attr##_.backingIs(std::move(b));                                                               \
+  }                                                                                                \
+  void attr##Mount(::Shoal::Role role) { attr##_.mount(role); }                                    \
+  std::size_t attr##Poll() {                                                                       \
+    return attr##_.poll([this](const K& k) { attr##Notify(k); },                                   \
+                        [this] { attr##NotifyCollection(); },                                      \
+                        [this] { attr##NotifyMountStatus(); });                                    \
+  }                                                                                                \
+  void attr##CorruptIs(const K& k) { attr##_.corruptIs(k); }                                       \
+  void attr##Del(const K& k) {                                                                     \
+    attr##_.erase(k);                                                                              \
+    attr##Notify(k);                                                                               \
+  }                                                                                                \
+  void attr##DelAll() {                                                                            \
+    for (auto&& kivE : attr##_.walk()) attr##Del(kivE.key);                                        \
+  }                                                                                                \
+  void attr##Notify(const K& k) const {                                                            \
+    this->kivDeliver([&](auto* kivN) { kivN->on##Attr(k); }, [&] { return attr##CauseText_(k); }); \
+  }                                                                                                \
+  /* A torn row still names its key as a cause. */                                                 \
+  std::string attr##CauseText_(const K& k) const {                                                 \
+    try {                                                                                          \
+      return ::Kiv::causeWriteText(*this, #attr, k, this->attr(k));                                \
+    } catch (const ::Shoal::CorruptionException&) {                                                \
+      return ::Kiv::causeWriteText(*this, #attr, k, "torn");                                       \
+    }                                                                                              \
+  }                                                                                                \
+  void attr##NotifyCollection() const {                                                            \
+    this->kivDeliver([](auto* kivN) { kivN->on##Attr(); },                                         \
+                     [this] { return ::Kiv::causeWriteText(*this, #attr, "every row"); });         \
+  }                                                                                                \
+  void attr##NotifyMountStatus() const {                                                           \
+    this->kivDeliver([](auto* kivN) { kivN->on##Attr##MountStatus(); },                            \
+                     [this] { return ::Kiv::causeWriteText(*this, #attr, "mount status"); });      \
+  }                                                                                                \
+                                                                                                   \
+ private:                                                                                          \
+  ::Shoal::Table<K, Row> attr##_;                                                                  \
+  KIV_DIGEST_FIELD_(attr, ::Shoal::tableState(attr##_))                                            \
+                                                                                                   \
  public:
 
 #define KIV_NOTIFIEE_SHOAL_TABLE(attr, Attr, K) \

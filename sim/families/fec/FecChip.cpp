@@ -1,4 +1,6 @@
 #include "sim/families/fec/FecChip.h"
+
+#include "Kiv/Cause.h"
 #include "Kiv/Digest.h"
 
 #include <optional>
@@ -144,7 +146,10 @@ std::uint32_t FecChip::freeHwFecId() const {
 bool FecChip::busy() const { return !due_.empty(); }
 
 void FecChip::changed(std::size_t requester, FecId fecId) {
-  dueAt(Key{requester, fecId}, scheduler_->clock()->now() + latency_);
+  const Key key{requester, fecId};
+  // The answer comes later, from the chip's own task: it names the request it answers.
+  if (Kiv::causing()) requestCauses_[key] = Kiv::causeNow();
+  dueAt(key, scheduler_->clock()->now() + latency_);
 }
 
 void FecChip::dueAt(const Key& key, double at) {
@@ -164,6 +169,16 @@ void FecChip::run() {
   }
   for (const Key& key : keys) {
     due_.erase(key);
+    if (!Kiv::causing()) {
+      settle(key);
+      continue;
+    }
+    auto asked = requestCauses_.extract(key);
+    Kiv::CauseScope answering(
+        Kiv::causeOf(Kiv::Cause::Kind::outside,
+                     chipText("the chip answers ", requesters_[key.first].writer, "'s FEC request ",
+                              fecText(key.second)),
+                     asked ? asked.mapped() : Kiv::causeNow()));
     settle(key);
   }
   double next = -1;
@@ -351,6 +366,7 @@ void FecChip::reset() {
   // A reinitialised chip layer forgets its FECs, clears what it answered, and reads the requests
   // afresh.
   due_.clear();
+  requestCauses_.clear();
   waiting_.clear();
   hwOf_.clear();
   answers_.clear();

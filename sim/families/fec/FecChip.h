@@ -155,7 +155,9 @@ class FecChip : public SoftwareChip::Part {
 
   std::uint32_t capacity_ = capacityDefault;
   double latency_ = 0;
-  std::map<Key, double> due_;          // keys to settle, and when
+  std::map<Key, double> due_;  // keys to settle, and when
+  // Why each key is due, while causes are carried: the write of its request.
+  std::map<Key, Kiv::Ptr<const Kiv::Cause>> requestCauses_;
   std::set<Key> waiting_;              // requests the chip could not serve yet
   std::map<Key, std::uint32_t> hwOf_;  // answered requests
   std::map<std::uint32_t, Answer> answers_;
