@@ -177,10 +177,12 @@ ExploreReport exploreWorld(const Family& family, const ExploreWorld& world, cons
     return out;
   };
   auto fail = [&](std::vector<std::uint32_t> seq, CheckFailure f) {
-    ExploreReport::Failure failure{textOf(seq), std::move(f), ""};
+    ExploreReport::Failure failure{textOf(seq), std::move(f), "", std::nullopt};
     try {
       const std::string path = o.outDir + "/explore-" + r.family + "-" + world.name + ".yaml";
-      if (writeScenario(path, scenarioOf(families, world, letters, seq),
+      const Scenario s = scenarioOf(families, world, letters, seq);
+      failure.blame = blame(s, families, failure.failure);
+      if (writeScenario(path, s,
                         "# Found by oba-evpn-sim explore --family " + r.family + " --world " +
                             world.name + ": the shortest sequence that\n" +
                             "# breaks a check. Replay with oba-evpn-sim --check.\n")) {

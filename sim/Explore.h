@@ -26,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/Blame.h"
 #include "sim/Family.h"
 
 namespace Sim {
@@ -65,7 +66,8 @@ struct ExploreReport {
   struct Failure {
     std::vector<std::string> sequence;  // the steps, as scenario files write them
     CheckFailure failure;
-    std::string scenarioPath;  // empty when it could not be written
+    std::string scenarioPath;    // empty when it could not be written
+    std::optional<Blame> blame;  // the call that broke the check, and why it was made
   };
   std::optional<Failure> failure;
 };

@@ -115,6 +115,7 @@ void printReports(std::ostream& os, const std::vector<ExploreReport>& reports) {
        << " steps: " << joined(r.failure->sequence) << "\n";
     os << "  " << r.failure->failure.check << ":\n";
     for (const auto& l : r.failure->failure.lines) os << "    " << l << "\n";
+    if (r.failure->blame) os << blameText(*r.failure->blame, "  ");
     if (!r.failure->scenarioPath.empty()) {
       os << "  written: " << r.failure->scenarioPath << " (oba-evpn-sim --check "
          << r.failure->scenarioPath << ")\n";

@@ -312,6 +312,7 @@ FuzzResult fuzz(const FuzzOptions& o, std::ostream* summary, std::ostream* progr
     *summary << "FAIL seed " << f->seed << " at step " << f->step << " (time " << timeText(f->time)
              << "): the " << f->failure.check << " check fails\n";
     for (const auto& l : f->failure.lines) *summary << "  " << l << "\n";
+    if (f->blame) *summary << blameText(*f->blame, "");
     *summary << "the run: " << fuzzing::replayCommand(o, f->seed, f->step, families) << "\n";
     if (f->scenarioPath.empty()) {
       *summary << "no scenario file written\n";

@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/Blame.h"
 #include "sim/Family.h"
 #include "sim/HostAgent.h"
 #include "sim/Scenario.h"
@@ -57,6 +58,7 @@ struct FuzzFailure {
   std::size_t shrunkActions = 0;  // and in the written scenario
   bool replayable = true;         // every injected fault could be stated as a rule
   bool checkFails = false;        // the scenario runner's --check fails the written file
+  std::optional<Blame> blame;     // the call that broke the check, and why it was made
 };
 
 struct FuzzResult {

@@ -294,6 +294,7 @@ void writeFailingRun(const Record& rec, const HostAgent& agent, const FuzzOption
   }
   f.shrunkActions = actionCount(s);
   Replay end = replay(s, families);
+  f.blame = blame(s, families, end.failure ? *end.failure : f.failure);
   const std::string text = failureText(std::move(s), f, o, end, families);
 
   std::error_code ec;

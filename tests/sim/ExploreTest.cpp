@@ -49,7 +49,7 @@ TEST(Explore, EveryWorldHoldsAndEqualStatesMergeAlikeInOneProcessOrTwo) {
 // The explorer with a planted fault: its first failure is `depth` steps long, names `check`, and
 // the scenario it writes fails --check, then passes over a sound chip.
 void expectFound(SimTest::Canary& canary, const std::string& family, const std::string& world,
-                 std::size_t depth, const std::string& check) {
+                 std::size_t depth, const std::string& check, const std::string& blamed = "") {
   const std::string dir = ::testing::TempDir() + "explore-" + family;
   std::filesystem::remove_all(dir);
   std::filesystem::create_directories(dir);
@@ -64,6 +64,13 @@ void expectFound(SimTest::Canary& canary, const std::string& family, const std::
   ASSERT_TRUE(f) << family << ": the canary went unseen to depth " << depth + 1;
   EXPECT_EQ(f->sequence.size(), depth);
   EXPECT_EQ(f->failure.check, check);
+  if (!blamed.empty()) {
+    // The report names the call the chip lost and the step that made the machine make it.
+    ASSERT_TRUE(f->blame);
+    EXPECT_NE(f->blame->call.find(blamed), std::string::npos) << f->blame->call;
+    ASSERT_FALSE(f->blame->causes.empty());
+    EXPECT_TRUE(f->blame->causes.back().starts_with("the step at time")) << f->blame->causes.back();
+  }
   ASSERT_FALSE(f->scenarioPath.empty());
   Sim::SimLog quiet;
   auto r = Sim::runScenario(Sim::readScenarioFile(f->scenarioPath), quiet,
@@ -79,7 +86,7 @@ TEST(Explore, EachPlantedFaultIsFoundAtTheSmallestDepthThatShowsIt) {
   {
     // The first deleteEsiData is lost: a designated forwarder comes and goes.
     SimTest::Canary canary(Sim::TunnelEsiChip::canaryDropDeleteEsiDataIs, 1);
-    expectFound(canary, "tunnelEsi", "df-move", 2, "esiData");
+    expectFound(canary, "tunnelEsi", "df-move", 2, "esiData", "floodingEsi: deleteEsiData");
   }
   {
     // The first dot1q delete is lost: the first drain programs the tag, then the tag goes (the

@@ -47,6 +47,12 @@ inline void expectCanaryCaught(Canary& canary, const std::string& dirName, const
   EXPECT_TRUE(f->replayable || !soundReplay);
   EXPECT_LT(f->shrunkActions, f->actions);
   EXPECT_TRUE(f->checkFails);
+  // The report names a machine's call and why it was made, back to a step of the written run.
+  ASSERT_TRUE(f->blame);
+  ASSERT_FALSE(f->blame->causes.empty()) << f->blame->call;
+  EXPECT_TRUE(f->blame->causes.back().starts_with("the step at time") ||
+              f->blame->causes.back() == "the agent starts")
+      << f->blame->causes.back();
   ASSERT_EQ(f->scenarioPath, dir + "/fuzz-seed" + std::to_string(f->seed) + ".yaml");
   // What `oba-evpn-sim --check` does with the file, the broken chip still in place.
   Sim::SimLog quiet;
