@@ -64,8 +64,8 @@ class CauseFloodSm : public CauseMapping::NotifieeConst {
   };
   CauseFloodSm(Kiv::Ptr<const CauseMapping> m, const Kiv::Ptr<Mox::TaskScheduler>& scheduler) {
     notifierIs(m);
-    review_ = new KivReview(Mox::TimerTask::TimerTaskIs(scheduler, Mox::TaskPriority(2), "review"),
-                            this);
+    review_ =
+        new KivReview(Mox::TimerTask::TimerTaskIs(scheduler, Mox::TaskPriority(2), "review"), this);
   }
   void onHwId(const int& tep) override { program(tep); }
   void program(int tep) {
@@ -106,7 +106,7 @@ TEST_F(CauseWorld, ChainsCrossMachinesTheChipAndARetry) {
   // step; the machines that heard each write are left to the full chain.
   ASSERT_EQ(flood.chains.size(), 1u);
   EXPECT_EQ(flood.chains[0], (std::vector<std::string>{"CauseMapping: hwId 1 101",
-                                                      "CauseSegment 7: dfTep 10 1", "step 3"}));
+                                                       "CauseSegment 7: dfTep 10 1", "step 3"}));
   // Nothing outside the step's scope is caused by it.
   EXPECT_EQ(Kiv::causeNow(), nullptr);
 
@@ -119,10 +119,10 @@ TEST_F(CauseWorld, ChainsCrossMachinesTheChipAndARetry) {
                                       "step 3"}));
 
   // The full chain names the machines that heard each write.
-  EXPECT_EQ(flood.fullChains[0],
-            (std::vector<std::string>{"heard by CauseFloodSm", "CauseMapping: hwId 1 101",
-                                      "heard by CauseIdSm", "CauseSegment 7: dfTep 10 1",
-                                      "step 3"}));
+  EXPECT_EQ(
+      flood.fullChains[0],
+      (std::vector<std::string>{"heard by CauseFloodSm", "CauseMapping: hwId 1 101",
+                                "heard by CauseIdSm", "CauseSegment 7: dfTep 10 1", "step 3"}));
 
   // A removal says so.
   Kiv::CauseScope step(Kiv::causeOf(Kiv::Cause::Kind::outside, "step 4", nullptr));

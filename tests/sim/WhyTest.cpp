@@ -69,19 +69,19 @@ TEST(Why, ChainsAcrossMachinesARetryAndARestart) {
   const std::string input = "EthernetSegmentStatus Port-Channel10: designatedForwarderTep 10 ";
   const std::string step1 = "step 1 \"the peer becomes designated forwarder\"";
 
-  EXPECT_EQ(chainUnder(log, "createEsiData Ethernet2 vlan 10"),
-            (std::vector<std::string>{
-                input + "DynTunnel1.1",
-                "designatedForwarder: {segment: Port-Channel10, vlan: 10, tep: DynTunnel1.1}",
-                step1}));
+  EXPECT_EQ(
+      chainUnder(log, "createEsiData Ethernet2 vlan 10"),
+      (std::vector<std::string>{
+          input + "DynTunnel1.1",
+          "designatedForwarder: {segment: Port-Channel10, vlan: 10, tep: DynTunnel1.1}", step1}));
   // Five seconds later, outside any step, the retry names the refusal that parked it.
-  EXPECT_EQ(chainUnder(log, "createEsiData Ethernet2 vlan 10", 2),
-            (std::vector<std::string>{
-                "task reviewUnprogrammed runs at 6.000",
-                "the chip refused createEsiData Ethernet2 vlan 10 (code 1, a chipRefuse rule)",
-                input + "DynTunnel1.1",
-                "designatedForwarder: {segment: Port-Channel10, vlan: 10, tep: DynTunnel1.1}",
-                step1}));
+  EXPECT_EQ(
+      chainUnder(log, "createEsiData Ethernet2 vlan 10", 2),
+      (std::vector<std::string>{
+          "task reviewUnprogrammed runs at 6.000",
+          "the chip refused createEsiData Ethernet2 vlan 10 (code 1, a chipRefuse rule)",
+          input + "DynTunnel1.1",
+          "designatedForwarder: {segment: Port-Channel10, vlan: 10, tep: DynTunnel1.1}", step1}));
   // The flooding machine deletes because the tunnel-id machine's mapping row went, which went
   // because the input did.
   const auto del = chainUnder(log, "deleteEsiData Ethernet1 vlan 10");
@@ -131,8 +131,7 @@ steps:
   EXPECT_EQ(chain[0], "the chip answers macFec's FEC request FecId(0x800000000000001)");
   // Half a second after the request, from the chip's own task; the answer names the request's
   // write, not the task that happened to carry it.
-  EXPECT_EQ(chain[1].rfind("FecIdToHwFecIdRequest: hwFecIdRequest FecId(0x800000000000001)", 0),
-            0u)
+  EXPECT_EQ(chain[1].rfind("FecIdToHwFecIdRequest: hwFecIdRequest FecId(0x800000000000001)", 0), 0u)
       << chain[1];
   EXPECT_EQ(chain.back(), "step 1 \"a host behind label 1\"");
 
