@@ -4,6 +4,10 @@
 
 #include <benchmark/benchmark.h>
 
+#include <string_view>
+
+#include "Kiv/Cause.h"
+
 namespace Bench {
 
 enum class Flag { taken, other, bad };
@@ -11,10 +15,17 @@ enum class Flag { taken, other, bad };
 // Hands each argument to `own`, keeps those it answers `other` for Google Benchmark, and
 // initialises it. Answers false when `own` found one bad (having said why) or Google Benchmark
 // does not know one: the program then exits 2.
+//
+// Every program also takes --causes: the frame carries causes (Kiv/Cause.h) for the whole run, to
+// measure what they cost beside the default, where they are off.
 template <class Own>
 bool initialize(int& argc, char** argv, Own&& own) {
   int kept = 1;
   for (int i = 1; i < argc; ++i) {
+    if (std::string_view(argv[i]) == "--causes") {
+      Kiv::causingIs(true);
+      continue;
+    }
     switch (own(argv[i])) {
       case Flag::taken:
         break;

@@ -157,20 +157,24 @@ class Notifier {
   template <class F, class D>
   void kivDeliver(F&& f, D&& describe) const {
     if (!kivNotifiees_.size()) return;
+    if (causing()) [[unlikely]] return kivDeliverCaused(f, describe);
     Ptr<const PtrInterface> keep = keepAlive(static_cast<const Self*>(this));
-    if (causing()) [[unlikely]] {
-      CauseScope write(causeOf(Cause::Kind::write, describe()));
-      kivNotifiees_.deliver([&](NotifieeConstBase<Self>* n) {
-        CauseScope heard(causeOf(Cause::Kind::handler, "heard by " + causeTypeName(typeid(*n))));
-        f(static_cast<typename Self::NotifieeConst*>(n));
-      });
-      return;
-    }
     kivNotifiees_.deliver(
         [&](NotifieeConstBase<Self>* n) { f(static_cast<typename Self::NotifieeConst*>(n)); });
   }
 
  private:
+  // Out of line, so that the delivery every write makes stays as small as it was without causes.
+  template <class F, class D>
+  [[gnu::noinline, gnu::cold]] void kivDeliverCaused(F& f, D& describe) const {
+    Ptr<const PtrInterface> keep = keepAlive(static_cast<const Self*>(this));
+    CauseScope write(causeOf(Cause::Kind::write, describe()));
+    kivNotifiees_.deliver([&](NotifieeConstBase<Self>* n) {
+      CauseScope heard(causeOf(Cause::Kind::handler, "heard by " + causeTypeName(typeid(*n))));
+      f(static_cast<typename Self::NotifieeConst*>(n));
+    });
+  }
+
   friend class NotifieeConstBase<Self>;
   mutable NotifieeList<NotifieeConstBase<Self>> kivNotifiees_;
 };
