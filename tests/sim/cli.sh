@@ -4,6 +4,8 @@
 #             2, no log), naming the path and the reason
 #   verdict   --check ends a scenario with its PASS or FAIL line, an abort and a lost picture too
 #   realtime  SIGINT or SIGTERM on a paced run runs the rest at once: exit 0, the whole log
+#   why       --why's detail is checked, a pattern keeps only the chains of its lines, and a
+#             scenario file after --why is run rather than taken for a pattern
 set -u
 case_=$1 sim=$2 data=$3 tmp=$4
 fail() { echo "$*"; exit 1; }
@@ -61,6 +63,18 @@ realtime)
   # A pace so slow that the wait would overflow the clock is refused.
   "$sim" --quiet --realtime 1e-10 2>"$tmp/err"; s=$?
   [ $s -eq 2 ] && grep -q "0.001 to 1e6" "$tmp/err" || fail "--realtime 1e-10: $s $(cat "$tmp/err")"
+  ;;
+why)
+  "$sim" --quiet --why=loud 2>"$tmp/err"; s=$?
+  [ $s -eq 2 ] && grep -q "brief or full" "$tmp/err" || fail "--why=loud: $s $(cat "$tmp/err")"
+  # A pattern keeps the chains of the lines that hold it, and only theirs.
+  "$sim" --why 'deleteEsiData Ethernet2' >"$tmp/log" 2>"$tmp/err" || fail "--why PATTERN: $(cat "$tmp/err")"
+  grep -B1 "^ *because" "$tmp/log" | grep -v "^ *because\|^--" | grep -v "deleteEsiData Ethernet2" &&
+    fail "a chain under a line without the pattern: $(cat "$tmp/log")"
+  grep -q '^ *because step [0-9]* "' "$tmp/log" || fail "no step in the chain: $(cat "$tmp/log")"
+  # A scenario file after --why is run, not taken for a pattern.
+  "$sim" --why "$data/wrong-expectation.yaml" >"$tmp/log" 2>"$tmp/err" || fail "--why FILE: $(cat "$tmp/err")"
+  grep -q "^ *because" "$tmp/log" || fail "--why FILE: no chains: $(cat "$tmp/log")"
   ;;
 *)
   fail "unknown case $case_"
