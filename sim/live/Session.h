@@ -1,0 +1,70 @@
+#pragma once
+// The agent driven by a live route stream, in real time: the local configuration's inputs, the
+// agent started over them, then each line of the stream translated and applied at the wall
+// clock's time, the agent's clock following the wall clock in between so that its reviews run
+// when they fall due. A stream that ends is told; the chip keeps what it holds; the stream is
+// started again with a growing pause, and on its return its table is the reference: a route held
+// from before that the speaker has not given again is withdrawn once `staleAfter` seconds pass
+// without the stream giving back any held route (the speaker's peers come back one by one after
+// it restarts, each a few seconds after the last).
+//
+// What the session applied is a scenario (`recorded()`): the configuration's actions as the
+// initial ones, each batch a step at its time, so that a replay goes through the same actions.
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "sim/HostAgent.h"
+#include "sim/Scenario.h"
+#include "sim/live/LiveConfig.h"
+#include "sim/live/Monitor.h"
+#include "sim/live/Translator.h"
+
+namespace Live {
+
+struct SessionOptions {
+  std::vector<std::string> command;  // the stream's command and its arguments
+  double staleAfter = 30;
+  std::string publish;  // the agent's tables in shared memory under this name (empty: none)
+};
+
+// The default stream: gobgp's monitor of the EVPN table, after `args` (the speaker's address).
+std::vector<std::string> monitorCommand(const std::vector<std::string>& args);
+
+class Session {
+ public:
+  Session(const Config& config, Sim::SimLog& log, SessionOptions options);
+  // One turn of the loop: waits up to `wait` seconds (less when a review falls due sooner) for
+  // the stream, applies what it gave, and moves the agent's clock to the wall clock.
+  void turn(double wait);
+  // Seconds since the session began, to the millisecond: the agent's time.
+  double now() const;
+
+  Sim::HostAgent& agent() { return *agent_; }
+  const Translator& translator() const { return translator_; }
+  bool streamUp() const { return monitor_.running() && tableSeen_; }
+  // Batches of actions applied so far (the steps of `recorded()`).
+  std::size_t batches() const { return recorded_.steps.size(); }
+  const Sim::Scenario& recorded() const { return recorded_; }
+
+ private:
+  void line(const std::string& text);
+  void apply(Actions&& actions, const std::string& note);
+  void streamEnded();
+
+  const Config& config_;
+  Sim::SimLog& log_;
+  SessionOptions options_;
+  std::chrono::steady_clock::time_point start_;
+  std::unique_ptr<Sim::HostAgent> agent_;
+  Translator translator_;
+  Monitor monitor_;
+  Sim::Scenario recorded_;
+  bool tableSeen_ = false;  // the running stream's first line (its table) has come
+  bool resyncing_ = false;  // held routes wait to be confirmed by the returned stream
+  double upSince_ = 0, lastConfirmed_ = 0, restartAt_ = 0, backoff_ = 0.5;
+};
+
+}  // namespace Live
