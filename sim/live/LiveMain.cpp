@@ -21,8 +21,9 @@ namespace {
 
 const char* const usage = R"(usage: oba-evpn-sim live CONFIG [options]
 
-Runs the agent in real time over the software chip, driven by a BGP speaker's EVPN table: a child
-process streams the table (gobgp monitor global rib -a evpn --current -j), each route is
+Runs the agent in real time over the software chip, driven by a BGP speaker's EVPN table: child
+processes stream the table's changes (gobgp monitor global rib -a evpn -j) and give the whole
+table (gobgp global rib -a evpn -j), each route is
 translated into the agent's inputs, and every chip call is logged as a scenario's are. CONFIG is
 this switch's local configuration (YAML: address, segments, vlans; README, "Drive it from BGP").
 If the stream ends the agent says so, keeps the chip as it is, starts the stream again, and
@@ -31,7 +32,8 @@ resynchronises from the speaker's table. SIGINT or SIGTERM ends it cleanly.
 options:
   --gobgp-args 'ARGS'  the gobgp command line's arguments before 'monitor', split at spaces
                        (e.g. '-u 127.0.0.11 -p 15051'; default none: gobgp's own defaults)
-  --command 'CMD'      another command whose output is a stream of the same JSON lines
+  --command 'CMD'      another command whose output is a stream of the same JSON lines, the
+                       first of them the whole table
   --stale-after S      after the stream returns, the routes it has not given again are withdrawn
                        once it has given back none for S seconds (default 30)
   --for S              end after S seconds
@@ -132,7 +134,11 @@ int liveMain(int argc, char** argv) {
   } catch (const Kiv::RangeException& e) {
     return refuse(std::string("--trace: ") + e.what());
   }
-  if (options.command.empty()) options.command = monitorCommand(gobgpArgs);
+  if (options.command.empty()) {
+    const auto gobgp = gobgpStream(gobgpArgs);
+    options.command = gobgp.command;
+    options.tableCommand = gobgp.tableCommand;
+  }
 
   Sim::SimLog log(quiet ? nullptr : &std::cout,
                   json ? Sim::SimLog::Format::json : Sim::SimLog::Format::text);

@@ -11,13 +11,17 @@ namespace {
 constexpr double longestBackoff = 8;
 }
 
-std::vector<std::string> monitorCommand(const std::vector<std::string>& args) {
-  std::vector<std::string> c{"gobgp"};
-  c.insert(c.end(), args.begin(), args.end());
-  for (const char* a : {"monitor", "global", "rib", "-a", "evpn", "--current", "-j"}) {
-    c.push_back(a);
-  }
-  return c;
+SessionOptions gobgpStream(const std::vector<std::string>& args) {
+  auto command = [&](std::initializer_list<const char*> words) {
+    std::vector<std::string> c{"gobgp"};
+    c.insert(c.end(), args.begin(), args.end());
+    c.insert(c.end(), words.begin(), words.end());
+    return c;
+  };
+  SessionOptions o;
+  o.command = command({"monitor", "global", "rib", "-a", "evpn", "-j"});
+  o.tableCommand = command({"global", "rib", "-a", "evpn", "-j"});
+  return o;
 }
 
 Session::Session(const Config& config, Sim::SimLog& log, SessionOptions options)
@@ -27,7 +31,8 @@ Session::Session(const Config& config, Sim::SimLog& log, SessionOptions options)
       start_(std::chrono::steady_clock::now()),
       agent_(std::make_unique<Sim::HostAgent>(&log)),
       translator_(config),
-      monitor_(options_.command) {
+      monitor_(options_.command),
+      table_(options_.tableCommand) {
   if (!options_.publish.empty()) agent_->publish(options_.publish);
   translator_.onFirstUnusable = [this](const std::string& reason, const std::string& key) {
     log_.add(agent_->now(), "live",
@@ -54,7 +59,10 @@ double Session::now() const {
 void Session::turn(double wait) {
   if (!monitor_.running() && now() >= restartAt_) {
     tableSeen_ = false;
-    if (monitor_.start()) {
+    waiting_.clear();
+    tableText_.clear();
+    // The stream first, then the table: no change falls between them.
+    if (monitor_.start() && (options_.tableCommand.empty() || table_.start())) {
       std::string cmd;
       for (const auto& a : monitor_.command()) cmd += (cmd.empty() ? "" : " ") + a;
       log_.add(now(), "live", "stream: " + cmd);
@@ -67,19 +75,16 @@ void Session::turn(double wait) {
   if (!due.empty())
     wait = std::min(wait, std::max(0.0, *std::min_element(due.begin(), due.end()) - now()));
   if (!monitor_.running()) wait = std::min(wait, std::max(0.0, restartAt_ - now()));
-  pollfd p{monitor_.fd(), POLLIN, 0};
-  poll(&p, monitor_.running() ? 1 : 0, static_cast<int>(std::ceil(wait * 1000)));
+  pollfd p[2] = {{monitor_.fd(), POLLIN, 0}, {table_.fd(), POLLIN, 0}};
+  poll(p, monitor_.running() ? (table_.fd() >= 0 ? 2 : 1) : 0,
+       static_cast<int>(std::ceil(wait * 1000)));
 
-  if (monitor_.running()) {
-    std::vector<std::string> lines;
-    const bool open = monitor_.read(lines);
-    const auto confirmed = translator_.confirmed();
-    for (const auto& l : lines) line(l);
-    // The speaker's peers come back one by one: each that gives held routes again puts the
-    // withdrawal of the rest off.
-    if (translator_.confirmed() != confirmed) lastConfirmed_ = now();
-    if (!open) streamEnded();
-  }
+  const auto confirmed = translator_.confirmed();
+  if (table_.fd() >= 0) readTable();
+  if (monitor_.running()) readStream();
+  // The speaker's peers come back one by one: each that gives held routes again puts the
+  // withdrawal of the rest off.
+  if (translator_.confirmed() != confirmed) lastConfirmed_ = now();
   if (resyncing_ && tableSeen_ &&
       now() - std::max(upSince_, lastConfirmed_) >= options_.staleAfter) {
     resyncing_ = false;
@@ -91,6 +96,58 @@ void Session::turn(double wait) {
   }
   agent_->advanceTo(now());
   agent_->syncPublished();
+}
+
+void Session::readStream() {
+  std::vector<std::string> lines;
+  const bool open = monitor_.read(lines);
+  for (auto& l : lines) {
+    if (tableSeen_ || options_.tableCommand.empty()) {
+      line(l);
+    } else {
+      waiting_.push_back(std::move(l));
+    }
+  }
+  if (!open) streamEnded();
+}
+
+void Session::readTable() {
+  std::vector<std::string> lines;
+  if (table_.read(lines)) {
+    for (const auto& l : lines) tableText_ += l;
+    return;
+  }
+  for (const auto& l : lines) tableText_ += l;
+  // The table: route keys, each with its paths; the best one is what the monitor follows.
+  auto j = nlohmann::json::parse(tableText_, nullptr, false);
+  tableText_.clear();
+  if (!j.is_object() || j.contains("error")) {
+    log_.add(now(), "live",
+             "stream: no table (" + (j.is_object() ? j["error"].dump() : table_.ended()) + ")");
+    monitor_.stop();
+    streamEnded();
+    return;
+  }
+  nlohmann::json best = nlohmann::json::array();
+  for (auto& [key, paths] : j.items()) {
+    if (!paths.is_array() || paths.empty()) continue;
+    auto b = std::find_if(paths.begin(), paths.end(),
+                          [](const auto& p) { return p.is_object() && p.value("best", false); });
+    best.push_back(std::move(b != paths.end() ? *b : paths.front()));
+  }
+  table(best);
+  auto waiting = std::move(waiting_);
+  waiting_.clear();
+  for (const auto& l : waiting) line(l);
+}
+
+void Session::table(const nlohmann::json& paths) {
+  tableSeen_ = true;
+  upSince_ = now();
+  backoff_ = 0.5;
+  Actions out;
+  translator_.table(paths, out);
+  apply(std::move(out), "the speaker's table, " + std::to_string(paths.size()) + " paths");
 }
 
 void Session::line(const std::string& text) {
@@ -106,20 +163,14 @@ void Session::line(const std::string& text) {
     log_.add(now(), "live", "stream: the speaker's client says " + j["error"].dump());
     return;
   }
+  if (!tableSeen_) return table(j.is_array() ? j : nlohmann::json::array({j}));
   Actions out;
-  std::string note;
-  if (!tableSeen_) {
-    tableSeen_ = true;
-    upSince_ = now();
-    backoff_ = 0.5;
-    note = "the speaker's table, " + std::to_string(j.is_array() ? j.size() : 0) + " paths";
-    translator_.table(j, out);
-  } else if (j.is_array()) {
+  if (j.is_array()) {
     for (const auto& p : j) translator_.path(p, out);
   } else {
     translator_.path(j, out);
   }
-  apply(std::move(out), note);
+  apply(std::move(out), "");
 }
 
 void Session::apply(Actions&& actions, const std::string& note) {
@@ -138,6 +189,7 @@ void Session::apply(Actions&& actions, const std::string& note) {
 }
 
 void Session::streamEnded() {
+  table_.stop();
   log_.add(now(), "live",
            "stream ended (" + monitor_.ended() + "): the chip keeps what it holds; again in " +
                std::to_string(backoff_).substr(0, 3) + " s");

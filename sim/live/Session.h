@@ -8,6 +8,12 @@
 // without the stream giving back any held route (the speaker's peers come back one by one after
 // it restarts, each a few seconds after the last).
 //
+// gobgp's monitor can give the whole table as its first line (--current), but the speaker's API
+// refuses a message over 4 MiB, which a table of some thousands of routes exceeds. So the table
+// comes from a second child, `gobgp global rib -a evpn -j`, started once the monitor runs: the
+// monitor's lines wait until the table is applied, then follow it (a change that both show is
+// applied twice, which changes nothing the second time).
+//
 // What the session applied is a scenario (`recorded()`): the configuration's actions as the
 // initial ones, each batch a step at its time, so that a replay goes through the same actions.
 
@@ -25,13 +31,18 @@
 namespace Live {
 
 struct SessionOptions {
-  std::vector<std::string> command;  // the stream's command and its arguments
+  // The stream's command and its arguments: each line a JSON array of paths.
+  std::vector<std::string> command;
+  // The command that prints the whole table as one JSON object (route key to its paths), started
+  // with each stream; empty: the stream's first line is the table.
+  std::vector<std::string> tableCommand;
   double staleAfter = 30;
   std::string publish;  // the agent's tables in shared memory under this name (empty: none)
 };
 
-// The default stream: gobgp's monitor of the EVPN table, after `args` (the speaker's address).
-std::vector<std::string> monitorCommand(const std::vector<std::string>& args);
+// gobgp's commands for the speaker `args` names ("-u 127.0.0.11 -p 15051"): its monitor of the
+// EVPN table, and the table.
+SessionOptions gobgpStream(const std::vector<std::string>& args);
 
 class Session {
  public:
@@ -50,7 +61,10 @@ class Session {
   const Sim::Scenario& recorded() const { return recorded_; }
 
  private:
+  void readStream();
+  void readTable();
   void line(const std::string& text);
+  void table(const nlohmann::json& paths);
   void apply(Actions&& actions, const std::string& note);
   void streamEnded();
 
@@ -60,9 +74,11 @@ class Session {
   std::chrono::steady_clock::time_point start_;
   std::unique_ptr<Sim::HostAgent> agent_;
   Translator translator_;
-  Monitor monitor_;
+  Monitor monitor_, table_;
+  std::vector<std::string> waiting_;  // the stream's lines that came before the table
+  std::string tableText_;
   Sim::Scenario recorded_;
-  bool tableSeen_ = false;  // the running stream's first line (its table) has come
+  bool tableSeen_ = false;  // the running stream's table has come
   bool resyncing_ = false;  // held routes wait to be confirmed by the returned stream
   double upSince_ = 0, lastConfirmed_ = 0, restartAt_ = 0, backoff_ = 0.5;
 };

@@ -113,7 +113,9 @@ TEST(LiveLab, RealSpeakersEndWhereTheScenarioEnds) {
   const Live::Config config = Live::readConfig(speakers.dir() + "/live.yaml");
   Sim::SimLog quiet;
   Kiv::ThrowingAssertions throwing;
-  Live::Session session(config, quiet, {Live::monitorCommand(speaker), 10, ""});
+  auto stream = Live::gobgpStream(speaker);
+  stream.staleAfter = 10;
+  Live::Session session(config, quiet, stream);
   EXPECT_EQ(settle(session, expected.at("fabric"), 20), expected.at("fabric"));
   for (const std::string phase : {"dfMoves", "macMoves", "floodLeaves", "speakerRestart"}) {
     const pid_t pid = speakers.spawn(phase);
