@@ -11,6 +11,8 @@
 #   scripts/lab.sh phase NAME DIR one phase of the story: fabric, dfMoves, macMoves,
 #                                 floodLeaves, speakerRestart
 #   scripts/lab.sh down DIR       stop every speaker DIR names, by pid
+#   scripts/lab.sh bench [MACS]   the speaker's own time to deliver MACS (default 100000) MAC
+#                                 routes over 4094 VLANs, beside the agent's (bench/live_routes)
 #
 # LAB_NET (default 10) places the speakers at 127.0.0.<LAB_NET+1..4>, so that two labs (the
 # test's and a person's) do not meet; LAB_PORT (default 11179) is their BGP port, LAB_API
@@ -98,10 +100,13 @@ up() {
 }
 
 down() {
-  local dir=$1 f
+  local dir=$1 f pid
   for f in "$dir"/*.pid; do
     [ -e "$f" ] || continue
-    kill "$(cat "$f")" 2>/dev/null || true
+    pid=$(cat "$f")
+    kill "$pid" 2>/dev/null || true
+    # Gone before the next lab takes its addresses.
+    for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
     rm -f "$f"
   done
 }
@@ -214,8 +219,33 @@ story() {
   echo "lab: the agent's inputs, as a scenario: $dir/recorded.yaml"
 }
 
+# This switch's speaker alone, fed by bench/live_feed.py: how long the speaker takes to take in
+# MACS routes and its monitor to deliver them, and how long the agent takes for the same lines.
+bench() {
+  local macs=${1:-100000} vlans=4094 dir feed bin=build/default/bench/live_routes n=0
+  dir=$(mktemp -d /tmp/oba-lab-bench.XXXXXX)
+  labDir=$dir
+  trap 'down "$labDir"; rm -rf "$labDir"' EXIT
+  feed=$(addr 5)
+  speakerConfig "$local_" "$feed" >"$dir/local.toml"
+  startSpeaker "$dir" local "$local_"
+  alive "$dir" local
+  local start=$SECONDS
+  python3 "$(dirname "$0")/../bench/live_feed.py" "$feed" "$local_" "$bgpPort" "$macs" "$vlans" &
+  echo $! >"$dir/feed.pid"
+  until [ "$n" -ge "$macs" ]; do
+    sleep 0.5
+    n=$(gobgpOf "$local_" global rib -a evpn summary | sed -n 's/.*Path: \([0-9]*\).*/\1/p')
+    n=${n:-0}
+    [ $((SECONDS - start)) -lt 600 ] || { echo "lab: the speaker has $n of $macs routes" >&2; return 1; }
+  done
+  echo "lab: the speaker holds $n routes, $((SECONDS - start)) s after the feed started"
+  "$bin" --live_world="$macs,$vlans,64" --live_speaker="-u $local_ -p $apiPort"
+}
+
 case ${1:-} in
 up | down | config) "$1" "$2" ;;
+bench) shift; bench "$@" ;;
 phase) phase "$2" "$3" ;;
 *) story "$@" ;;
 esac
