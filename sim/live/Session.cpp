@@ -39,7 +39,7 @@ Session::Session(const Config& config, Sim::SimLog& log, SessionOptions options)
              "route not used: " + reason + " (" + key + "); routes like it are counted");
   };
   recorded_.file = config.file;
-  recorded_.name = "live: " + config.file;
+  recorded_.name = "live run over " + config.file;
   recorded_.description = "what the live path applied, as a scenario";
   recorded_.families = agent_->families();
   recorded_.initial = configActions(config);

@@ -120,7 +120,9 @@ void Translator::path(const nlohmann::json& p, Actions& out) {
   try {
     r = readRoute(p);
   } catch (const RouteError& e) {
-    unusable(e.what(), r.key.empty() ? p.dump().substr(0, 120) : r.key);
+    // The route named by its NLRI, as far as there is one.
+    const auto* nlri = p.is_object() && p.contains("nlri") ? &p["nlri"] : &p;
+    unusable(e.what(), nlri->dump().substr(0, 160));
     return;
   }
   if (r.withdrawal) {
