@@ -68,13 +68,9 @@ int liveMain(int argc, char** argv) {
   bool json = false, quiet = false;
   for (int i = 2; i < argc; ++i) {
     const std::string a = argv[i];
-    auto value = [&](const char* what) -> const char* {
-      if (i + 1 >= argc) return nullptr;
-      (void)what;
-      return argv[++i];
-    };
+    auto value = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
     auto seconds = [&](double& out) {
-      const char* v = value("S");
+      const char* v = value();
       char* end = nullptr;
       out = v ? std::strtod(v, &end) : -1;
       return v && end != v && *end == '\0' && out >= 0 && out <= 1e6;
@@ -87,7 +83,7 @@ int liveMain(int argc, char** argv) {
     } else if (a == "--quiet") {
       quiet = true;
     } else if (a == "--gobgp-args" || a == "--command") {
-      const char* v = value("ARGS");
+      const char* v = value();
       if (!v) return refuse(a + " needs its words");
       (a == "--command" ? options.command : gobgpArgs) = words(v);
       if (a == "--command" && options.command.empty()) return refuse("--command is empty");
@@ -96,7 +92,7 @@ int liveMain(int argc, char** argv) {
         return refuse(a + " needs a number of seconds (0 to 1e6)");
       }
     } else if (a == "--record" || a == "--dot" || a == "--trace" || a == "--publish") {
-      const char* v = value("FILE");
+      const char* v = value();
       if (!v) return refuse(a + " needs a value");
       (a == "--record"  ? record
        : a == "--dot"   ? dot

@@ -213,10 +213,12 @@ void Translator::on(const std::string& key, const Use& u, Actions& out) {
       elect(*u.segment, out);
       break;
     case autoDiscovery: {
+      // The edge's label is that of its first route (by key): told when that one changes.
       auto& labels = esiLabels_[{u.segment, u.edge}];
-      const bool changed = labels.empty() || labels.begin()->second != u.label;
+      const std::optional<std::uint32_t> before =
+          labels.empty() ? std::nullopt : std::optional(labels.begin()->second);
       labels[key] = u.label;
-      if (changed) {
+      if (before != labels.begin()->second) {
         out.push_back(tunnelEsi::action(tunnelEsi::RemoteEsiLabel{
             u.segment->intf, tunnelOf(u.edge),
             Evpn::EncapTypeLabel::mpls(Quil::MplsLabel(labels.begin()->second))}));

@@ -176,6 +176,15 @@ TEST(LiveTranslator, UnusableRoutesLoseNothingAndATableResynchronises) {
     if (a["type"] == 16) a["value"][1]["tunnel_type"] = 8;
   }
   EXPECT_TRUE(s.line(vxlan).empty());
+  // .32's ESI label changes: told again; the same route again changes nothing.
+  json relabel = lines[3];
+  for (auto& a : relabel[0]["attrs"]) {
+    if (a["type"] == 16) a["value"][2]["label"] = 3999;
+  }
+  EXPECT_EQ(s.line(relabel),
+            (std::vector<std::string>{"remoteEsiLabel: {segment: Port-Channel10, tep: " + e32 +
+                                      ", label: mpls:3999}"}));
+  EXPECT_TRUE(s.line(relabel).empty());
   json noMac = lines[15];
   noMac[0]["nlri"]["value"]["mac"] = "02:00:zz:00:03:01";
   json noLabels = lines[15];
@@ -196,12 +205,13 @@ TEST(LiveTranslator, UnusableRoutesLoseNothingAndATableResynchronises) {
                 "floodSetDestDel: {vlan: 10, dest: 'mpls(Tunnel1.2130706464, 1010)'}"}));
 
   // The stream comes back with its table as it is at the story's end: what is held is confirmed,
-  // .32's VLAN 10 member comes again and the MAC .32 now advertises too is a second path; what
-  // the table lacks is withdrawn only when the session says so.
+  // .32's ESI label is 3001 again, its VLAN 10 member comes again and the MAC .32 now advertises
+  // too is a second path; what the table lacks is withdrawn only when the session says so.
   s.t.markStale();
   const auto current = recorded("monitor-current.json")[0];
   EXPECT_EQ(s.table(current),
             (std::vector<std::string>{
+                "remoteEsiLabel: {segment: Port-Channel10, tep: " + e32 + ", label: mpls:3001}",
                 "loadBalance: {id: 2, next: [label/2, label/1]}",
                 "host: {vlan: 10, mac: 02:00:00:00:03:01, to: loadBalance/2}",
                 "floodSetDest: {vlan: 10, dest: 'mpls(Tunnel1.2130706464, 1010)'}"}));
