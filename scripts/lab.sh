@@ -17,7 +17,9 @@
 # LAB_NET (default 10) places the speakers at 127.0.0.<LAB_NET+1..4>, so that two labs (the
 # test's and a person's) do not meet; LAB_PORT (default 11179) is their BGP port, LAB_API
 # (default 15051) their API port; LAB_PAUSE (default 0) the seconds between the route changes of
-# one phase. Nothing listens beyond 127.0.0.x.
+# one phase. For bench: LAB_POLL (default 2) the seconds between two looks at the speaker's table
+# (a look slows its intake), LAB_WAIT (default 600) how long it may take. Nothing listens beyond
+# 127.0.0.x.
 set -euo pipefail
 net=${LAB_NET:-10} bgpPort=${LAB_PORT:-11179} apiPort=${LAB_API:-15051} pause=${LAB_PAUSE:-0}
 addr() { echo "127.0.0.$((net + $1))"; }  # 1: this switch, 2-4: the remote edges
@@ -234,10 +236,11 @@ bench() {
   python3 "$(dirname "$0")/../bench/live_feed.py" "$feed" "$local_" "$bgpPort" "$macs" "$vlans" &
   echo $! >"$dir/feed.pid"
   until [ "$n" -ge "$macs" ]; do
-    sleep 0.5
+    sleep "${LAB_POLL:-2}"
     n=$(gobgpOf "$local_" global rib -a evpn summary | sed -n 's/.*Path: \([0-9]*\).*/\1/p')
     n=${n:-0}
-    [ $((SECONDS - start)) -lt 600 ] || { echo "lab: the speaker has $n of $macs routes" >&2; return 1; }
+    [ $((SECONDS - start)) -lt "${LAB_WAIT:-600}" ] ||
+      { echo "lab: the speaker has $n of $macs routes after ${LAB_WAIT:-600} s" >&2; return 1; }
   done
   echo "lab: the speaker holds $n routes, $((SECONDS - start)) s after the feed started"
   "$bin" --live_world="$macs,$vlans,64" --live_speaker="-u $local_ -p $apiPort"
