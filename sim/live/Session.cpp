@@ -9,7 +9,8 @@ namespace Live {
 
 namespace {
 constexpr double longestBackoff = 8;
-}
+constexpr double tableDelay = 0.3;
+}  // namespace
 
 SessionOptions gobgpStream(const std::vector<std::string>& args) {
   auto command = [&](std::initializer_list<const char*> words) {
@@ -61,12 +62,22 @@ void Session::turn(double wait) {
     tableSeen_ = false;
     waiting_.clear();
     tableText_.clear();
-    // The stream first, then the table: no change falls between them.
-    if (monitor_.start() && (options_.tableCommand.empty() || table_.start())) {
+    if (monitor_.start()) {
       std::string cmd;
       for (const auto& a : monitor_.command()) cmd += (cmd.empty() ? "" : " ") + a;
       log_.add(now(), "live", "stream: " + cmd);
+      // The stream first, then the table, a moment later: the monitor has subscribed by then (it
+      // takes some milliseconds), so that no change falls between the two.
+      tableAt_ = options_.tableCommand.empty() ? -1 : now() + tableDelay;
     } else {
+      streamEnded();
+    }
+  }
+  if (tableAt_ >= 0 && now() >= tableAt_ && monitor_.running()) {
+    tableAt_ = -1;
+    if (!table_.start()) {
+      log_.add(now(), "live", "stream: no table (" + table_.ended() + ")");
+      monitor_.stop();
       streamEnded();
     }
   }
@@ -75,6 +86,7 @@ void Session::turn(double wait) {
   if (!due.empty())
     wait = std::min(wait, std::max(0.0, *std::min_element(due.begin(), due.end()) - now()));
   if (!monitor_.running()) wait = std::min(wait, std::max(0.0, restartAt_ - now()));
+  if (tableAt_ >= 0) wait = std::min(wait, std::max(0.0, tableAt_ - now()));
   pollfd p[2] = {{monitor_.fd(), POLLIN, 0}, {table_.fd(), POLLIN, 0}};
   poll(p, monitor_.running() ? (table_.fd() >= 0 ? 2 : 1) : 0,
        static_cast<int>(std::ceil(wait * 1000)));
@@ -190,6 +202,7 @@ void Session::apply(Actions&& actions, const std::string& note) {
 
 void Session::streamEnded() {
   table_.stop();
+  tableAt_ = -1;
   log_.add(now(), "live",
            "stream ended (" + monitor_.ended() + "): the chip keeps what it holds; again in " +
                std::to_string(backoff_).substr(0, 3) + " s");

@@ -10,9 +10,9 @@
 //
 // gobgp's monitor can give the whole table as its first line (--current), but the speaker's API
 // refuses a message over 4 MiB, which a table of some thousands of routes exceeds. So the table
-// comes from a second child, `gobgp global rib -a evpn -j`, started once the monitor runs: the
-// monitor's lines wait until the table is applied, then follow it (a change that both show is
-// applied twice, which changes nothing the second time).
+// comes from a second child, `gobgp global rib -a evpn -j`, started 0.3 s after the monitor (which
+// has subscribed by then): the monitor's lines wait until the table is applied, then follow it (a
+// change that both show is applied twice, which changes nothing the second time).
 //
 // What the session applied is a scenario (`recorded()`): the configuration's actions as the
 // initial ones, each batch a step at its time, so that a replay goes through the same actions.
@@ -81,6 +81,7 @@ class Session {
   bool tableSeen_ = false;  // the running stream's table has come
   bool resyncing_ = false;  // held routes wait to be confirmed by the returned stream
   double upSince_ = 0, lastConfirmed_ = 0, restartAt_ = 0, backoff_ = 0.5;
+  double tableAt_ = -1;  // when to start the table's child (-1: not now)
 };
 
 }  // namespace Live
