@@ -31,7 +31,10 @@ void readAttrs(const json& attrs, Route& r, std::string& content) {
   for (const auto& a : attrs) {
     const int type = a.at("type").get<int>();
     if (type == 14) {
+      // Its `value` lists every NLRI of the update the path came in: only the next hop is its own.
       r.nexthop = address(a.at("nexthop"), "next hop");
+      content += "nexthop " + a.at("nexthop").get<std::string>();
+      continue;
     } else if (type == 16) {
       for (const auto& c : a.at("value")) {
         const int ct = c.at("type").get<int>(), sub = c.value("subtype", -1);
