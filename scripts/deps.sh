@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, only those that are missing.
-#   scripts/deps.sh          the default and asan builds
+#   scripts/deps.sh          the default and asan builds (gobgpd: the BGP speakers of the live
+#                            path's lab and test)
 #   scripts/deps.sh fuzz     and clang with libFuzzer, for the fuzz preset
 set -euo pipefail
-packages=(cmake ninja-build g++ clang-format libgtest-dev libgmock-dev libbenchmark-dev libyaml-cpp-dev graphviz)
+packages=(cmake ninja-build g++ clang-format libgtest-dev libgmock-dev libbenchmark-dev libyaml-cpp-dev graphviz
+          nlohmann-json3-dev gobgpd)
 if [ "${1:-}" = fuzz ]; then
   # libFuzzer ships with clang's runtime libraries (libclang_rt.fuzzer), in a package of their
   # own: that of Debian 12's clang, 14.

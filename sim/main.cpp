@@ -24,12 +24,14 @@
 #include "sim/ScenarioRunner.h"
 #include "sim/ScenarioText.h"
 #include "sim/SimLog.h"
+#include "sim/live/LiveMain.h"
 
 namespace {
 
 const char* const usage = R"(usage: oba-evpn-sim [options] [FILE...]
        oba-evpn-sim fuzz [options]     randomized convergence (oba-evpn-sim fuzz --help)
        oba-evpn-sim explore [options]  every order of events in small worlds (explore --help)
+       oba-evpn-sim live CONFIG [options]  driven by a BGP speaker's EVPN table (live --help)
 
 Replays scenario files (YAML, see docs/scenario-format.md) through the EVPN state machines, a
 host agent and a software chip, in virtual time, and logs every chip call and output-table write.
@@ -105,6 +107,7 @@ std::string outputProblem(const char* option, const std::string& path, bool fold
 int main(int argc, char** argv) {
   if (argc > 1 && std::strcmp(argv[1], "fuzz") == 0) return Sim::fuzzMain(argc, argv);
   if (argc > 1 && std::strcmp(argv[1], "explore") == 0) return Sim::exploreMain(argc, argv);
+  if (argc > 1 && std::strcmp(argv[1], "live") == 0) return Live::liveMain(argc, argv);
   Sim::RunOptions options;
   bool json = false, quiet = false, hold = false;
   std::string trace;

@@ -157,7 +157,8 @@ class Notifier {
   template <class F, class D>
   void kivDeliver(F&& f, D&& describe) const {
     if (!kivNotifiees_.size()) return;
-    if (causing()) [[unlikely]] return kivDeliverCaused(f, describe);
+    if (causing()) [[unlikely]]
+      return kivDeliverCaused(f, describe);
     Ptr<const PtrInterface> keep = keepAlive(static_cast<const Self*>(this));
     kivNotifiees_.deliver(
         [&](NotifieeConstBase<Self>* n) { f(static_cast<typename Self::NotifieeConst*>(n)); });
