@@ -18,12 +18,7 @@ HostAgent::HostAgent(SimLog* log, const Families& families)
   // agent itself.
   chip->callListenerIs([this](const SoftwareChip::Call& c) {
     calls_.push_back(c.text);
-    if (c.caller) {
-      lastMachineCall_.assign(c.caller).append(": ").append(c.text);
-      if (Kiv::causing()) {
-        lastMachineCallCauses_ = Kiv::causeChain(Kiv::causeNow().ptr(), why_.detail);
-      }
-    }
+    if (c.caller) lastMachineCall_.assign(c.caller).append(": ").append(c.text);
     if (!log_->enabled()) return;
     const std::string source = c.caller ? std::string(c.caller) + ">chip" : "agent>chip";
     log_->add(now(), source, c.text, causesFor(source, c.text, false));

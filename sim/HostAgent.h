@@ -70,9 +70,6 @@ class HostAgent {
   // `skipWrite` links (an output write's own link is the line itself); empty when not asked for.
   std::vector<std::string> causesFor(std::string_view source, std::string_view text,
                                      bool skipWrite) const;
-  // The chain of the last chip call a machine made (when causes are carried), for a report of
-  // what broke a check.
-  const std::vector<std::string>& lastMachineCallCauses() const { return lastMachineCallCauses_; }
 
   // The last chip call a machine made, as "<machine>: <call text>", or empty: what a broken
   // invariant right after a chip's answer is reported with.
@@ -111,7 +108,6 @@ class HostAgent {
   std::unique_ptr<Publisher> publisher_;
   std::vector<std::string> calls_;
   std::string lastMachineCall_;
-  std::vector<std::string> lastMachineCallCauses_;
   Why why_;
 };
 

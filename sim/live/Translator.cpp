@@ -205,6 +205,13 @@ void Translator::dropStale(Actions& out) {
   for (const auto& key : stale) withdraw(key, out);
 }
 
+// An edge's ESI label for a segment, as the agent is told it: when its first route comes, and
+// when the first route changes.
+void Translator::esiLabelTold(const Use& u, std::uint32_t label, Actions& out) {
+  out.push_back(tunnelEsi::action(tunnelEsi::RemoteEsiLabel{
+      u.segment->intf, tunnelOf(u.edge), Evpn::EncapTypeLabel::mpls(Quil::MplsLabel(label))}));
+}
+
 void Translator::on(const std::string& key, const Use& u, Actions& out) {
   if (!u.effect) return;
   switch (u.type) {
@@ -218,11 +225,7 @@ void Translator::on(const std::string& key, const Use& u, Actions& out) {
       const std::optional<std::uint32_t> before =
           labels.empty() ? std::nullopt : std::optional(labels.begin()->second);
       labels[key] = u.label;
-      if (before != labels.begin()->second) {
-        out.push_back(tunnelEsi::action(tunnelEsi::RemoteEsiLabel{
-            u.segment->intf, tunnelOf(u.edge),
-            Evpn::EncapTypeLabel::mpls(Quil::MplsLabel(labels.begin()->second))}));
-      }
+      if (before != labels.begin()->second) esiLabelTold(u, labels.begin()->second, out);
       break;
     }
     case inclusiveMulticast: {
@@ -262,9 +265,7 @@ void Translator::off(const std::string& key, const Use& u, Actions& out) {
         out.push_back(
             tunnelEsi::action(tunnelEsi::RemoteEsiLabelDel{u.segment->intf, tunnelOf(u.edge)}));
       } else if (labels.begin()->second != before) {
-        out.push_back(tunnelEsi::action(tunnelEsi::RemoteEsiLabel{
-            u.segment->intf, tunnelOf(u.edge),
-            Evpn::EncapTypeLabel::mpls(Quil::MplsLabel(labels.begin()->second))}));
+        esiLabelTold(u, labels.begin()->second, out);
       }
       break;
     }

@@ -102,6 +102,7 @@ class Translator {
   void withdraw(const std::string& key, Actions& out);
   void on(const std::string& key, const Use& u, Actions& out);
   void off(const std::string& key, const Use& u, Actions& out);
+  void esiLabelTold(const Use& u, std::uint32_t label, Actions& out);
   void unusable(const std::string& reason, const std::string& key);
 
   void elect(const LocalSegment& segment, Actions& out);
