@@ -47,6 +47,10 @@ class IntfVlanTunnelKey : public Value<IntfVlanTunnelKey, IntfVlanTunnelKeyField
   Tunnel::TunnelTable::TunnelId tunnelId() const { return field<2>(); }
 };
 
+// The machines keep these by the hundred thousand: no padding beyond the VLAN's two bytes.
+static_assert(sizeof(IntfVlanKey) == 12 && sizeof(IntfTunnelKey) == 16 &&
+              sizeof(IntfVlanTunnelKey) == 20);
+
 }  // namespace Oba
 
 OBA_VALUE_STD_HASH(Oba::IntfVlanKey)

@@ -15,7 +15,7 @@ class IntfVlanSet : public Kiv::PtrInterface {
  public:
   explicit IntfVlanSet(const Quil::IntfId& intfId) : intfId_(intfId) {}
   KIV_KEY(intfId, Quil::IntfId)
-  KIV_COLLECTION(vlanId, Bridging::VlanId, bool)
+  KIV_BIT_COLLECTION(vlanId, Bridging::VlanId, bool)  // a LAG may carry every VLAN
 };
 
 // The interfaces of one VLAN.
@@ -39,7 +39,7 @@ class IntfTunnelVlanSet : public Kiv::PtrInterface {
  public:
   explicit IntfTunnelVlanSet(const IntfTunnelKey& intfTunnelKey) : intfTunnelKey_(intfTunnelKey) {}
   KIV_KEY(intfTunnelKey, IntfTunnelKey)
-  KIV_COLLECTION(vlanId, Bridging::VlanId, bool)
+  KIV_BIT_COLLECTION(vlanId, Bridging::VlanId, bool)
 };
 
 // Per (logical interface, VLAN): the physical ports programmed, and those the chip refused. A

@@ -45,6 +45,7 @@
 #include <vector>
 
 #include "Kiv/Assert.h"
+#include "Kiv/BitMap.h"
 #include "Kiv/Cause.h"
 #include "Kiv/Collection.h"
 #include "Kiv/Digest.h"
@@ -269,6 +270,12 @@ class Entity : public PtrInterface, public Notifier<Self> {};
 #define KIV_CHILD_COLLECTION(attr, K, C) \
   KIV_UNWATCHED_(attr, K)                \
   KIV_CHILD_COLLECTION_(attr, K, C, ::Kiv::HashMap<K, ::Kiv::Ptr<C>>)
+
+// A plain set over a small dense key space, held in bits (Kiv/BitMap.h): the VLANs of a segment.
+// It walks in key order.
+#define KIV_BIT_COLLECTION(attr, K, V) \
+  KIV_UNWATCHED_(attr, K)              \
+  KIV_VALUE_COLLECTION_(attr, K, V, ::Kiv::BitMap<K, V>)
 
 // A plain collection of a few entries held inside its owner (Kiv/SmallMap.h): the per-key sets
 // that a machine keeps by the hundred thousand. The owner may be a value that is not counted.

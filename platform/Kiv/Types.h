@@ -45,6 +45,14 @@ inline std::string nullMutatorText(std::string_view attr, std::string_view quali
   return s;
 }
 
+// A key whose values fill a small range densely (a VLAN id) specializes this with the range's
+// size and the mapping both ways, and can then be the key of a Kiv::BitMap:
+//   static constexpr std::uint32_t span;       // keys are numbered 0..span-1
+//   static std::uint32_t index(const K&);
+//   static K key(std::uint32_t);
+template <class K>
+struct DenseKey;
+
 // Incremental hash: start empty, feed field hashes in field order, take result(). Each word is
 // scrambled and folded in, and the result is finalised, so keys that differ in one small field
 // (a VLAN number) still spread over the whole 32 bits: the hash maps index by those bits.

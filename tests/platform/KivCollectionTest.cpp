@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <map>
 #include <optional>
 #include <random>
@@ -9,7 +10,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Bridging/VlanId.h"
 #include "Kiv/Assert.h"
+#include "Kiv/BitMap.h"
 #include "Kiv/Collection.h"
 #include "Kiv/Entity.h"
 
@@ -31,6 +34,11 @@ struct Kiv::CollectionProbe {
   template <class M>
   static std::size_t slotsAllocated(const M& m) {
     return m.cap_;
+  }
+  // A BitMap's words: held (with a key in them) and allocated.
+  template <class M>
+  static std::pair<int, int> words(const M& m) {
+    return {std::popcount(m.mask_), m.cap_};
   }
 
   // The first fault in a HashMap's index ("" when there is none): a cell for no live slot or
@@ -567,6 +575,71 @@ TEST(KivOrderedMap, WalksInKeyOrderWhileTheBodyRemovesAndAdds) {
   }
   EXPECT_EQ(seen, (std::vector<int>{1, 2, 4, 5}));
   EXPECT_EQ(keysOf(m), (std::vector<int>{0}));
+}
+
+// A LAG's VLAN set in bits: a trunk that carries every VLAN, then sheds them while a walk runs.
+TEST(KivBitMap, HoldsASegmentsVlansAsAMapWouldAndWalksThemInOrderThroughAnyChange) {
+  using Bridging::VlanId;
+  using Probe = Kiv::CollectionProbe;
+  Kiv::BitMap<VlanId, bool> m;
+  std::map<int, bool> ref;
+  std::mt19937 rng(7);
+  auto check = [&] {
+    ASSERT_EQ(m.size(), ref.size());
+    std::vector<std::pair<int, bool>> walked;
+    for (auto [vlan, v] : m.walk()) walked.emplace_back(vlan.value(), v);
+    std::vector<std::pair<int, bool>> expected(ref.begin(), ref.end());
+    ASSERT_EQ(walked, expected);
+  };
+  // Storing false keeps the key; overwriting reports the change; the edges of the space hold.
+  EXPECT_EQ(m.put(VlanId(0), false), Kiv::Change::inserted);
+  EXPECT_EQ(m.put(VlanId(4095), true), Kiv::Change::inserted);
+  EXPECT_EQ(m.put(VlanId(4095), true), Kiv::Change::none);
+  EXPECT_EQ(m.put(VlanId(0), true), Kiv::Change::changed);
+  ref = {{0, true}, {4095, true}};
+  check();
+  EXPECT_EQ(Probe::words(m), std::make_pair(2, 2));
+  for (int i = 0; i < 40000; ++i) {
+    int vlan = int(rng() % 4096);
+    if (rng() % 3) {
+      bool v = rng() % 4;
+      m.put(VlanId(vlan), v);
+      ref[vlan] = v;
+    } else {
+      EXPECT_EQ(m.erase(VlanId(vlan)), ref.erase(vlan) == 1);
+    }
+    if (i % 997 == 0) check();
+    const bool* found = m.find(VlanId(vlan));
+    ASSERT_EQ(found != nullptr, ref.count(vlan) == 1);
+    if (found) {
+      EXPECT_EQ(*found, ref[vlan]);
+    }
+  }
+  check();
+  // A walk that removes what it visits, takes a later VLAN with it, and adds one behind and one
+  // ahead of itself: the one ahead is visited, the removed one is not.
+  for (int vlan = 1; vlan <= 4094; ++vlan) m.put(VlanId(vlan), true);
+  m.erase(VlanId(0));
+  m.erase(VlanId(4095));
+  EXPECT_EQ(Probe::words(m), std::make_pair(64, 64));
+  int visited = 0;
+  bool sawAhead = false;
+  for (auto [vlan, v] : m.walk()) {
+    ++visited;
+    EXPECT_NE(vlan.value(), 700);
+    if (vlan.value() == 4095) sawAhead = true;
+    m.erase(vlan);
+    if (vlan.value() == 10) m.erase(VlanId(700));
+    if (vlan.value() == 100) m.put(VlanId(0), true);
+    if (vlan.value() == 200) m.put(VlanId(4095), true);
+  }
+  EXPECT_EQ(visited, 4094);
+  EXPECT_TRUE(sawAhead);
+  EXPECT_EQ(m.size(), 1u);
+  EXPECT_TRUE(m.contains(VlanId(0)));
+  // The last key gone, the words go back.
+  m.erase(VlanId(0));
+  EXPECT_EQ(Probe::words(m), std::make_pair(0, 0));
 }
 
 // A watched entity and its notifiees.

@@ -63,7 +63,9 @@ void expectRejected(std::string_view text, std::string_view typeName) {
 }
 
 TEST(ValueTypesTest, IntfIdClassifiesPrintsAndOrdersByKind) {
-  static_assert(sizeof(IntfId) == 8 && std::is_trivially_copyable_v<IntfId>);
+  // Four-byte aligned: an interface and a VLAN pack into a twelve-byte key.
+  static_assert(sizeof(IntfId) == 8 && alignof(IntfId) == 4 &&
+                std::is_trivially_copyable_v<IntfId>);
   EXPECT_TRUE(!roundTrip<IntfId>("none"));
   IntfId e1 = roundTrip<IntfId>("Ethernet1");
   IntfId eMax = roundTrip<IntfId>("Ethernet4294967295");
@@ -106,7 +108,8 @@ TEST(ValueTypesTest, IntfIdClassifiesPrintsAndOrdersByKind) {
 }
 
 TEST(ValueTypesTest, TunnelIdRangeHashAndTheDynamicTunnelItNames) {
-  static_assert(sizeof(TunnelId) == 8 && std::is_trivially_copyable_v<TunnelId>);
+  static_assert(sizeof(TunnelId) == 8 && alignof(TunnelId) == 4 &&
+                std::is_trivially_copyable_v<TunnelId>);
   TunnelId t = roundTrip<TunnelId>("Tunnel1.7");
   EXPECT_EQ(t.type(), 1u);
   EXPECT_EQ(t.index(), 7u);

@@ -50,6 +50,16 @@ inline std::ostream& operator<<(std::ostream& os, VlanId vlan) { return os << vl
 
 }  // namespace Bridging
 
+// Every 12-bit value is a VLAN id: a set of them can be held in bits.
+template <>
+struct Kiv::DenseKey<Bridging::VlanId> {
+  static constexpr std::uint32_t span = Bridging::VlanId::maxValue + 1;
+  static std::uint32_t index(Bridging::VlanId v) { return v.value(); }
+  static Bridging::VlanId key(std::uint32_t i) {
+    return Bridging::VlanId(static_cast<std::uint16_t>(i));
+  }
+};
+
 template <>
 struct std::hash<Bridging::VlanId> {
   std::size_t operator()(Bridging::VlanId v) const noexcept { return v.hash(); }
