@@ -21,12 +21,19 @@
 //              another order (3N items); Drain fills N keys and walks them erasing each, as a
 //              review empties its queue (2N items).
 //
+// And a segment's VLAN set, as the machines keep one per LAG: VlanSet fills 4094 VLANs in a
+// shuffled order, looks each up in another, walks them and erases each (4 items per VLAN), held in
+// bits (KIV_BIT_COLLECTION), in a hash-map collection (KIV_COLLECTION), and in an
+// std::unordered_map; bytes_per_vlan is what the full set holds (usable size of its blocks,
+// counted outside the timing).
+//
 //   build/default/bench/kiv_framework --benchmark_min_time=0.2
 //
 // Results and their reading are in docs/performance.md.
 
 #include <benchmark/benchmark.h>
 
+#include <malloc.h>
 #include <time.h>
 
 #include <algorithm>
@@ -41,6 +48,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Bridging/VlanId.h"
 #include "Kiv/Collection.h"
 #include "Kiv/Entity.h"
 #include "Kiv/Ptr.h"
@@ -51,13 +59,20 @@
 // live bytes, which would tax the floor's node per key in the other cases.
 namespace {
 std::uint64_t gAllocations = 0;
+// Live bytes, kept only while a VlanSet case measures its full set (untimed).
+bool gCountBytes = false;
+std::int64_t gBytes = 0;
 void* countedAlloc(std::size_t n) {
   void* p = std::malloc(n ? n : 1);
   if (!p) throw std::bad_alloc();
   ++gAllocations;
+  if (gCountBytes) gBytes += static_cast<std::int64_t>(malloc_usable_size(p));
   return p;
 }
-void countedFree(void* p) noexcept { std::free(p); }
+void countedFree(void* p) noexcept {
+  if (gCountBytes && p) gBytes -= static_cast<std::int64_t>(malloc_usable_size(p));
+  std::free(p);
+}
 }  // namespace
 void* operator new(std::size_t n) { return countedAlloc(n); }
 void operator delete(void* p) noexcept { countedFree(p); }
@@ -455,6 +470,57 @@ void BM_FloorOrderedDrain(benchmark::State& state) {
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * 2 * n));
 }
 
+// ---- VlanSet: a segment's VLANs ----------------------------------------------------------------
+
+class BitVlans : public Kiv::PtrInterface {
+ public:
+  KIV_BIT_COLLECTION(vlan, Bridging::VlanId, bool)
+};
+class HashVlans : public Kiv::PtrInterface {
+ public:
+  KIV_COLLECTION(vlan, Bridging::VlanId, bool)
+};
+struct FloorVlans {
+  std::unordered_map<Bridging::VlanId, bool> m;
+  void vlanIs(Bridging::VlanId v, bool b) { m[v] = b; }
+  bool vlanHas(Bridging::VlanId v) const { return m.count(v) != 0; }
+  void vlanDel(Bridging::VlanId v) { m.erase(v); }
+  const auto& vlanWalk() const { return m; }
+};
+
+std::vector<Bridging::VlanId> shuffledVlans(unsigned salt) {
+  std::vector<Bridging::VlanId> v;
+  for (std::uint16_t i = 1; i <= 4094; ++i) v.emplace_back(i);
+  std::mt19937 rng(777u + salt);
+  std::shuffle(v.begin(), v.end(), rng);
+  return v;
+}
+
+template <class Set>
+void BM_VlanSet(benchmark::State& state) {
+  const auto fill = shuffledVlans(0);
+  const auto probe = shuffledVlans(1);
+  const auto drop = shuffledVlans(2);
+  long sum = 0;
+  {
+    Set set;
+    gBytes = 0;
+    gCountBytes = true;
+    for (auto v : fill) set.vlanIs(v, true);
+    gCountBytes = false;
+    state.counters["bytes_per_vlan"] = double(gBytes) / double(fill.size());
+  }
+  for (auto _ : state) {
+    Set set;
+    for (auto v : fill) set.vlanIs(v, true);
+    for (auto v : probe) sum += set.vlanHas(v);
+    for (auto [v, b] : set.vlanWalk()) sum += v.value() + b;
+    for (auto v : drop) set.vlanDel(v);
+    benchmark::DoNotOptimize(sum);
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * 4 * fill.size()));
+}
+
 void mutateArgs(benchmark::internal::Benchmark* b) {
   b->ArgNames({"n", "notifiees"})->ArgsProduct({{1 << 10, 1 << 16}, {0, 1, 3}});
 }
@@ -492,6 +558,9 @@ BENCHMARK_TEMPLATE(BM_KivOrdered, PortVlan)->Apply(orderedArgs);
 BENCHMARK_TEMPLATE(BM_FloorOrdered, PortVlan)->Apply(orderedArgs);
 BENCHMARK_TEMPLATE(BM_KivOrderedDrain, PortVlan)->Apply(orderedArgs);
 BENCHMARK_TEMPLATE(BM_FloorOrderedDrain, PortVlan)->Apply(orderedArgs);
+BENCHMARK_TEMPLATE(BM_VlanSet, BitVlans);
+BENCHMARK_TEMPLATE(BM_VlanSet, HashVlans);
+BENCHMARK_TEMPLATE(BM_VlanSet, FloorVlans);
 
 }  // namespace
 
