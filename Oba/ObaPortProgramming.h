@@ -49,6 +49,18 @@ struct PortProgrammingTexts {
   const char* invalidHwId;
 };
 
+// Records that intf carries vlan, in the machine's intfVlanSet (an interface's VLANs, in bits)
+// and its vlanIntfSet (a VLAN's interfaces). The two change together, so a VLAN already in the
+// interface's set is in the VLAN's set too: a pair handled again (a designated-forwarder move, a
+// new tag) is told by a bit test and skips a lookup in another VLAN's set, a miss in memory.
+template <class Sm>
+void addIntfVlanMember(Sm& sm, Quil::IntfId intf, Bridging::VlanId vlan) {
+  auto ivs = sm.intfVlanSetIs(intf);
+  if (ivs->vlanIdHas(vlan)) return;
+  ivs->vlanIdIs(vlan, true);
+  sm.vlanIntfSetIs(vlan)->intfIdIs(intf, true);
+}
+
 // Programs every port of the pair with programPort(phy). A LAG without configuration or members
 // is unprogrammed whole with unprogramPair(); members that left are unprogrammed one by one with
 // unprogramPort(phy) before the current ones are programmed.

@@ -153,8 +153,7 @@ void EvpnFloodingDot1qSm::processIntfVlan(Quil::IntfId intf, Bridging::VlanId vl
 void EvpnFloodingDot1qSm::addIntfVlanMapping(Quil::IntfId intf, Bridging::VlanId vlan) {
   OBA_TRACE8(th, "addIntfVlanMapping", " intf " << intf << " vlan " << vlan);
   KIV_ASSERT(initialized());
-  intfVlanSetIs(intf)->vlanIdIs(vlan, true);
-  vlanIntfSetIs(vlan)->intfIdIs(intf, true);
+  addIntfVlanMember(*this, intf, vlan);
 }
 
 void EvpnFloodingDot1qSm::deleteIntfVlanMapping(Quil::IntfId intf, Bridging::VlanId vlan) {

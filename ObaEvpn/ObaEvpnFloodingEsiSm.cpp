@@ -128,8 +128,7 @@ void EvpnFloodingEsiSm::handleTunnelIdMapping(const TunnelId& tunnel) {
 void EvpnFloodingEsiSm::addIntfVlanMapping(Quil::IntfId intf, Bridging::VlanId vlan) {
   OBA_TRACE8(th, "addIntfVlanMapping", " " << intf << " vlan " << vlan);
   KIV_ASSERT(initialized());
-  intfVlanSetIs(intf)->vlanIdIs(vlan, true);
-  vlanIntfSetIs(vlan)->intfIdIs(intf, true);
+  addIntfVlanMember(*this, intf, vlan);
   processIntfVlan(intf, vlan);
 }
 
