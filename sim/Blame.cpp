@@ -38,21 +38,7 @@ std::optional<Blame> blame(const Scenario& s, const Families& families,
                        Kiv::causeChain(Kiv::causeNow().ptr(), Kiv::CauseDetail::brief)});
     });
     try {
-      for (const Action& a : s.initial) agent.apply(a);
-      {
-        Kiv::CauseScope starting(Kiv::causeOf(Kiv::Cause::Kind::outside, "the agent starts"));
-        agent.start();
-      }
-      agent.scheduler->runDue();
-      for (const Step& step : s.steps) {
-        agent.advanceTo(step.at);
-        std::ostringstream root;
-        root << "the step at time " << step.at;
-        if (!step.note.empty()) root << " \"" << step.note << "\"";
-        Kiv::CauseScope stepping(Kiv::causeOf(Kiv::Cause::Kind::outside, root.str(), nullptr));
-        for (const Action& a : step.actions) agent.apply(a);
-        agent.scheduler->runDue();
-      }
+      agent.replay(s);
     } catch (const std::exception&) {
       // A run that ends early still has the calls made up to there.
     }

@@ -114,14 +114,7 @@ Replay replay(const Scenario& s, const Families& families) {
   SimLog quiet;
   HostAgent agent(&quiet, families);
   agent.chip->callListenerIs(nullptr);
-  for (const Action& a : s.initial) agent.apply(a);
-  agent.start();
-  agent.scheduler->runDue();
-  for (const Step& step : s.steps) {
-    agent.advanceTo(step.at);
-    for (const Action& a : step.actions) agent.apply(a);
-    agent.scheduler->runDue();
-  }
+  agent.replay(s);
   Replay out;
   out.failure = checkAgent(agent, nullptr);
   for (const auto& part : agent.parts()) {

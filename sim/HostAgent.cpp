@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "sim/Published.h"
+#include "sim/Scenario.h"
 
 namespace Sim {
 
@@ -54,6 +55,30 @@ void HostAgent::apply(const Action& a) {
   a.body->write(text);
   Kiv::CauseScope acting(Kiv::causeOf(Kiv::Cause::Kind::outside, text.str()));
   a.apply(*this);
+}
+
+void HostAgent::replay(const Scenario& s) {
+  // A root of the chains, when they are carried: what came from outside the agent.
+  auto root = [](const std::string& text) {
+    return Kiv::causing() ? Kiv::causeOf(Kiv::Cause::Kind::outside, text, nullptr) : nullptr;
+  };
+  for (const Action& a : s.initial) apply(a);
+  {
+    Kiv::CauseScope starting(root("the agent starts"));
+    start();
+  }
+  scheduler->runDue();
+  for (const Step& step : s.steps) {
+    advanceTo(step.at);
+    std::ostringstream text;
+    if (Kiv::causing()) {
+      text << "the step at time " << step.at;
+      if (!step.note.empty()) text << " \"" << step.note << "\"";
+    }
+    Kiv::CauseScope stepping(root(text.str()));
+    for (const Action& a : step.actions) apply(a);
+    scheduler->runDue();
+  }
 }
 
 void HostAgent::note(std::string_view source, std::string_view text) {

@@ -19,6 +19,8 @@
 
 namespace Sim {
 
+struct Scenario;
+
 class HostAgent {
  public:
   explicit HostAgent(SimLog* log, const Families& families = registeredFamilies());
@@ -32,6 +34,10 @@ class HostAgent {
   void restart(const std::string& machine);
   // Applies an action; with causes carried, what it sets off names it.
   void apply(const Action& a);
+  // Runs a whole scenario without its expectations: the initial inputs, the start, then each step
+  // at its time with whatever falls due. With causes carried, the start and each step ("the step
+  // at time 2 \"note\"") are the roots of what they set off. An abort propagates.
+  void replay(const Scenario& s);
   // Publishes every family's output tables in shared memory under `name`, for readers in other
   // processes; they stay there until the agent goes. Raises Shoal::SegmentException when another
   // live process publishes under the name.
