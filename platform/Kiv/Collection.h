@@ -81,11 +81,24 @@ struct CollectionProbe;
 
 template <class K, class V, class Hash = DefaultHash<K>>
 class HashMap {
-  struct Slot {
+  // A slot's fields in the order that packs them: a value aligned wider than its key goes first,
+  // so that the key and the live flag share the value's padding (a pair's row and its 12-byte key
+  // take 8 bytes less than with the key first).
+  struct KeyFirst {
     K key;
     V value;
     bool live;
+    template <class Make>
+    KeyFirst(const K& k, Make&& make) : key(k), value(make()), live(true) {}
   };
+  struct ValueFirst {
+    V value;
+    K key;
+    bool live;
+    template <class Make>
+    ValueFirst(const K& k, Make&& make) : value(make()), key(k), live(true) {}
+  };
+  using Slot = std::conditional_t<(alignof(V) > alignof(K)), ValueFirst, KeyFirst>;
   // The index: open addressing with linear probing over (hash, slot) cells, deleted by shifting
   // the probe chain back, so it needs no tombstones and allocates only when it grows.
   struct Cell {
@@ -140,7 +153,7 @@ class HashMap {
   Change put(const K& k, const V& v) {
     Seek s = seek(k);
     if (s.slot == kFree) {
-      ::new (static_cast<void*>(room())) Slot{k, v, true};
+      ::new (static_cast<void*>(room())) Slot(k, [&]() -> const V& { return v; });
       adopt(s.hash);
       return Change::inserted;
     }
@@ -156,7 +169,7 @@ class HashMap {
   std::pair<V*, bool> findOrMake(const K& k, Make&& make) {
     Seek s = seek(k);
     if (s.at) return {&s.at->value, false};
-    Slot* made = ::new (static_cast<void*>(room())) Slot{k, make(), true};
+    Slot* made = ::new (static_cast<void*>(room())) Slot(k, make);
     adopt(s.hash);
     return {&made->value, true};
   }

@@ -16,9 +16,11 @@
 // index (a Kiv::HashMap: insertion order of the rows, perturbed by removals), and tolerates any
 // change while it runs.
 
+#include <array>
 #include <cstdint>
-#include <optional>
+#include <new>
 #include <tuple>
+#include <utility>
 
 #include "Kiv/Collection.h"
 
@@ -28,15 +30,117 @@ template <class K, class... Fields>
 class Rows {
  public:
   using Key = K;
-  struct Row {
-    std::tuple<std::optional<Fields>...> fields;
-    bool empty() const {
-      return std::apply([](const auto&... f) { return (!f.has_value() && ...); }, fields);
-    }
-    bool operator==(const Row&) const = default;
-  };
   template <std::size_t I>
   using FieldType = std::tuple_element_t<I, std::tuple<Fields...>>;
+
+  // A row holds each field in place, with one bit per field saying whether it is present: an
+  // optional per field would spend a flag and its padding on each, 8 bytes a row for a pair's
+  // tunnel and port status, and the rows of a machine number hundreds of thousands.
+  class Row {
+    static_assert(sizeof...(Fields) <= 8, "a row has at most eight fields");
+    static_assert(((alignof(Fields) <= 64) && ...), "a field aligned wider than a cache line");
+
+   public:
+    Row() = default;
+    Row(const Row& o) { copyFrom(o); }
+    Row(Row&& o) noexcept { moveFrom(std::move(o)); }
+    Row& operator=(const Row& o) {
+      if (this != &o) {
+        clear();
+        copyFrom(o);
+      }
+      return *this;
+    }
+    Row& operator=(Row&& o) noexcept {
+      if (this != &o) {
+        clear();
+        moveFrom(std::move(o));
+      }
+      return *this;
+    }
+    ~Row() { clear(); }
+
+    bool empty() const { return present_ == 0; }
+    template <std::size_t I>
+    bool has() const {
+      return present_ & (1u << I);
+    }
+    template <std::size_t I>
+    const FieldType<I>* get() const {
+      return has<I>() ? std::launder(reinterpret_cast<const FieldType<I>*>(bytes_ + kOffsets[I]))
+                      : nullptr;
+    }
+    template <std::size_t I>
+    FieldType<I>* get() {
+      return const_cast<FieldType<I>*>(std::as_const(*this).template get<I>());
+    }
+    template <std::size_t I, class... A>
+    FieldType<I>& emplace(A&&... a) {
+      reset<I>();
+      auto* f =
+          ::new (static_cast<void*>(bytes_ + kOffsets[I])) FieldType<I>(std::forward<A>(a)...);
+      present_ |= std::uint8_t(1u << I);
+      return *f;
+    }
+    template <std::size_t I>
+    void reset() {
+      if (auto* f = get<I>()) {
+        f->~FieldType<I>();
+        present_ &= std::uint8_t(~(1u << I));
+      }
+    }
+
+    bool operator==(const Row& o) const {
+      return present_ == o.present_ && equal(o, std::index_sequence_for<Fields...>());
+    }
+
+   private:
+    // The fields are laid out widest alignment first, so that no field pads the one before it.
+    static constexpr std::size_t kFields = sizeof...(Fields);
+    struct Layout {
+      std::array<std::size_t, kFields> offsets{};
+      std::size_t bytes = 0;
+    };
+    static constexpr Layout layout() {
+      std::array<std::size_t, kFields> size{sizeof(Fields)...};
+      std::array<std::size_t, kFields> align{alignof(Fields)...};
+      Layout l;
+      for (std::size_t a = 64; a; a /= 2) {
+        for (std::size_t i = 0; i < kFields; ++i) {
+          if (align[i] != a) continue;
+          l.offsets[i] = l.bytes;
+          l.bytes += size[i];
+        }
+      }
+      return l;
+    }
+    static constexpr std::array<std::size_t, kFields> kOffsets = layout().offsets;
+    template <std::size_t... I>
+    bool equal(const Row& o, std::index_sequence<I...>) const {
+      return ((!has<I>() || *get<I>() == *o.template get<I>()) && ...);
+    }
+    template <std::size_t... I>
+    void copyEach(const Row& o, std::index_sequence<I...>) {
+      ((o.template has<I>() ? void(emplace<I>(*o.template get<I>())) : void()), ...);
+    }
+    template <std::size_t... I>
+    void moveEach(Row& o, std::index_sequence<I...>) {
+      ((o.template has<I>() ? void(emplace<I>(std::move(*o.template get<I>()))) : void()), ...);
+    }
+    template <std::size_t... I>
+    void clearEach(std::index_sequence<I...>) {
+      (reset<I>(), ...);
+    }
+    void copyFrom(const Row& o) { copyEach(o, std::index_sequence_for<Fields...>()); }
+    void moveFrom(Row&& o) {
+      moveEach(o, std::index_sequence_for<Fields...>());
+      o.clear();
+    }
+    void clear() { clearEach(std::index_sequence_for<Fields...>()); }
+
+    alignas(Fields...) unsigned char bytes_[layout().bytes];
+    std::uint8_t present_ = 0;
+  };
 
   // One field of the rows, seen as a collection of its own: the interface of Kiv::HashMap.
   template <std::size_t I, class RowsT>
@@ -54,16 +158,14 @@ class Rows {
     bool contains(const K& k) const { return find(k) != nullptr; }
     const Value* find(const K& k) const {
       const Row* r = rows_->map_.find(k);
-      if (!r) return nullptr;
-      const auto& f = std::get<I>(r->fields);
-      return f ? &*f : nullptr;
+      return r ? r->template get<I>() : nullptr;
     }
 
     Change put(const K& k, const Value& v) requires(!kConst) {
       auto [r, made] = rows_->map_.findOrMake(k, [] { return Row(); });
-      auto& f = std::get<I>(r->fields);
+      Value* f = r->template get<I>();
       if (!f) {
-        f.emplace(v);
+        r->template emplace<I>(v);
         ++rows_->counts_[I];
         return Change::inserted;
       }
@@ -79,26 +181,22 @@ class Rows {
     template <class Make>
     std::pair<Value*, bool> findOrMake(const K& k, Make&& make) requires(!kConst) {
       auto [r, made] = rows_->map_.findOrMake(k, [] { return Row(); });
-      auto& f = std::get<I>(r->fields);
-      if (f) return {&*f, false};
-      f.emplace(make());
+      if (Value* f = r->template get<I>()) return {f, false};
+      Value& f = r->template emplace<I>(make());
       ++rows_->counts_[I];
-      return {&*f, true};
+      return {&f, true};
     }
     Value* find(const K& k) requires(!kConst) {
       Row* r = rows_->map_.find(k);
-      if (!r) return nullptr;
-      auto& f = std::get<I>(r->fields);
-      return f ? &*f : nullptr;
+      return r ? r->template get<I>() : nullptr;
     }
 
     bool erase(const K& k) requires(!kConst) {
       Row* r = rows_->map_.find(k);
-      if (!r) return false;
-      auto& f = std::get<I>(r->fields);
+      Value* f = r ? r->template get<I>() : nullptr;
       if (!f) return false;
       [[maybe_unused]] Value doomed = std::move(*f);
-      f.reset();
+      r->template reset<I>();
       --rows_->counts_[I];
       if (r->empty()) rows_->map_.erase(k);
       return true;
@@ -115,7 +213,7 @@ class Rows {
         iterator(InnerIt it, InnerIt end) : it_(it), end_(end) { skip(); }
         Entry<K, Value> operator*() const {
           auto e = *it_;
-          return Entry<K, Value>{e.key, *std::get<I>(e.value.fields)};
+          return Entry<K, Value>{e.key, *e.value.template get<I>()};
         }
         iterator& operator++() {
           ++it_;
@@ -126,7 +224,7 @@ class Rows {
 
        private:
         void skip() {
-          while (!(it_ == end_) && !std::get<I>((*it_).value.fields)) ++it_;
+          while (!(it_ == end_) && !(*it_).value.template has<I>()) ++it_;
         }
         InnerIt it_;
         InnerIt end_;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Kiv/Entity.h"
+#include "Quil/IntfId.h"
 
 namespace {
 
@@ -18,10 +19,12 @@ std::vector<std::pair<int, int>> entries(const Map& m) {
 }
 
 // A LAG's ports come and go, past the inline capacity and back, sometimes while walked: the
-// small map hands out what a HashMap with the same history would, in the same order.
-TEST(KivSmallMap, ReadsAndWalksAsAHashMapWithTheSameHistory) {
-  std::mt19937 rng(7);
-  Kiv::SmallMap<int, int, 2> small;
+// small map hands out what a HashMap with the same history would, in the same order, whether its
+// first entries live inline (N = 2) or every entry lives in its heap block (N = 0).
+template <unsigned N>
+void replayAgainstHashMap() {
+  std::mt19937 rng(7 + N);
+  Kiv::SmallMap<int, int, N> small;
   Kiv::HashMap<int, int> hash;
   for (int step = 0; step < 4000; ++step) {
     int k = int(rng() % 12);
@@ -34,15 +37,19 @@ TEST(KivSmallMap, ReadsAndWalksAsAHashMapWithTheSameHistory) {
         EXPECT_EQ(small.erase(k), hash.erase(k));
         break;
       default: {
-        // Walk both, erasing the current key when it is odd, as a LAG's stale members are.
+        // Walk both, erasing the current key when it is odd, as a LAG's stale members are, and
+        // now and then putting one in, as a member joining does.
         std::vector<int> a, b;
+        int joins = int(rng() % 3) == 0 ? k : -1;
         for (auto [key, v] : small.walk()) {
           a.push_back(key);
           if (key % 2) small.erase(key);
+          if (joins >= 0) small.put(joins, step);
         }
         for (auto [key, v] : hash.walk()) {
           b.push_back(key);
           if (key % 2) hash.erase(key);
+          if (joins >= 0) hash.put(joins, step);
         }
         EXPECT_EQ(a, b);
       }
@@ -50,14 +57,29 @@ TEST(KivSmallMap, ReadsAndWalksAsAHashMapWithTheSameHistory) {
     ASSERT_EQ(entries(small), entries(hash)) << "step " << step;
     ASSERT_EQ(small.size(), hash.size());
   }
-  // A copy is a value of its own; an emptied map gives its heap block back.
+  // A copy is a value of its own, and a moved-from map is empty; an emptied map gives its heap
+  // block back.
   small.clear();
   for (int k = 0; k < 6; ++k) small.put(k, k);
-  Kiv::SmallMap<int, int, 2> copy = small;
+  Kiv::SmallMap<int, int, N> copy = small;
   small.clear();
   EXPECT_EQ(copy.size(), 6u);
   EXPECT_TRUE(small.empty());
   EXPECT_FALSE(copy == small);
+  Kiv::SmallMap<int, int, N> moved = std::move(copy);
+  EXPECT_TRUE(copy.empty());
+  EXPECT_EQ(entries(moved),
+            (std::vector<std::pair<int, int>>{{0, 0}, {1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}}));
+  copy = moved;
+  EXPECT_TRUE(copy == moved);
+}
+
+TEST(KivSmallMap, ReadsAndWalksAsAHashMapWithTheSameHistory) {
+  replayAgainstHashMap<2>();
+  replayAgainstHashMap<0>();
+  // What a pair's port sets cost: two ports inline in 32 bytes, none in one pointer.
+  static_assert(sizeof(Kiv::SmallMap<Quil::IntfId, bool, 2>) == 32);
+  static_assert(sizeof(Kiv::SmallMap<Quil::IntfId, bool, 0>) == sizeof(void*));
 }
 
 // Per (port, VLAN): a tag and a status, as the flooding machines keep them.
@@ -120,6 +142,9 @@ TEST(KivRows, FieldsReadAsCollectionsOfTheirOwnAndShareOneRow) {
   EXPECT_EQ(left, (std::vector<int>{3, 21, 22, 23, 24}));
   o->statusDelAll();
   EXPECT_EQ(o->pairs(), 0u);
+
+  // A row is its fields end to end, widest first, and one byte saying which are present.
+  static_assert(sizeof(Kiv::Rows<int, std::uint16_t, Status>::Row) == sizeof(Status) + 8);
 }
 
 }  // namespace
