@@ -53,6 +53,19 @@ static_assert(sizeof(IntfVlanKey) == 12 && sizeof(IntfTunnelKey) == 16 &&
 
 }  // namespace Oba
 
+// The review queues hold pairs in key order, interface first, as one set of VLAN bits per
+// interface (Kiv::OrderedBitMap).
+template <>
+struct Kiv::SplitKey<Oba::IntfVlanKey> {
+  using Major = Quil::IntfId;
+  using Minor = Bridging::VlanId;
+  static Major major(const Oba::IntfVlanKey& k) { return k.intfId(); }
+  static Minor minor(const Oba::IntfVlanKey& k) { return k.vlanId(); }
+  static Oba::IntfVlanKey join(const Major& intf, const Minor& vlan) {
+    return Oba::IntfVlanKey(intf, vlan);
+  }
+};
+
 OBA_VALUE_STD_HASH(Oba::IntfVlanKey)
 OBA_VALUE_STD_HASH(Oba::IntfTunnelKey)
 OBA_VALUE_STD_HASH(Oba::IntfVlanTunnelKey)

@@ -105,7 +105,7 @@ class OBA_EXPORT EvpnFloodingDot1qSm : public Kiv::PtrInterface {
   KIV_ROW_CHILD_COLLECTION(dot1qStatus, pair, 1)                //   its ports programmed or refused
   KIV_ORDERED_COLLECTION(unprogrammedDot1q, IntfVlanKey, bool)  // pairs with a refused port
   OBA_PORT_PROGRAMMING(dot1qStatus, unprogrammedDot1q)
-  KIV_ORDERED_COLLECTION(intfVlanQueue, IntfVlanKey, bool)  // pairs waiting for a decision
+  KIV_ORDERED_BIT_COLLECTION(intfVlanQueue, IntfVlanKey, bool)  // pairs waiting for a decision
   KIV_SCALAR(initialized, bool, false)
   KIV_SCALAR(defaultUnprogrammedRetryInterval, double, unprogrammedRetryIntervalDefault)
   KIV_SCALAR(defaultIntfVlanDelay, double, intfVlanDelayDefault)

@@ -122,9 +122,14 @@ class BitMap {
 
   Walk walk(Ptr<const PtrInterface> keep = nullptr) const { return Walk(*this, std::move(keep)); }
 
+  // For a walk kept outside the map (Kiv::OrderedBitMap): the first present key at or after the
+  // dense index i, as its index, or kEnd; and the value of a present key's index.
+  static constexpr std::uint32_t kEnd = 64 * 64;
+  std::uint32_t firstFrom(std::uint32_t i) const { return nextFrom(i); }
+  bool valueAt(std::uint32_t i) const { return words_[rank(i >> 6)].value >> bit(i) & 1; }
+
  private:
   friend struct CollectionProbe;
-  static constexpr std::uint32_t kEnd = 64 * 64;
   static constexpr bool kTrue = true;
   static constexpr bool kFalse = false;
 

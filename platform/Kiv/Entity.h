@@ -49,6 +49,7 @@
 #include "Kiv/Cause.h"
 #include "Kiv/Collection.h"
 #include "Kiv/Digest.h"
+#include "Kiv/OrderedBitMap.h"
 #include "Kiv/Ptr.h"
 #include "Kiv/Rows.h"
 #include "Kiv/SmallMap.h"
@@ -276,6 +277,11 @@ class Entity : public PtrInterface, public Notifier<Self> {};
 #define KIV_BIT_COLLECTION(attr, K, V) \
   KIV_UNWATCHED_(attr, K)              \
   KIV_VALUE_COLLECTION_(attr, K, V, ::Kiv::BitMap<K, V>)
+// The same, in key order, for a key that splits into an ordered part and a dense part
+// (Kiv/OrderedBitMap.h, Kiv::SplitKey): the (interface, VLAN) review queues.
+#define KIV_ORDERED_BIT_COLLECTION(attr, K, V) \
+  KIV_UNWATCHED_(attr, K)                      \
+  KIV_VALUE_COLLECTION_(attr, K, V, ::Kiv::OrderedBitMap<K, V>)
 
 // A plain collection of a few entries held inside its owner (Kiv/SmallMap.h): the per-key sets
 // that a machine keeps by the hundred thousand. The owner may be a value that is not counted.

@@ -53,6 +53,17 @@ inline std::string nullMutatorText(std::string_view attr, std::string_view quali
 template <class K>
 struct DenseKey;
 
+// A key that splits into an ordered first part and a dense second part (an interface and a
+// VLAN), ordered by the first, then the second, specializes this and can then be the key of a
+// Kiv::OrderedBitMap:
+//   using Major = ...;                           // ordered with <
+//   using Minor = ...;                           // a DenseKey
+//   static Major major(const K&);
+//   static Minor minor(const K&);
+//   static K join(const Major&, const Minor&);
+template <class K>
+struct SplitKey;
+
 // Incremental hash: start empty, feed field hashes in field order, take result(). Each word is
 // scrambled and folded in, and the result is finalised, so keys that differ in one small field
 // (a VLAN number) still spread over the whole 32 bits: the hash maps index by those bits.

@@ -15,6 +15,7 @@
 #include "Kiv/BitMap.h"
 #include "Kiv/Collection.h"
 #include "Kiv/Entity.h"
+#include "Kiv/OrderedBitMap.h"
 
 // What the tests read inside the collections: a HashMap's index migration and slot pages, an
 // OrderedMap's tree.
@@ -640,6 +641,111 @@ TEST(KivBitMap, HoldsASegmentsVlansAsAMapWouldAndWalksThemInOrderThroughAnyChang
   // The last key gone, the words go back.
   m.erase(VlanId(0));
   EXPECT_EQ(Probe::words(m), std::make_pair(0, 0));
+}
+
+// A (port, VLAN) key, ordered port first, split for an ordered bit map.
+struct PortVlanKey {
+  int port;
+  Bridging::VlanId vlan;
+  auto operator<=>(const PortVlanKey&) const = default;
+};
+}  // namespace
+template <>
+struct Kiv::SplitKey<PortVlanKey> {
+  using Major = int;
+  using Minor = Bridging::VlanId;
+  static int major(const PortVlanKey& k) { return k.port; }
+  static Bridging::VlanId minor(const PortVlanKey& k) { return k.vlan; }
+  static PortVlanKey join(int port, Bridging::VlanId vlan) { return {port, vlan}; }
+};
+namespace {
+
+// A review queue of (port, VLAN) pairs: filled VLAN by VLAN at a start, drained port by port
+// while pairs are marked again and withdrawn behind and ahead of the drain. The bits hand out
+// what an ordered map with the same history would, in the same order, and give their memory back
+// as ports empty.
+TEST(KivOrderedBitMap, DrainsAReviewQueueAsAnOrderedMapWouldThroughAnyChange) {
+  using Bridging::VlanId;
+  Kiv::OrderedBitMap<PortVlanKey, bool> bits;
+  Kiv::OrderedMap<PortVlanKey, bool> tree;
+  auto same = [&] {
+    std::vector<PortVlanKey> a, b;
+    for (auto [k, v] : bits.walk()) a.push_back(k);
+    for (auto [k, v] : tree.walk()) b.push_back(k);
+    ASSERT_EQ(a, b);
+    ASSERT_EQ(bits.size(), tree.size());
+  };
+  for (int vlan = 1; vlan <= 300; ++vlan) {
+    for (int port : {7, 3, 12})
+      EXPECT_EQ(bits.put({port, VlanId(vlan)}, true), tree.put({port, VlanId(vlan)}, true));
+  }
+  same();
+  EXPECT_EQ(bits.put({3, VlanId(5)}, true), Kiv::Change::none);
+  EXPECT_EQ(bits.put({3, VlanId(5)}, false), Kiv::Change::changed);
+  tree.put({3, VlanId(5)}, false);
+  ASSERT_NE(bits.find({3, VlanId(5)}), nullptr);
+  EXPECT_FALSE(*bits.find({3, VlanId(5)}));
+  EXPECT_EQ(bits.find({4, VlanId(5)}), nullptr);
+
+  std::mt19937 rng(11);
+  for (int round = 0; round < 40; ++round) {
+    // The drain takes each key it visits; meanwhile events mark and withdraw other pairs.
+    std::vector<PortVlanKey> a, b;
+    std::vector<std::pair<PortVlanKey, bool>> events;
+    for (int i = 0; i < 64; ++i) {
+      events.emplace_back(PortVlanKey{int(rng() % 16), VlanId(1 + rng() % 4094)}, rng() % 3 != 0);
+    }
+    auto drain = [&](auto& m, std::vector<PortVlanKey>& seen) {
+      std::size_t e = 0;
+      for (auto [k, v] : m.walk()) {
+        seen.push_back(k);
+        if (seen.size() % 5 == 0) m.erase(k);
+        for (int j = 0; j < 2 && e < events.size(); ++j, ++e) {
+          if (events[e].second) {
+            m.put(events[e].first, true);
+          } else {
+            m.erase(events[e].first);
+          }
+        }
+        if (seen.size() > 2000) break;
+      }
+    };
+    drain(bits, a);
+    drain(tree, b);
+    ASSERT_EQ(a, b) << "round " << round;
+    same();
+  }
+  // A port leaves while the drain stands on it (its bits go), then comes back with one VLAN
+  // ahead of the drain and one behind it: the one ahead is visited.
+  auto leaveAndReturn = [&](auto& m, std::vector<PortVlanKey>& seen) {
+    for (auto [k, v] : m.walk()) {
+      seen.push_back(k);
+      if (k.port == 3 && k.vlan == VlanId(100)) {
+        std::vector<PortVlanKey> port3;
+        for (auto [k3, v3] : m.walk()) {
+          if (k3.port == 3) port3.push_back(k3);
+        }
+        for (const auto& k3 : port3) m.erase(k3);
+        m.put({3, VlanId(50)}, true);
+        m.put({3, VlanId(4000)}, true);
+      }
+    }
+  };
+  for (int vlan = 1; vlan <= 200; ++vlan) {
+    bits.put({3, VlanId(vlan)}, true);
+    tree.put({3, VlanId(vlan)}, true);
+  }
+  std::vector<PortVlanKey> a, b;
+  leaveAndReturn(bits, a);
+  leaveAndReturn(tree, b);
+  EXPECT_EQ(a, b);
+  EXPECT_NE(std::find(a.begin(), a.end(), PortVlanKey{3, VlanId(4000)}), a.end());
+  EXPECT_EQ(std::find(a.begin(), a.end(), PortVlanKey{3, VlanId(101)}), a.end());
+  same();
+
+  for (auto [k, v] : bits.walk()) bits.erase(k);
+  EXPECT_TRUE(bits.empty());
+  EXPECT_TRUE(bits.walk().begin() == bits.walk().end());
 }
 
 // A watched entity and its notifiees.
