@@ -27,6 +27,11 @@
 // std::unordered_map; bytes_per_vlan is what the full set holds (usable size of its blocks,
 // counted outside the timing).
 //
+// And a review queue of (port, VLAN) pairs as the dot1q machine keeps one: ReviewQueue marks the
+// pairs of 128 ports VLAN by VLAN, then takes them one by one in key order, port first (2 items
+// per pair), held as bits per port (KIV_ORDERED_BIT_COLLECTION), in sorted runs (a
+// Kiv::OrderedMap) and in an std::map.
+//
 //   build/default/bench/kiv_framework --benchmark_min_time=0.2
 //
 // Results and their reading are in docs/performance.md.
@@ -521,6 +526,64 @@ void BM_VlanSet(benchmark::State& state) {
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * 4 * fill.size()));
 }
 
+// ---- ReviewQueue: (port, VLAN) pairs filled VLAN by VLAN, drained in key order ---------------
+
+struct QueueKey {
+  std::uint32_t port;
+  Bridging::VlanId vlan;
+  auto operator<=>(const QueueKey&) const = default;
+};
+
+}  // namespace
+template <>
+struct Kiv::SplitKey<QueueKey> {
+  using Major = std::uint32_t;
+  using Minor = Bridging::VlanId;
+  static std::uint32_t major(const QueueKey& k) { return k.port; }
+  static Bridging::VlanId minor(const QueueKey& k) { return k.vlan; }
+  static QueueKey join(std::uint32_t port, Bridging::VlanId vlan) { return {port, vlan}; }
+};
+namespace {
+
+using BitQueue = Kiv::OrderedBitMap<QueueKey, bool>;
+using RunsQueue = Kiv::OrderedMap<QueueKey, bool>;
+struct FloorQueue {
+  std::map<QueueKey, bool> m;
+  void put(const QueueKey& k, bool v) { m[k] = v; }
+};
+
+// A cold start of the dot1q machine's queue: every (port, VLAN) pair marked as the VLANs come,
+// then taken one by one in key order, port first. Queue is Kiv::OrderedMap (sorted runs),
+// Kiv::OrderedBitMap (bits per port) or the floor's std::map.
+template <class Queue>
+void BM_ReviewQueue(benchmark::State& state) {
+  const auto ports = static_cast<std::uint32_t>(state.range(0));
+  long sum = 0;
+  const std::uint64_t allocations = gAllocations;
+  for (auto _ : state) {
+    Queue q;
+    for (std::uint16_t vlan = 1; vlan <= 4094; ++vlan) {
+      for (std::uint32_t port = 0; port < ports; ++port) {
+        q.put(QueueKey{port * 7919u % 100003u, Bridging::VlanId(vlan)}, true);
+      }
+    }
+    if constexpr (std::is_same_v<Queue, FloorQueue>) {
+      for (auto it = q.m.begin(); it != q.m.end();) {
+        sum += it->first.vlan.value();
+        it = q.m.erase(it);
+      }
+    } else {
+      for (auto [k, v] : q.walk()) {
+        sum += k.vlan.value();
+        q.erase(k);
+      }
+    }
+    benchmark::DoNotOptimize(sum);
+  }
+  allocsPerKey(state, allocations, std::size_t(ports) * 4094);
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * 2 * ports * 4094));
+}
+
 void mutateArgs(benchmark::internal::Benchmark* b) {
   b->ArgNames({"n", "notifiees"})->ArgsProduct({{1 << 10, 1 << 16}, {0, 1, 3}});
 }
@@ -561,6 +624,9 @@ BENCHMARK_TEMPLATE(BM_FloorOrderedDrain, PortVlan)->Apply(orderedArgs);
 BENCHMARK_TEMPLATE(BM_VlanSet, BitVlans);
 BENCHMARK_TEMPLATE(BM_VlanSet, HashVlans);
 BENCHMARK_TEMPLATE(BM_VlanSet, FloorVlans);
+BENCHMARK_TEMPLATE(BM_ReviewQueue, BitQueue)->ArgName("ports")->Arg(128);
+BENCHMARK_TEMPLATE(BM_ReviewQueue, RunsQueue)->ArgName("ports")->Arg(128);
+BENCHMARK_TEMPLATE(BM_ReviewQueue, FloorQueue)->ArgName("ports")->Arg(128);
 
 }  // namespace
 

@@ -30,7 +30,8 @@ class OrderedBitMap {
   using Major = typename Split::Major;
   using Minor = typename Split::Minor;
   using Bits = BitMap<Minor, bool>;
-  // Each major's bits are owned here and live on the heap, so that a walk's entry may point at them.
+  // Each major's bits are owned here and live on the heap, so that a walk's entry may point at
+  // them.
   using Majors = OrderedMap<Major, Bits*>;
 
  public:
