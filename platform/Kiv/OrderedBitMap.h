@@ -89,11 +89,12 @@ class OrderedBitMap {
      public:
       iterator(const OrderedBitMap* m, MajorIt major, MajorIt end)
           : m_(m), major_(std::move(major)), end_(std::move(end)) {
-        settle(0);
+        settle();
       }
+      // The value is read as the iterator comes to the key, which spares a second lookup of
+      // the key's bits for each entry handed out.
       Entry<K, bool> operator*() const {
-        return Entry<K, bool>{Split::join(at_, DenseKey<Minor>::key(minor_)),
-                              m_->bits(at_)->valueAt(minor_)};
+        return Entry<K, bool>{Split::join(at_, DenseKey<Minor>::key(minor_)), value_};
       }
       // The next present minor of the same major if its bits are still there, else the first of
       // the next major after it.
@@ -102,9 +103,10 @@ class OrderedBitMap {
         std::uint32_t next = b ? b->firstFrom(minor_ + 1) : Bits::kEnd;
         if (next != Bits::kEnd) {
           minor_ = next;
+          value_ = b->valueAt(next);
         } else {
           ++major_;
-          settle(0);
+          settle();
         }
         return *this;
       }
@@ -113,15 +115,15 @@ class OrderedBitMap {
       }
 
      private:
-      // The first present key at or after `from` in the major the outer walk stands on, or in
-      // the ones after it.
-      void settle(std::uint32_t from) {
-        for (; !(major_ == end_); ++major_, from = 0) {
+      // The first present key of the major the outer walk stands on, or of the ones after it.
+      void settle() {
+        for (; !(major_ == end_); ++major_) {
           auto e = *major_;
-          std::uint32_t i = e.value->firstFrom(from);
+          std::uint32_t i = e.value->firstFrom(0);
           if (i == Bits::kEnd) continue;
           at_ = e.key;
           minor_ = i;
+          value_ = e.value->valueAt(i);
           return;
         }
         done_ = true;
@@ -131,6 +133,7 @@ class OrderedBitMap {
       MajorIt end_;
       Major at_{};
       std::uint32_t minor_ = 0;
+      bool value_ = false;
       bool done_ = false;
     };
 

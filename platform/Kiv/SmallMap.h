@@ -308,11 +308,16 @@ class SmallMap {
   void reset() {
     freeBlock();
     if constexpr (N > 0) {
-      counts_ = Counts{};
-      for (Slot& slot : room_.inline_) ::new (&slot) Slot{};
+      emptyInline();
     } else {
       block_ = nullptr;
     }
+  }
+
+  // No entries, inline ones, and the room's address of a heap block forgotten.
+  void emptyInline() {
+    counts_ = Counts{};
+    for (Slot& slot : room_.inline_) ::new (&slot) Slot{};
   }
 
   // A copy holds the live entries, in order.
@@ -337,8 +342,7 @@ class SmallMap {
     if constexpr (N > 0) {
       counts_ = o.counts_;
       std::memcpy(static_cast<void*>(&room_), static_cast<const void*>(&o.room_), sizeof room_);
-      o.counts_ = Counts{};
-      for (Slot& slot : o.room_.inline_) ::new (&slot) Slot{};
+      o.emptyInline();
     } else {
       block_ = std::exchange(o.block_, nullptr);
     }
